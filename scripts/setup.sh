@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that the client, its tests and its local server
+# need. Safe to run again: it installs only what is missing.
+set -euo pipefail
+
+packages=(
+  build-essential cmake pkg-config ccache
+  libxml2-dev zlib1g-dev libminizip-dev libcurl4-openssl-dev libssl-dev uuid-dev
+  libutf8proc-dev libcpp-httplib-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  openssl xxd
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$package")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "setup: all packages are installed"
+  exit 0
+fi
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then
+  sudo="sudo"
+fi
+echo "setup: installing ${missing[*]}"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,71 @@
+#include "HeadlessApp.h"
+
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <iostream>
+
+#include "AppDelegate.h"
+#include "CVEventLogger.h"
+#include "CVStaticHelpers.h"
+#include "Clock.h"
+#include "ConnectionService.h"
+#include "FileOperationDispatcher.h"
+#include "HeadlessStatusSink.h"
+#include "PollMainLoop.h"
+#include "Version.h"
+
+HeadlessApp::HeadlessApp(const CommandLine& options) : options_(options) {}
+
+int HeadlessApp::Run() {
+  // The console shows the status lines; the full log stays in the log files.
+  CVEventLogger::SetConsoleEcho(false);
+  Clock clock(options_.timeScale);
+  PollMainLoop loop(clock);
+  HeadlessStatusSink status(std::cout);
+  OfflineConnectionService connection;
+  NoFileOperations dispatcher;
+
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  int signalFd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+
+  int exitCode = kExitInStep;
+  {
+    AppDelegate app(AppDelegate::Dependencies{clock, loop, status, connection, dispatcher,
+                                              CORVALINK_VERSION, nullptr, nullptr});
+    if (signalFd >= 0) {
+      loop.AddReadWatch(signalFd, [&] {
+        signalfd_siginfo info;
+        ssize_t got = read(signalFd, &info, sizeof info);
+        (void)got;
+        loop.Quit(kExitInStep);
+      });
+    }
+    if (options_.once) {
+      app.SetPassFinishedHandler([&loop](AppDelegate::PassOutcome outcome) {
+        loop.Post([&loop, outcome] {
+          loop.Quit(outcome == AppDelegate::PassOutcome::InStep ? kExitInStep : kExitErrors);
+        });
+      });
+    }
+    if (!app.applicationDidFinishLaunching()) {
+      std::cout << "No account is configured. Set Url, UserName and Password in "
+                << CVStaticHelpers::GenerateSettingsPath() << "/Configuration.xml"
+                << " (or sign in with the desktop client), then start again." << std::endl;
+      app.applicationWillTerminate();
+      exitCode = kExitNoAccount;
+    } else {
+      std::cout << "Corvalink Sync " << CORVALINK_VERSION << " running without windows; logs in "
+                << CVStaticHelpers::GenerateSettingsPath() << "/CVLogger" << std::endl;
+      exitCode = loop.Run();
+      app.applicationWillTerminate();
+    }
+  }
+  if (signalFd >= 0) close(signalFd);
+  return exitCode;
+}

@@ -1,0 +1,33 @@
+// corvalink-sync: the desktop sync client, or with --headless the same client
+// without windows.
+
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "CommandLine.h"
+#include "HeadlessApp.h"
+#include "Version.h"
+
+int main(int argc, char** argv) {
+  std::vector<std::string> arguments(argv + 1, argv + argc);
+  std::string error;
+  auto options = CommandLine::Parse(arguments, error);
+  if (!options) {
+    std::cerr << "corvalink-sync: " << error << "\n\n" << CommandLine::Usage();
+    return 64;
+  }
+  if (options->showHelp) {
+    std::cout << CommandLine::Usage();
+    return 0;
+  }
+  if (options->showVersion) {
+    std::cout << "corvalink-sync " << CORVALINK_VERSION << '\n';
+    return 0;
+  }
+  if (!options->headless) {
+    std::cerr << "corvalink-sync: this build has no desktop part; run it with --headless\n";
+    return 64;
+  }
+  return HeadlessApp(*options).Run();
+}

@@ -1,0 +1,48 @@
+#include "WorkerThreads.h"
+
+void WorkerThreads::Start(std::function<void()> job) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ReapLocked();
+  auto done = std::make_shared<std::atomic<bool>>(false);
+  workers_.push_back(Worker{std::thread([job = std::move(job), done] {
+                              job();
+                              *done = true;
+                            }),
+                            done});
+}
+
+void WorkerThreads::ReapLocked() {
+  for (auto it = workers_.begin(); it != workers_.end();) {
+    if (*it->done) {
+      it->thread.join();
+      it = workers_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+void WorkerThreads::JoinAll() {
+  // A job may start another job while we wait, so take the list in rounds.
+  for (;;) {
+    std::list<Worker> batch;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (workers_.empty()) return;
+      batch.swap(workers_);
+    }
+    for (auto& worker : batch) {
+      if (worker.thread.get_id() == std::this_thread::get_id()) {
+        worker.thread.detach();  // a job that ends its own owner
+      } else {
+        worker.thread.join();
+      }
+    }
+  }
+}
+
+std::size_t WorkerThreads::Running() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ReapLocked();
+  return workers_.size();
+}

@@ -1,0 +1,30 @@
+#pragma once
+// ConnectionService: the server calls of the connection probe and the version
+// question. The session layer implements it over the wire; OfflineConnectionService
+// stands in where no server session exists, and reports every probe as failed.
+
+#include <string>
+
+class ConnectionService {
+ public:
+  // The fixed GUID under which the main token is kept.
+  static constexpr const char* kMainTokenGuid = "4b7e21c0-93d6-4a1f-8c55-2de07f61a9b3";
+
+  virtual ~ConnectionService() = default;
+  // A valid token for the GUID, logging in when none is cached; "" on failure.
+  virtual std::string CheckCVToken(const std::string& guid) = 0;
+  virtual void RemoveCVToken(const std::string& guid) = 0;
+  // "1;A" when the device may sync.
+  virtual std::string GetDeviceStatus(const std::string& token) = 0;
+  virtual void setDevStatus(const std::string& status) = 0;
+  virtual std::string GetVersion() = 0;
+};
+
+class OfflineConnectionService : public ConnectionService {
+ public:
+  std::string CheckCVToken(const std::string& guid) override;
+  void RemoveCVToken(const std::string&) override {}
+  std::string GetDeviceStatus(const std::string&) override { return ""; }
+  void setDevStatus(const std::string&) override {}
+  std::string GetVersion() override { return ""; }
+};

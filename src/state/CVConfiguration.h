@@ -1,0 +1,49 @@
+#pragma once
+// CVConfiguration: the process-wide account and list of storages, read from and
+// written to ".Settings/Configuration.xml". Every walk over fSpSites takes
+// fSpSitesLock or works on a copy made under it.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "CVConnection.h"
+#include "CVSharepoint.h"
+
+class CVConfiguration {
+ public:
+  using SitePtr = std::shared_ptr<CVSharepoint>;
+
+  static CVConfiguration& Instance();
+  // Tests start from a fresh object.
+  static void ResetForTests();
+
+  // Prepares the folders and fills the object from the file.
+  void ReadConfigFromFile();
+  // Writes the file and the side files; returns the document's text.
+  std::string SaveConfigXML();
+
+  SitePtr GetSiteByName(const std::string& name);
+  bool isNameExists(const std::string& name);
+  // A copy of the storage list, made under the lock.
+  std::vector<SitePtr> SitesCopy();
+
+  // The server's part size, installed by the application so that this layer
+  // never calls the server itself. Without one the part size is 0.
+  void SetPartSizeSource(std::function<std::int64_t()> source);
+
+  CVConnection Corvalink;
+  std::vector<SitePtr> fSpSites;
+  std::vector<SitePtr> fSpSitestUploadRequest;
+  bool fIsInAutomaticStartup = false;
+  std::string StoragesFolderPath;
+  std::recursive_mutex fSpSitesLock;
+
+ private:
+  CVConfiguration() = default;
+  std::function<std::int64_t()> partSizeSource_;
+  std::mutex saveLock_;
+};

@@ -1,0 +1,156 @@
+#include "CVEventLogger.h"
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <mutex>
+
+#include "CVStaticHelpers.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::mutex gMainLock;
+std::mutex gSettingsLock;
+std::mutex gExceptionsLock;
+std::mutex gSyncLock;  // the sync and unit test logs share it
+std::mutex gConsoleLock;
+std::atomic<bool> gConsoleEcho{true};
+
+std::string FormatTime(const char* format, bool utc) {
+  std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+  std::tm parts{};
+  if (utc) {
+    gmtime_r(&now, &parts);
+  } else {
+    localtime_r(&now, &parts);
+  }
+  char buffer[64];
+  std::size_t length = std::strftime(buffer, sizeof buffer, format, &parts);
+  return std::string(buffer, length);
+}
+
+std::string LoggerFolder() { return CVStaticHelpers::GenerateSettingsPath() + "/CVLogger"; }
+
+void WriteLocked(std::mutex& lock, const std::string& kindFolder, const std::string& message) {
+  std::lock_guard<std::mutex> guard(lock);
+  std::string file = CVEventLogger::GetCorrectFileName(kindFolder);
+  CVEventLogger::CommonLogWriting(message, file);
+}
+
+}  // namespace
+
+std::string CVEventLogger::DateText() { return FormatTime("%Y-%m-%d %H:%M:%S +0000", true); }
+
+void CVEventLogger::SetConsoleEcho(bool on) { gConsoleEcho = on; }
+
+std::string CVEventLogger::GetCorrectFileName(const std::string& kindFolder) {
+  std::string day = FormatTime("%Y-%m-%d", false);
+  fs::path folder = fs::path(LoggerFolder() + kindFolder) / day;
+  std::error_code error;
+  CVStaticHelpers::CreateSettingsFolder();
+  fs::create_directories(folder, error);
+  std::string candidate;
+  for (int n = 1; n <= 999; ++n) {
+    candidate = (folder / ("LOG " + day + "_" + std::to_string(n) + ".txt")).string();
+    struct stat info {};
+    if (stat(candidate.c_str(), &info) != 0) {
+      if (errno == ENOENT) return candidate;
+      return "";
+    }
+    if (info.st_size < kMaxLogFileSize) return candidate;
+  }
+  return candidate;  // past 999 the last name is used even when full
+}
+
+void CVEventLogger::CommonLogWriting(const std::string& message, const std::string& logName) {
+  try {
+    if (gConsoleEcho) {
+      std::lock_guard<std::mutex> guard(gConsoleLock);
+      std::cerr << message << '\n';
+    }
+    if (logName.empty()) return;
+    std::string line = "\n[" + DateText() + "]: " + message;
+    std::FILE* file = std::fopen(logName.c_str(), "ab");
+    if (!file) return;
+    fchmod(fileno(file), 0600);
+    std::fwrite(line.data(), 1, line.size(), file);
+    std::fclose(file);
+  } catch (...) {
+    // A log line that cannot be written is dropped; logging never stops the caller.
+  }
+}
+
+void CVEventLogger::WriteMainLogMessage(const std::string& message) {
+  WriteLocked(gMainLock, "/CVMainLogs", message);
+}
+void CVEventLogger::WriteSettingsLogMessage(const std::string& message) {
+  WriteLocked(gSettingsLock, "/CVSettingsLogs", message);
+}
+void CVEventLogger::WriteExceptionsLog(const std::string& message) {
+  WriteLocked(gExceptionsLock, "/CVExceptionLogs", message);
+}
+void CVEventLogger::WriteSyncMessage(const std::string& message) {
+  WriteLocked(gSyncLock, "/CVSyncLogs", message);
+}
+void CVEventLogger::WriteUnitTestMessage(const std::string& message) {
+  WriteLocked(gSyncLock, "/CVUnitTest", message);
+}
+void CVEventLogger::WriteMainLogMessageDebug(const std::string&) {}
+
+void CVEventLogger::WriteFSWMark() {
+  try {
+    std::string file = GetCorrectFileName("/CVMainLogs");
+    if (file.empty()) return;
+    std::ofstream out(file, std::ios::app | std::ios::binary);
+    out << "\n--------------------------------------";
+  } catch (...) {
+  }
+}
+
+void CVEventLogger::WriteTestMessage(const std::string& message, const std::string& kindFolder) {
+  CommonLogWriting(message, GetCorrectFileName(kindFolder));
+}
+
+void CVEventLogger::killMyLock() {
+  // The locks are plain process-lifetime mutexes: nothing to release before exit.
+}
+
+void CVEventLogger::LogException(const std::string& className, const std::string& method,
+                                 const std::string& description) {
+  WriteExceptionsLog(className + " - " + method + " -|*Exception: " + description);
+}
+
+void CVEventLogger::LogMethodRun(const std::string& className, const std::string& method) {
+  WriteMainLogMessage(className + " - " + method + " -> MethodRun!");
+}
+
+void CVEventLogger::LogMethodEnd(const std::string& className, const std::string& method) {
+  WriteMainLogMessage(className + " - " + method + " -> MethodEnd!");
+}
+
+void CVEventLogger::DeleteOldLogFolders(int maxAgeDays) {
+  std::error_code error;
+  fs::path root(LoggerFolder());
+  if (!fs::is_directory(root, error)) return;
+  std::time_t cutoff = std::time(nullptr) - static_cast<std::time_t>(maxAgeDays) * 86400;
+  for (const auto& kind : fs::directory_iterator(root, error)) {
+    if (!kind.is_directory(error)) continue;
+    for (const auto& day : fs::directory_iterator(kind.path(), error)) {
+      // Day folders are named yyyy-MM-dd; anything else is not ours to remove.
+      std::string name = day.path().filename().string();
+      std::tm parts{};
+      if (name.size() != 10 || !strptime(name.c_str(), "%Y-%m-%d", &parts)) continue;
+      parts.tm_isdst = -1;
+      std::time_t dayTime = std::mktime(&parts);
+      if (dayTime != -1 && dayTime < cutoff) fs::remove_all(day.path(), error);
+    }
+  }
+}

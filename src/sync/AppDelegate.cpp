@@ -1,0 +1,491 @@
+#include "AppDelegate.h"
+
+#include <uuid/uuid.h>
+
+#include <exception>
+
+#include "CVConfiguration.h"
+#include "CVEventLogger.h"
+#include "CVStaticHelpers.h"
+#include "ConnectionService.h"
+#include "FSW_Queues.h"
+#include "FileOperationDispatcher.h"
+#include "SERVER_Queues.h"
+#include "SmartSync.h"
+#include "StatusSink.h"
+#include "SyncListener.h"
+#include "SyncListenerAddInfo.h"
+#include "UIFunctions.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+constexpr const char* kClass = "AppDelegate";
+
+std::string NewUuid() {
+  uuid_t raw;
+  uuid_generate(raw);
+  char text[37];
+  uuid_unparse_lower(raw, text);
+  return text;
+}
+
+std::int64_t SteadyNanos(const Clock& clock) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(clock.SteadyNow().time_since_epoch())
+      .count();
+}
+}  // namespace
+
+AppDelegate::AppDelegate(Dependencies d)
+    : clock_(d.clock),
+      mainLoop_(d.mainLoop),
+      status_(d.status),
+      connection_(d.connection),
+      dispatcher_(d.dispatcher),
+      version_(std::move(d.version)),
+      makeServerQueues_(std::move(d.makeServerQueues)),
+      makeFSWQueues_(std::move(d.makeFSWQueues)) {}
+
+AppDelegate::~AppDelegate() {
+  if (timersRunning_) {
+    mainLoop_.CancelTimer(syncTimer_);
+    mainLoop_.CancelTimer(fswTimer_);
+  }
+  if (mainSyncObject_) mainSyncObject_->StopMainSyncThread();
+  workers_.JoinAll();
+  SyncListener::SetSyncNewEnableHandler(nullptr);
+  mainSyncObject_.reset();
+}
+
+bool AppDelegate::applicationDidFinishLaunching() {
+  SyncListenerAddInfo::CreateStaticInstance();
+  CVEventLogger::DeleteOldLogFolders();
+  CVEventLogger::WriteMainLogMessage("\n***** Application started, v." + version_ + " ****");
+  CVEventLogger::WriteMainLogMessage(CVEventLogger::DateText());
+
+  isSyncManagerOn = true;
+  SyncListener::SetSyncNewEnableHandler([this](bool hidden) { SyncNewEnable(hidden); });
+  isAppOffline = true;
+  isCheckingConnection = false;
+  needToRestartNFQ = false;
+  isSyncRunning = false;
+  syncWasPaused = false;
+  SetStatusIcon(1);
+
+  CVConfiguration& config = CVConfiguration::Instance();
+  config.ReadConfigFromFile();
+  initializeRules();
+
+  if (config.Corvalink.Url.empty() && config.Corvalink.UserName.empty() &&
+      config.Corvalink.Password.empty()) {
+    CVEventLogger::WriteMainLogMessage("No account is configured: the login must come first");
+    return false;
+  }
+  FinishAppLaunchNewSync();
+  return true;
+}
+
+void AppDelegate::initializeRules() {
+  CVEventLogger::WriteMainLogMessage(
+      "initializeRules: the selective sync store is not part of this build; no rules to make good");
+}
+
+void AppDelegate::FinishAppLaunchNewSync() {
+  initAndRunSync();
+  // Local changes that the last run had not finished come back from NewFiles.xml
+  // once that file has a reader; until then the queue starts empty.
+  workers_.Start([this] { GetWebServiceVersionAgain(); });
+}
+
+void AppDelegate::initAndRunSync() {
+  StartFSWsForCorvalink();
+  StartSyncTimer();
+  StartFSWTimer();
+  CreateSyncEngine();
+}
+
+void AppDelegate::CreateSyncEngine() {
+  auto serverQueues = makeServerQueues_ ? makeServerQueues_() : nullptr;
+  auto fswQueues = makeFSWQueues_ ? makeFSWQueues_() : nullptr;
+  mainSyncObject_ =
+      std::make_unique<SmartSync>(*this, dispatcher_, std::move(serverQueues), std::move(fswQueues));
+  mainSyncObject_->RunSyncThread();
+}
+
+void AppDelegate::StartSyncTimer() {
+  syncTimer_ = mainLoop_.AddTimer(kSyncTimerPeriod, [this] { SyncNowThread(); }, true);
+  timersRunning_ = true;
+}
+
+void AppDelegate::StartFSWTimer() {
+  fswTimer_ = mainLoop_.AddTimer(kFSWTimerPeriod, [this] { FSWTimerThread(); }, true);
+  timersRunning_ = true;
+}
+
+void AppDelegate::SyncNowThread() {
+  // While offline every tick asks, whatever the loop is doing: otherwise a loop
+  // held by the offline state could keep the client offline for good.
+  if (!mainSyncWorking || isAppOffline) SyncNow();
+}
+
+void AppDelegate::syncNowCommand() {
+  CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - syncNowCommand -> Sync now pressed");
+  ResetSyncTime();
+  SyncNow();
+}
+
+void AppDelegate::SyncNow() {
+  if (!mainSyncObject_) return;
+  auto pass = std::make_shared<CancelFlag>();
+  mainSyncObject_->SetStoragesThread(pass);
+  workers_.Start([this, pass] { SyncNowSeparatedSelector(pass); });
+}
+
+void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
+  SmartSync* sync = mainSyncObject_.get();
+  if (!sync) return;
+  FSW_Queues& fsw = sync->fswQueue();
+  SERVER_Queues& server = sync->serverQueue();
+
+  bool localThrough = fsw.RawCount() == 0;
+  if (localThrough) {
+    std::lock_guard<std::mutex> lock(fsw.FSW_FQ_Lock);
+    localThrough = !(sync->fswQueueIndex < static_cast<std::int32_t>(fsw.FQ_FilteredQueue.size()));
+  }
+  bool mayRun = false;
+  if (localThrough) {
+    // Test and set in one critical section: two passes never run together.
+    std::lock_guard<std::mutex> lock(sync->Sync_Lock);
+    if (!isSyncRunning && !syncWasPaused && !isSettingsApplying) {
+      isSyncRunning = true;
+      mayRun = true;
+    }
+  }
+  if (!mayRun) {
+    // The loop is held while offline; the probe must not wait for it.
+    if (isAppOffline && !syncWasPaused && !CheckCVConnection()) ReportPass(PassOutcome::Offline);
+    return;
+  }
+
+  sync->forceStopSync = false;
+  SyncListener::SendSyncStateChangedNotification(1);
+  std::string passId = NewUuid();
+  CVEventLogger::WriteMainLogMessage("[SyncNowSeparatedSelector] called\n" + passId);
+  sync->syncedWithSomeErrors = false;
+
+  std::optional<PassOutcome> outcome;
+  try {
+    if (!CheckCVConnection()) {
+      outcome = PassOutcome::Offline;
+    } else {
+      CVConfiguration& config = CVConfiguration::Instance();
+      auto sites = config.SitesCopy();
+      {
+        std::lock_guard<std::mutex> lock(fsw.FSW_FQ_Lock);
+        if (sync->fswQueueIndex < 1 ||
+            sync->fswQueueIndex > static_cast<std::int32_t>(fsw.FQ_FilteredQueue.size())) {
+          sync->fswQueueIndex = 0;  // once more over the local entries that failed
+        }
+      }
+      std::int64_t passDate = clock_.WallNowSeconds();
+      int storagesWithErrors = 0;
+      bool cancelled = false;
+      for (std::size_t index = 0; index < sites.size(); ++index) {
+        SyncListener::SendSyncNumberChangedNotification(static_cast<std::int32_t>(index));
+        std::string name;
+        bool due;
+        {
+          std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
+          CVSharepoint& site = *sites[index];
+          name = site.Name;
+          auto now = clock_.SteadyNow();
+          auto interval = clock_.Scaled(std::chrono::seconds(config.Corvalink.SyncCV * 60));
+          auto dueDate = site.prevFireDate == Clock::Steady::time_point::min()
+                             ? site.prevFireDate
+                             : site.prevFireDate +
+                                   std::chrono::duration_cast<Clock::Steady::duration>(interval);
+          due = !(now < dueDate);
+          if (due) site.prevFireDate = now;
+        }
+        if (!due) continue;
+
+        sync->SetCurrentStorageName(name);
+        server.ClearServerQueues();
+        {
+          std::lock_guard<std::mutex> lock(server.compareLock);
+          server.Fill_NFQ_ForStorage(name);
+          if (pass->IsCancelled()) {
+            cancelled = true;
+            break;
+          }
+          if (!server.siteOffline) server.FilterNFQ(name);
+        }
+        if (!server.siteOffline) {
+          sync->SetSQInProcess();
+          sync->WaitForSQProcessEnding(pass.get());
+          if (pass->IsCancelled()) {
+            cancelled = true;
+            break;
+          }
+          if (!sync->syncMainThreadShouldRun || !sync->mainLoopIsRunning) break;
+          CVEventLogger::WriteMainLogMessage("WaitForSQProcessEnding method FINISHED");
+        }
+        if (sync->syncedWithSomeErrors) ++storagesWithErrors;
+        if (isSettingsApplying) break;
+      }
+      sync->SetCurrentStorageName("");
+      if (!cancelled) {
+        if (storagesWithErrors > 0) {
+          SetTooltip("Corvalink Sync. Synced with errors.");
+          SetStatusIcon(6);
+          SyncListener::SendSyncStateChangedNotification(0);
+          outcome = PassOutcome::WithErrors;
+        } else {
+          config.Corvalink.LastSync = passDate;
+          config.SaveConfigXML();
+          if (!sync->requiresQueueRefill) {
+            std::string when = CVStaticHelpers::FormatDateTime(passDate);
+            SetTooltip("Last synchronization: " + when);
+            SetStatusIcon(2);
+            SyncListener::SendSyncStateChangedNotification(0);
+            mainLoop_.RunOnMain([&status = status_, when] {
+              status.SetSyncNowTitle("Sync now (last update at " + when + ")");
+            });
+          }
+          outcome = PassOutcome::InStep;
+        }
+      }
+    }
+  } catch (const std::exception& error) {
+    CVEventLogger::LogException(kClass, "SyncNowSeparatedSelector", error.what());
+    outcome = PassOutcome::WithErrors;
+  }
+  isSyncRunning = false;
+  CVEventLogger::WriteMainLogMessage(passId);
+  sync->serverQueue().firstTimeSyncPerformed = true;
+  if (outcome) ReportPass(*outcome);
+}
+
+void AppDelegate::ResetSyncTime() {
+  CVConfiguration& config = CVConfiguration::Instance();
+  std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
+  for (auto& site : config.fSpSites) site->prevFireDate = Clock::Steady::time_point::min();
+}
+
+void AppDelegate::ResetSyncTime2() {
+  CVConfiguration& config = CVConfiguration::Instance();
+  auto now = clock_.SteadyNow();
+  std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
+  for (auto& site : config.fSpSites) site->prevFireDate = now;
+}
+
+void AppDelegate::pauseSync() {
+  if (!syncWasPaused) {
+    CVEventLogger::WriteMainLogMessage("Sync paused by the user");
+    syncWasPaused = true;
+    mainLoop_.RunOnMain([&status = status_] {
+      status.SetPauseTitle("Start sync");
+      status.SetSyncNowHidden(true);
+    });
+    SetTooltip("Corvalink Sync. Synchronization paused.");
+    mainLoop_.RunOnMain([&status = status_] { UIFunctions::NotificationSyncPaused(status); });
+  } else {
+    CVEventLogger::WriteMainLogMessage("Sync resumed by the user");
+    syncWasPaused = false;
+    mainLoop_.RunOnMain([&status = status_] {
+      status.SetPauseTitle("Pause sync");
+      status.SetSyncNowHidden(false);
+    });
+    SetTooltip("Corvalink Sync");
+    ResetSyncTime();
+    SyncNow();
+  }
+}
+
+bool AppDelegate::CheckCVConnection() {
+  if (isCheckingConnection) {
+    CVEventLogger::WriteMainLogMessage("Connection checking is already in progress...");
+    while (isCheckingConnection) clock_.Sleep(300ms);
+    CVEventLogger::WriteMainLogMessage("..checked");
+    clock_.Sleep(100ms);
+    return !isAppOffline;
+  }
+  isCheckingConnection = true;
+  // Cleared on every way out, an exception included.
+  struct Guard {
+    std::atomic<bool>& flag;
+    ~Guard() { flag = false; }
+  } guard{isCheckingConnection};
+  try {
+    CVEventLogger::WriteMainLogMessage("Starting to check CV Connection");
+    bool succeeded = false;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      CVEventLogger::WriteMainLogMessage("CheckCVConnection ATTEMPT " + std::to_string(attempt));
+      std::string token = connection_.CheckCVToken(ConnectionService::kMainTokenGuid);
+      lastCVConnCheckTime = clock_.WallNowSeconds();
+      if (token.empty()) break;
+      std::string status = connection_.GetDeviceStatus(token);
+      connection_.setDevStatus(status);
+      CVEventLogger::WriteMainLogMessage("CheckCVConnection DEVSTATUS: " + status);
+      if (status == "1;A") {
+        if (isAppOffline) {
+          SetTooltip("Corvalink Sync");
+          SetStatusIcon(2);
+        }
+        isAppOffline = false;
+        succeeded = true;
+        break;
+      }
+      if (attempt == 0) connection_.RemoveCVToken(ConnectionService::kMainTokenGuid);
+    }
+    isCheckingConnection = false;
+    if (!succeeded && !isAppOffline.exchange(true)) {
+      SetTooltip("Corvalink offline. Please check network connection or Corvalink credentials.");
+      mainLoop_.RunOnMain([&status = status_] { UIFunctions::NotificationOffline(status); });
+      SetStatusIcon(4);
+    }
+    return succeeded;
+  } catch (const std::exception& error) {
+    CVEventLogger::LogException(kClass, "CheckCVConnection", error.what());
+    return false;
+  }
+}
+
+std::string AppDelegate::GetWebServiceVersion(bool again) {
+  if (again) return GetWebServiceVersionAgain();
+  std::lock_guard<std::mutex> lock(versionLock_);
+  return webServiceVersion_;
+}
+
+std::string AppDelegate::GetWebServiceVersionAgain() {
+  if (CheckCVConnection()) {
+    std::string version = connection_.GetVersion();
+    std::lock_guard<std::mutex> lock(versionLock_);
+    webServiceVersion_ = version;
+  }
+  std::lock_guard<std::mutex> lock(versionLock_);
+  return webServiceVersion_;
+}
+
+void AppDelegate::FSWTimerThread() {
+  workers_.Start([this] { FSWTimerSeparatedThread(); });
+}
+
+void AppDelegate::FSWTimerSeparatedThread() {
+  SmartSync* sync = mainSyncObject_.get();
+  if (!sync || !fswEventsHappened) return;
+  auto quiet = clock_.Unscaled(std::chrono::nanoseconds(SteadyNanos(clock_) - lastFWSEventTimeStamp));
+  // Whole seconds of quiet count: 4.9 seconds are too few.
+  if (std::chrono::duration_cast<std::chrono::seconds>(quiet) < 5s) return;
+  {
+    std::lock_guard<std::mutex> lock(sync->Sync_Lock);
+    if (sync->fswQueueInProcess) return;
+    sync->fswQueueInProcess = true;
+  }
+  // Cleared only after winning the filter, so no event is forgotten.
+  fswEventsHappened = false;
+  needToRestartNFQ = false;
+  for (;;) {
+    bool operationRunning;
+    {
+      std::lock_guard<std::mutex> lock(sync->Sync_Lock);
+      operationRunning = sync->fswOperationInProcess;
+    }
+    if (operationRunning) {
+      clock_.Sleep(200ms);
+      continue;
+    }
+    sync->fswQueue().FilterCurrentQueue();
+    if (needToRestartNFQ.exchange(false)) continue;
+    std::lock_guard<std::mutex> lock(sync->fswQueue().FSW_FQ_Lock);
+    sync->fswQueueIndex = 0;
+    break;
+  }
+  std::lock_guard<std::mutex> lock(sync->Sync_Lock);
+  sync->fswQueueInProcess = false;
+}
+
+void AppDelegate::StartFSWsForCorvalink() {
+  CVEventLogger::WriteMainLogMessage(
+      "StartFSWsForCorvalink: the file system watcher is not part of this build; local changes "
+      "are found by the comparison");
+}
+
+void AppDelegate::StopFSWsForStorages() {}
+
+void AppDelegate::NoteFSWEvent() {
+  lastFWSEventTimeStamp = SteadyNanos(clock_);
+  fswEventsHappened = true;
+}
+
+void AppDelegate::ApplySettings(const std::function<void()>& change) {
+  isSettingsApplying = true;
+  StopFSWsForStorages();
+  if (mainSyncObject_) {
+    mainSyncObject_->StopMainSyncThread();
+    while (mainSyncObject_->syncMainThreadShouldRun) clock_.Sleep(30ms);
+  }
+  try {
+    change();
+  } catch (const std::exception& error) {
+    CVEventLogger::LogException(kClass, "ApplySettings", error.what());
+  }
+  StartFSWsForCorvalink();
+  if (mainSyncObject_) mainSyncObject_->RunSyncThread();
+  isSettingsApplying = false;
+}
+
+void AppDelegate::applicationWillTerminate() {
+  CVEventLogger::WriteMainLogMessage("\n***** Application ended ****");
+  CVEventLogger::WriteMainLogMessage(CVEventLogger::DateText());
+  StopFSWsForStorages();
+  CVEventLogger::killMyLock();
+}
+
+void AppDelegate::SetStatusIcon(int state) {
+  mainLoop_.RunOnMain([&status = status_, state] { status.SetStatusIcon(state); });
+}
+
+void AppDelegate::SetTooltip(const std::string& text) {
+  mainLoop_.RunOnMain([&status = status_, text] { status.SetTooltip(text); });
+}
+
+void AppDelegate::SyncNewEnable(bool hidden) {
+  CVEventLogger::WriteMainLogMessage(std::string(kClass) +
+                                     " - SyncNewEnable -> SyncNew button enable/desable statEnable: " +
+                                     std::to_string(hidden ? 1 : 0));
+  mainLoop_.RunOnMain([&status = status_, hidden] { status.SetSyncNowHidden(hidden); });
+}
+
+void AppDelegate::NotifySyncError() {
+  mainLoop_.RunOnMain([&status = status_] { UIFunctions::NotificationSyncError(status); });
+}
+
+void AppDelegate::AddFileInProgress(const std::string& path) {
+  std::lock_guard<std::recursive_mutex> lock(FilesInProgressLock);
+  filesInProgress[path] = "1";
+}
+
+void AppDelegate::RemoveFileInProgress(const std::string& path) {
+  std::lock_guard<std::recursive_mutex> lock(FilesInProgressLock);
+  filesInProgress.erase(path);
+}
+
+bool AppDelegate::IsFileInProgress(const std::string& path) {
+  std::lock_guard<std::recursive_mutex> lock(FilesInProgressLock);
+  return filesInProgress.count(path) > 0;
+}
+
+void AppDelegate::SetPassFinishedHandler(std::function<void(PassOutcome)> handler) {
+  std::lock_guard<std::mutex> lock(handlerLock_);
+  passFinished_ = std::move(handler);
+}
+
+void AppDelegate::ReportPass(PassOutcome outcome) {
+  std::function<void(PassOutcome)> handler;
+  {
+    std::lock_guard<std::mutex> lock(handlerLock_);
+    handler = passFinished_;
+  }
+  if (handler) handler(outcome);
+}

@@ -1,0 +1,150 @@
+#pragma once
+// AppDelegate: the root object of the client. It starts everything in its fixed
+// order, owns the flags and locks that several subsystems share and the two timers,
+// and runs the scheduler (SyncNowSeparatedSelector) that walks the due storages,
+// compares each with the server and waits until the main loop has done the work.
+// Timers and hops run on the main loop's thread; passes, probes and filter ticks
+// run on worker threads of their own.
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "Clock.h"
+#include "MainLoop.h"
+#include "WorkerThreads.h"
+
+class ConnectionService;
+class FileOperationDispatcher;
+class SERVER_Queues;
+class FSW_Queues;
+class SmartSync;
+class StatusSink;
+
+class AppDelegate {
+ public:
+  struct Dependencies {
+    Clock& clock;
+    MainLoop& mainLoop;
+    StatusSink& status;
+    ConnectionService& connection;
+    FileOperationDispatcher& dispatcher;
+    std::string version;
+    // Builds the queues of the sync engine; tests put fakes here.
+    std::function<std::unique_ptr<SERVER_Queues>()> makeServerQueues;
+    std::function<std::unique_ptr<FSW_Queues>()> makeFSWQueues;
+  };
+
+  // How a pass ended, for whoever waits on one (the --once run).
+  enum class PassOutcome { InStep, WithErrors, Offline };
+
+  static constexpr std::chrono::seconds kSyncTimerPeriod{40};
+  static constexpr std::chrono::seconds kFSWTimerPeriod{5};
+
+  explicit AppDelegate(Dependencies dependencies);
+  ~AppDelegate();
+  AppDelegate(const AppDelegate&) = delete;
+  AppDelegate& operator=(const AppDelegate&) = delete;
+
+  // Start in the fixed order. Gives false when no account is configured and the
+  // login must come first.
+  bool applicationDidFinishLaunching();
+  void applicationWillTerminate();
+  void initializeRules();
+  void FinishAppLaunchNewSync();
+  void initAndRunSync();
+  // Makes the sync engine (SmartSync) and starts its loop thread.
+  void CreateSyncEngine();
+  void StartSyncTimer();
+  void StartFSWTimer();
+
+  // The 40-second tick.
+  void SyncNowThread();
+  // "Sync now" of the menu.
+  void syncNowCommand();
+  void SyncNow();
+  void SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass);
+  void ResetSyncTime();
+  void ResetSyncTime2();
+  void pauseSync();
+  bool CheckCVConnection();
+  std::string GetWebServiceVersion(bool again);
+  std::string GetWebServiceVersionAgain();
+
+  // The 5-second tick and its thread: filter the raw events after 5 quiet seconds.
+  void FSWTimerThread();
+  void FSWTimerSeparatedThread();
+  // The file system watcher of the storages.
+  void StartFSWsForCorvalink();
+  void StopFSWsForStorages();
+  // Records that a watcher event was queued now.
+  void NoteFSWEvent();
+
+  // A change of the storage list: stop the watcher and the loop, change, restart.
+  // Blocks; run it on a worker thread, never on the main thread.
+  void ApplySettings(const std::function<void()>& change);
+
+  // Status item and texts; callable from any thread, hop to the main thread.
+  void SetStatusIcon(int state);
+  void SetTooltip(const std::string& text);
+  void SyncNewEnable(bool hidden);
+  void NotifySyncError();
+
+  // filesInProgress: paths the sync itself is changing.
+  void AddFileInProgress(const std::string& path);
+  void RemoveFileInProgress(const std::string& path);
+  bool IsFileInProgress(const std::string& path);
+
+  void SetPassFinishedHandler(std::function<void(PassOutcome)> handler);
+
+  Clock& clock() { return clock_; }
+  MainLoop& mainLoop() { return mainLoop_; }
+  SmartSync* mainSyncObject() { return mainSyncObject_.get(); }
+  ConnectionService& connection() { return connection_; }
+
+  std::atomic<bool> isSyncManagerOn{false};
+  std::atomic<bool> settingsApplyingInProgressNow{false};
+  std::atomic<bool> isSettingsApplying{false};
+  std::atomic<bool> needToRestartNFQ{false};
+  std::atomic<bool> syncWasPaused{false};
+  std::atomic<bool> isSyncRunning{false};
+  std::atomic<bool> mainSyncWorking{false};
+  std::atomic<bool> isAppOffline{true};
+  std::atomic<bool> isCheckingConnection{false};
+  std::atomic<bool> fswEventsHappened{false};
+  // Steady-clock time of the last queued watcher event, in nanoseconds.
+  std::atomic<std::int64_t> lastFWSEventTimeStamp{0};
+  std::atomic<std::int64_t> lastCVConnCheckTime{0};  // seconds since 1970
+
+  std::recursive_mutex FilesInProgressLock;
+  std::map<std::string, std::string> filesInProgress;
+
+ private:
+  void ReportPass(PassOutcome outcome);
+
+  Clock& clock_;
+  MainLoop& mainLoop_;
+  StatusSink& status_;
+  ConnectionService& connection_;
+  FileOperationDispatcher& dispatcher_;
+  std::string version_;
+  std::function<std::unique_ptr<SERVER_Queues>()> makeServerQueues_;
+  std::function<std::unique_ptr<FSW_Queues>()> makeFSWQueues_;
+
+  std::unique_ptr<SmartSync> mainSyncObject_;
+  MainLoop::TimerId syncTimer_ = 0;
+  MainLoop::TimerId fswTimer_ = 0;
+  bool timersRunning_ = false;
+
+  std::mutex versionLock_;
+  std::string webServiceVersion_;
+  std::mutex handlerLock_;
+  std::function<void(PassOutcome)> passFinished_;
+
+  // Declared last: joined first when the object goes away.
+  WorkerThreads workers_;
+};

@@ -1,0 +1,25 @@
+#pragma once
+// FileOperationDispatcher: carries out one work item of the main loop and gives
+// its result code. The per-file operations implement it; the loop knows only this.
+
+#include <cstdint>
+
+#include "SyncRecords.h"
+
+class SmartSync;
+
+class FileOperationDispatcher {
+ public:
+  virtual ~FileOperationDispatcher() = default;
+  virtual std::int32_t PerformNextFileOperation(SmartSync& sync, CVFileWithAction& item) = 0;
+  // Asks the running transfer or server operation to end; returns at once.
+  virtual void StopCurrentAction() {}
+  virtual void StopDownloading() {}
+};
+
+// Used until the per-file operations exist: logs the item and reports that the
+// action has no operation, so the loop and its queues can run end to end.
+class NoFileOperations : public FileOperationDispatcher {
+ public:
+  std::int32_t PerformNextFileOperation(SmartSync& sync, CVFileWithAction& item) override;
+};

@@ -1,0 +1,412 @@
+#include "SmartSync.h"
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <exception>
+#include <filesystem>
+
+#include "AppDelegate.h"
+#include "CVConfiguration.h"
+#include "CVEventLogger.h"
+#include "CVStaticHelpers.h"
+#include "FileOperationDispatcher.h"
+#include "SyncListener.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+constexpr const char* kClass = "SmartSync";
+}
+
+SmartSync::SmartSync(AppDelegate& app, FileOperationDispatcher& dispatcher,
+                     std::unique_ptr<SERVER_Queues> serverQueue,
+                     std::unique_ptr<FSW_Queues> fswQueue)
+    : app_(app),
+      dispatcher_(dispatcher),
+      fswQueue_(fswQueue ? std::move(fswQueue) : std::make_unique<FSW_Queues>()),
+      serverQueue_(serverQueue ? std::move(serverQueue) : std::make_unique<SERVER_Queues>()) {}
+
+SmartSync::~SmartSync() {
+  {
+    std::lock_guard<std::mutex> lock(Sync_Lock);
+    syncMainThreadShouldRun = false;
+  }
+  dispatcher_.StopCurrentAction();
+  dispatcher_.StopDownloading();
+  loopThreads_.JoinAll();
+}
+
+void SmartSync::RunSyncThread() {
+  {
+    std::lock_guard<std::mutex> lock(Sync_Lock);
+    if (mainLoopIsRunning) return;
+    currentAction = -1;
+    syncMainThreadShouldRun = true;
+  }
+  serverQueue_->ClearServerQueues();
+  loopThreads_.Start([this] { Sync(); });
+}
+
+void SmartSync::SetStoragesThread(std::shared_ptr<CancelFlag> pass) {
+  std::lock_guard<std::mutex> lock(passLock_);
+  storagesSyncThread_ = std::move(pass);
+}
+
+void SmartSync::StopMainSyncThread() {
+  {
+    std::lock_guard<std::mutex> lock(passLock_);
+    if (storagesSyncThread_) storagesSyncThread_->Cancel();
+    storagesSyncThread_.reset();
+  }
+  {
+    std::lock_guard<std::mutex> lock(Sync_Lock);
+    syncMainThreadShouldRun = false;
+    if (!mainLoopIsRunning) return;  // both queues stay as they are
+  }
+  StopCurrentOperation();
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(Sync_Lock);
+      if (!mainLoopIsRunning) break;
+    }
+    app_.clock().Sleep(200ms);
+  }
+  sqInProcess = false;
+  serverQueue_->ClearServerQueues();
+  SyncListener::SendSyncStateChangedNotification(0);
+  CVEventLogger::WriteMainLogMessage("SERVER QUEUE CLEARED (1)");
+}
+
+void SmartSync::StopCurrentOperation() {
+  std::int32_t action = currentAction;
+  switch (action) {
+    case 0: case 1: case 3: case 4: case 5: case 8:
+      CVEventLogger::WriteMainLogMessage(
+          std::string("Trying to stop current sync operation.\nCurrently running:\n") +
+          FWAActionName(action));
+      dispatcher_.StopCurrentAction();
+      break;
+    case 2:
+      CVEventLogger::WriteMainLogMessage(
+          "Trying to stop current sync operation.\nCurrently running:\nFWA_DownloadFromServer");
+      dispatcher_.StopDownloading();
+      break;
+    default:
+      CVEventLogger::WriteMainLogMessage("Trying to stop current sync operation.\nCurrently running:\n");
+      break;
+  }
+}
+
+void SmartSync::WaitForSQProcessEnding(const CancelFlag* cancel) {
+  while (sqInProcess) {
+    if (cancel && cancel->IsCancelled()) return;
+    app_.clock().Sleep(200ms);
+  }
+}
+
+void SmartSync::SetSQInProcess() {
+  std::lock_guard<std::mutex> lock(serverQueue_->SQ_FQ_Lock);
+  sqInProcess = true;
+}
+
+void SmartSync::ReleaseSchedulerIfQueueEmpty() {
+  // Cleared under SQ_FQ_Lock and only with an empty queue, so that a queue the
+  // scheduler has just filled is never released before it is worked.
+  std::lock_guard<std::mutex> lock(serverQueue_->SQ_FQ_Lock);
+  if (serverQueue_->SQ_ServerQueue.empty()) sqInProcess = false;
+}
+
+std::string SmartSync::CurrentStorageName() {
+  std::lock_guard<std::mutex> lock(nameLock_);
+  return currentStorageName_;
+}
+
+void SmartSync::SetCurrentStorageName(const std::string& name) {
+  std::lock_guard<std::mutex> lock(nameLock_);
+  currentStorageName_ = name;
+}
+
+void SmartSync::AddPath(const std::string& path, bool isFolder) {
+  app_.AddFileInProgress(path);
+  if (!isFolder) return;
+  // Everything below a folder the sync is about to change is the sync's own too.
+  std::error_code error;
+  for (auto it = std::filesystem::recursive_directory_iterator(
+           path, std::filesystem::directory_options::skip_permission_denied, error);
+       !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
+    std::string child = it->path().string();
+    app_.AddFileInProgress(child);
+    app_.AddFileInProgress(child + ".cvtemp");
+  }
+}
+
+CVFileWithAction SmartSync::CreateCVFileWithActionFromNFQFile(const NFQ_File& record) {
+  CVEventLogger::WriteMainLogMessage(std::string(kClass) +
+                                     " - CreateCVFileWithActionFromNFQFile -> File: " +
+                                     record.nFilePath);
+  CVFileWithAction item;
+  item.attemptsCount = static_cast<std::int32_t>(record.attemptCount);
+  item.isFolder = record.isFolder;
+  item.isFSWAction = true;
+  item.oldFilePath = record.oldFilePath;
+  item.nFilePath = record.nFilePath;
+  struct stat info {};
+  if (!item.nFilePath.empty() && lstat(item.nFilePath.c_str(), &info) == 0) {
+    item.dateModified = info.st_mtime;
+    item.fileSize = info.st_size;
+  }
+  item.fileAction = FWAForNFQAction(record.fileAction);
+  CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - CreateCVFileWithActionFromNFQFile -> " +
+                                     NFQActionName(record.fileAction));
+  return item;
+}
+
+std::optional<CVFileWithAction> SmartSync::GetNextFileForProcessing() {
+  bool localAllowed;
+  {
+    std::lock_guard<std::mutex> lock(Sync_Lock);
+    if (fswOperationInProcess || syncOperationInProcess) return std::nullopt;
+    // No local item while the filter rebuilds the queue; a local item taken here
+    // is marked at once, so that a filter starting now waits for it.
+    localAllowed = !fswQueueInProcess;
+    if (localAllowed) fswOperationInProcess = true;
+  }
+  std::optional<CVFileWithAction> local;
+  if (localAllowed) {
+    std::optional<NFQ_File> taken;
+    {
+      std::lock_guard<std::mutex> lock(fswQueue_->FSW_FQ_Lock);
+      auto& queue = fswQueue_->FQ_FilteredQueue;
+      auto size = static_cast<std::int32_t>(queue.size());
+      if (fswQueueIndex >= 0 && fswQueueIndex < size) {
+        NFQ_File& entry = queue[static_cast<std::size_t>(fswQueueIndex)];
+        ++fswQueueIndex;
+        ++entry.attemptCount;
+        taken = entry;
+      } else if (fswQueueIndex <= size) {
+        // The index comes to rest at size + 1: the sign that the queue is through.
+        ++fswQueueIndex;
+      }
+    }
+    if (taken) {
+      local = CreateCVFileWithActionFromNFQFile(*taken);
+    } else {
+      std::lock_guard<std::mutex> lock(Sync_Lock);
+      fswOperationInProcess = false;
+    }
+  }
+  if (local) return local;
+
+  try {
+    std::lock_guard<std::mutex> lock(serverQueue_->SQ_FQ_Lock);
+    auto& queue = serverQueue_->SQ_ServerQueue;
+    if (queue.empty()) return std::nullopt;
+    const CVFileWithAction& head = queue.front();
+    CVFileWithAction item;
+    item.isFolder = head.isFolder;
+    item.oldFilePath = head.oldFilePath;
+    item.nFilePath = head.nFilePath;
+    item.isFSWAction = false;
+    item.dateModified = head.dateModified;
+    item.fileSize = head.fileSize;
+    item.fileAction = head.fileAction;
+    queue.erase(queue.begin());
+    return item;
+  } catch (const std::exception&) {
+    CVEventLogger::WriteExceptionsLog("Exception SmartSync Get next file for Processing");
+    return std::nullopt;
+  }
+}
+
+void SmartSync::RemoveFileFromFSWArrayQueue() {
+  std::lock_guard<std::mutex> lock(fswQueue_->FSW_FQ_Lock);
+  if (fswQueueIndex < 1) {
+    CVEventLogger::WriteMainLogMessage(std::string(kClass) +
+                                       " - RemoveFileFromFSWArrayQueue -> fswQueueIndex == 0");
+    return;
+  }
+  --fswQueueIndex;
+  auto& queue = fswQueue_->FQ_FilteredQueue;
+  if (static_cast<std::size_t>(fswQueueIndex) < queue.size()) {
+    queue.erase(queue.begin() + fswQueueIndex);
+  }
+}
+
+void SmartSync::write_log_inforamtion(const CVFileWithAction& item, bool isFailed) {
+  if (item.isFSWAction) {
+    if (item.fileAction == FWA_RenameFileOnServer) {
+      CVEventLogger::WriteMainLogMessage("_LOC_RENAME:" + item.oldFilePath + " - " + item.nFilePath);
+    } else {
+      CVEventLogger::WriteMainLogMessage("_LOC:" + item.nFilePath + " (" +
+                                         FWAActionName(item.fileAction) + ")");
+    }
+  } else if (isFailed) {
+    CVEventLogger::WriteMainLogMessage("_SRV:" + item.nFilePath + " (" +
+                                       FWAActionName(item.fileAction) + ")");
+  }
+}
+
+void SmartSync::Sync() {
+  {
+    std::lock_guard<std::mutex> lock(Sync_Lock);
+    if (mainLoopIsRunning) return;
+    mainLoopIsRunning = true;
+  }
+  int running = ++syncThreadsNumber;
+  CVEventLogger::WriteMainLogMessage("Main loop thread started! " + std::to_string(running) +
+                                     " thread(s) running");
+  requiresQueueRefill = false;
+  sqInProcess = false;
+  // syncMainThreadShouldRun was set by RunSyncThread; setting it again here would
+  // undo a stop that came before this thread got going.
+  {
+    std::vector<std::string> paths;
+    {
+      std::lock_guard<std::mutex> lock(serverQueue_->SQ_FQ_Lock);
+      for (const auto& item : serverQueue_->SQ_ServerQueue) paths.push_back(item.nFilePath);
+    }
+    for (const auto& path : paths) app_.AddFileInProgress(path);
+  }
+
+  bool workDone = false;
+  for (;;) {
+    try {
+      {
+        std::lock_guard<std::mutex> lock(Sync_Lock);
+        if (!syncMainThreadShouldRun) {
+          sqInProcess = false;
+          mainLoopIsRunning = false;
+          CVEventLogger::WriteMainLogMessage("Main loop thread stopped!");
+          break;
+        }
+      }
+      if (app_.isAppOffline || app_.syncWasPaused) {
+        app_.clock().Sleep(1s);
+        continue;
+      }
+      if (fswQueue_->RawCount() > 0) {
+        // While raw events wait for the filter, no file is touched.
+        app_.clock().Sleep(1s);
+        continue;
+      }
+      if (auto item = GetNextFileForProcessing()) {
+        OneItem(*item);
+        workDone = true;
+        continue;
+      }
+      if (requiresQueueRefill) {
+        Refill();
+        continue;
+      }
+      Idle(workDone);
+    } catch (const std::exception& error) {
+      CVEventLogger::LogException(kClass, "Sync", error.what());
+    } catch (...) {
+      CVEventLogger::LogException(kClass, "Sync", "unknown exception");
+    }
+  }
+  CVEventLogger::LogMethodEnd(kClass, "Sync");
+  --syncThreadsNumber;
+}
+
+void SmartSync::OneItem(CVFileWithAction& item) {
+  {
+    std::lock_guard<std::mutex> lock(Sync_Lock);
+    fswOperationInProcess = item.isFSWAction;
+    syncOperationInProcess = true;
+  }
+  app_.mainSyncWorking = true;
+  struct EndOfItem {
+    SmartSync& sync;
+    ~EndOfItem() {
+      std::lock_guard<std::mutex> lock(sync.Sync_Lock);
+      sync.fswOperationInProcess = false;
+      sync.syncOperationInProcess = false;
+    }
+  } endOfItem{*this};
+
+  if (!queuesNotEmpty) {
+    syncedWithSomeErrors = false;
+    app_.SetStatusIcon(3);
+    app_.SetTooltip("Corvalink Sync. Synchronization in process.");
+    if (item.isFSWAction) {
+      SyncListener::SendSyncStateChangedNotification(2);
+      SyncListener::SendOverallFilesNUmber(static_cast<std::int64_t>(fswQueue_->FilteredCount()));
+    } else {
+      SyncListener::SendSyncStateChangedNotification(1);
+      SyncListener::SendOverallFilesNUmber(static_cast<std::int64_t>(serverQueue_->ServerQueueSize()) + 1);
+    }
+    queuesNotEmpty = true;
+  }
+  if (item.isFSWAction && !requiresQueueRefill) {
+    requiresQueueRefill = true;
+    serverQueue_->ClearServerQueues();
+    CVEventLogger::WriteMainLogMessage("SERVER QUEUE CLEARED");
+    SyncListener::SendSyncStateChangedNotification(2);
+    SyncListener::SendOverallFilesNUmber(static_cast<std::int64_t>(fswQueue_->FilteredCount()));
+  }
+  currentAction = item.fileAction;
+  write_log_inforamtion(item, false);
+  if (item.fileAction == FWA_Nothing) {
+    app_.clock().Sleep(2ms);
+  } else {
+    // The dispatcher handles the result itself (queues, records, error flag).
+    (void)dispatcher_.PerformNextFileOperation(*this, item);
+  }
+  SyncListener::SendOneMoreFileSyncedNotification();
+  currentAction = -1;
+}
+
+void SmartSync::Refill() {
+  requiresQueueRefill = false;
+  std::string storage = CurrentStorageName();
+  // Outside a pass nothing is rebuilt, and only while the scheduler waits for this
+  // storage: a refill under the scheduler's own comparison would race it.
+  if (storage.empty() || !sqInProcess) return;
+  CVEventLogger::WriteMainLogMessage("SERVER QUEUE REFILLING STARTED");
+  {
+    std::lock_guard<std::mutex> lock(serverQueue_->compareLock);
+    serverQueue_->Fill_NFQ_ForStorage(storage);
+    if (!serverQueue_->siteOffline) serverQueue_->FilterNFQ(storage);
+  }
+  std::size_t size = serverQueue_->ServerQueueSize();
+  if (size == 0) return;
+  SyncListener::SendSyncStateChangedNotification(1);
+  SyncListener::SendOverallFilesNUmber(static_cast<std::int64_t>(size) + 1);
+  std::int32_t index = 0;
+  auto sites = CVConfiguration::Instance().SitesCopy();
+  for (std::size_t i = 0; i < sites.size(); ++i) {
+    if (sites[i]->Name == storage) {
+      index = static_cast<std::int32_t>(i);
+      break;
+    }
+  }
+  SyncListener::SendSyncNumberChangedNotification(index);
+}
+
+void SmartSync::Idle(bool& workDone) {
+  ReleaseSchedulerIfQueueEmpty();
+  if (queuesNotEmpty) {
+    app_.SetStatusIcon(2);
+    SyncListener::SendSyncStateChangedNotification(0);
+    queuesNotEmpty = false;
+  }
+  if (workDone) {
+    if (syncedWithSomeErrors) {
+      app_.SetTooltip("Corvalink Sync. Synced with errors.");
+      app_.NotifySyncError();
+      app_.SetStatusIcon(6);
+    } else {
+      std::int64_t lastSync = CVConfiguration::Instance().Corvalink.LastSync;
+      app_.SetTooltip("Last synchronization: " + CVStaticHelpers::FormatDateTime(lastSync));
+      SyncListener::setLastSyncText("Last update at: " +
+                                    CVStaticHelpers::FormatDateTime(app_.clock().WallNowSeconds()));
+      app_.SetStatusIcon(2);
+    }
+    SyncListener::SendSyncStateChangedNotification(0);
+  }
+  app_.mainSyncWorking = false;
+  app_.clock().Sleep(1s);
+  workDone = false;
+}
