@@ -10,10 +10,13 @@
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
 #include "Clock.h"
-#include "ConnectionService.h"
+#include "ASIHTTPRequest.h"
+#include "CVConfiguration.h"
+#include "CVHandler.h"
 #include "FileOperationDispatcher.h"
 #include "HeadlessStatusSink.h"
 #include "PollMainLoop.h"
+#include "SessionConnectionService.h"
 #include "Version.h"
 
 HeadlessApp::HeadlessApp(const CommandLine& options) : options_(options) {}
@@ -21,11 +24,15 @@ HeadlessApp::HeadlessApp(const CommandLine& options) : options_(options) {}
 int HeadlessApp::Run() {
   // The console shows the status lines; the full log stays in the log files.
   CVEventLogger::SetConsoleEcho(false);
-  Clock clock(options_.timeScale);
+  auto sharedClock = std::make_shared<Clock>(options_.timeScale);
+  const Clock& clock = *sharedClock;
+  ASIHTTPRequest::SetClock(sharedClock);
   PollMainLoop loop(clock);
   HeadlessStatusSink status(std::cout);
-  OfflineConnectionService connection;
+  SessionConnectionService connection;
   NoFileOperations dispatcher;
+  CVHandler::Instance().SetAppVersion(CORVALINK_VERSION);
+  CVConfiguration::Instance().SetPartSizeSource([] { return CVHandler::Instance().GetPartSizeNSNumber(); });
 
   sigset_t signals;
   sigemptyset(&signals);

@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "CVConfiguration.h"
+#include "CVTextEscaping.h"
 #include "StatusSink.h"
 
 void UIFunctions::ShowNotificationInTrayWithTitle(StatusSink& sink, const std::string& title,
@@ -29,4 +30,17 @@ void UIFunctions::NotificationOffline(StatusSink& sink) {
 
 void UIFunctions::NotificationSyncError(StatusSink& sink) {
   ShowNotificationInTrayWithTitle(sink, "Corvalink Sync", "Synced with errors");
+}
+
+std::string UIFunctions::URLEncodedString(const std::string& text) {
+  return CVTextEscaping::URLEncodedString(text);
+}
+std::string UIFunctions::URLDecodedString(const std::string& text) {
+  return CVTextEscaping::URLDecodedString(text);
+}
+std::string UIFunctions::AddSpecialSymbols(const std::string& text) {
+  return CVTextEscaping::AddSpecialSymbols(text);
+}
+std::string UIFunctions::ReplaceSpecialSymbols(const std::string& text) {
+  return CVTextEscaping::ReplaceSpecialSymbols(text);
 }

@@ -14,4 +14,10 @@ class UIFunctions {
   static void NotificationSyncPaused(StatusSink& sink);
   static void NotificationOffline(StatusSink& sink);
   static void NotificationSyncError(StatusSink& sink);
+
+  // Text escaping for URLs and XML; the state layer holds the one implementation.
+  static std::string URLEncodedString(const std::string& text);
+  static std::string URLDecodedString(const std::string& text);
+  static std::string AddSpecialSymbols(const std::string& text);
+  static std::string ReplaceSpecialSymbols(const std::string& text);
 };

@@ -1,7 +1,7 @@
 #pragma once
 // ConnectionService: the server calls of the connection probe and the version
-// question. The session layer implements it over the wire; OfflineConnectionService
-// stands in where no server session exists, and reports every probe as failed.
+// question, as the application's run sees them. SessionConnectionService makes
+// them over the wire; tests put a fake in its place.
 
 #include <string>
 
@@ -18,13 +18,4 @@ class ConnectionService {
   virtual std::string GetDeviceStatus(const std::string& token) = 0;
   virtual void setDevStatus(const std::string& status) = 0;
   virtual std::string GetVersion() = 0;
-};
-
-class OfflineConnectionService : public ConnectionService {
- public:
-  std::string CheckCVToken(const std::string& guid) override;
-  void RemoveCVToken(const std::string&) override {}
-  std::string GetDeviceStatus(const std::string&) override { return ""; }
-  void setDevStatus(const std::string&) override {}
-  std::string GetVersion() override { return ""; }
 };

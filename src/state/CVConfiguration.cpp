@@ -1,9 +1,28 @@
 #include "CVConfiguration.h"
 
+#include <libxml/parser.h>
+#include <libxml/xmlwriter.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <sstream>
+
+#include "CVEventLogger.h"
+#include "CVStaticHelpers.h"
+#include "CVStorageDataProtection.h"
+#include "XdgDesktop.h"
+
+namespace fs = std::filesystem;
 
 namespace {
+constexpr const char* kClass = "CVConfiguration";
+
 std::unique_ptr<CVConfiguration>& Slot() {
   static std::unique_ptr<CVConfiguration> instance;
   return instance;
@@ -14,6 +33,269 @@ std::string Lower(std::string text) {
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return text;
 }
+
+std::string Trim(const std::string& text) {
+  const char* blanks = " \t\r\n";
+  auto first = text.find_first_not_of(blanks);
+  if (first == std::string::npos) return "";
+  auto last = text.find_last_not_of(blanks);
+  return text.substr(first, last - first + 1);
+}
+
+const char* Bool(bool value) { return value ? "true" : "false"; }
+
+std::int64_t ToInt(const std::string& text) {
+  try {
+    std::size_t used = 0;
+    long long value = std::stoll(text, &used, 10);
+    return value;
+  } catch (...) {
+    return 0;  // like reading a number from text that holds none
+  }
+}
+
+std::string SettingsFile() { return CVStaticHelpers::GenerateSettingsPath() + "/Configuration.xml"; }
+std::string HashFolder() { return CVStaticHelpers::GenerateSettingsPath() + "/.Hash"; }
+std::string SideFolder() { return HashFolder() + "/.AddStoragesInfo"; }
+
+// Builds the document with libxml2's writer, pretty-printed.
+class DocumentWriter {
+ public:
+  DocumentWriter() : buffer_(xmlBufferCreate()), writer_(xmlNewTextWriterMemory(buffer_, 0)) {
+    xmlTextWriterSetIndent(writer_, 1);
+    xmlTextWriterSetIndentString(writer_, BAD_CAST "  ");
+    xmlTextWriterStartDocument(writer_, "1.0", "UTF-8", nullptr);
+    Start("Configuration");
+    xmlTextWriterWriteAttribute(writer_, BAD_CAST "xmlns:xsd", BAD_CAST "http://www.w3.org/2001/XMLSchema");
+    xmlTextWriterWriteAttribute(writer_, BAD_CAST "xmlns:xsi",
+                                BAD_CAST "http://www.w3.org/2001/XMLSchema-instance");
+  }
+  ~DocumentWriter() {
+    if (writer_) xmlFreeTextWriter(writer_);
+    xmlBufferFree(buffer_);
+  }
+  void Start(const char* name) { xmlTextWriterStartElement(writer_, BAD_CAST name); }
+  void End() { xmlTextWriterEndElement(writer_); }
+  void Element(const char* name, const std::string& value) {
+    xmlTextWriterWriteElement(writer_, BAD_CAST name, BAD_CAST value.c_str());
+  }
+  void Element(const char* name, bool value) { Element(name, std::string(Bool(value))); }
+  void Element(const char* name, std::int64_t value) { Element(name, std::to_string(value)); }
+  std::string Finish() {
+    xmlTextWriterEndDocument(writer_);
+    xmlFreeTextWriter(writer_);
+    writer_ = nullptr;
+    return std::string(reinterpret_cast<const char*>(xmlBufferContent(buffer_)),
+                       static_cast<std::size_t>(xmlBufferLength(buffer_)));
+  }
+
+ private:
+  xmlBufferPtr buffer_;
+  xmlTextWriterPtr writer_;
+};
+
+void WriteUploadRequestPolicy(DocumentWriter& doc, const CVRequestForFileUpload& ur) {
+  doc.Element("URExpireRequired", ur.ExpireRequired);
+  doc.Element("UROtpRequired", ur.OtpRequired);
+  doc.Element("URNumberOfUploadRequired", ur.NumberOfUploadRequired);
+  doc.Element("URNumberOfUpload", ur.NumberOfUpload);
+  doc.Element("URFileSizeRequired", ur.FileSizeRequired);
+  doc.Element("URFileSize", ur.FileSize);
+  doc.Element("URFileSizeMeasure", ur.FileSizeMeasure);
+  doc.Element("URFileExtensionRequired", ur.FileExtensionRequired);
+  doc.Element("URFileExtensions", ur.FileExtensions);
+  doc.Element("URUploadPath", ur.UploadPath);
+  doc.Element("URUploadPathType", ur.UploadPathType);
+}
+
+// The account's elements; a new file keeps EmailDocument behind ExpireRequired.
+void WriteAccount(DocumentWriter& doc, const CVConnection& c, bool newFile) {
+  doc.Start("Corvalink");
+  doc.Element("Url", c.Url);
+  doc.Element("UserName", c.UserName);
+  doc.Element("Password", c.Password);
+  doc.Element("IsFirstRun", c.IsFirstRun);
+  doc.Element("SyncCV", c.SyncCV);
+  doc.Element("StorageType", c.StorageType);
+  doc.Element("StoragesFolderPath", std::string());
+  doc.Element("EditableWS", c.EditableWS);
+  doc.Element("EditableStorages", c.EditableStorages);
+  doc.Element("ExternalSharing", c.ExternalSharing);
+  doc.Element("InternalSharing", c.InternalSharing);
+  if (!newFile) doc.Element("EmailDocument", c.EmailDocument);
+  doc.Element("iOSOpenIn", c.iOSOpenIn);
+  doc.Element("OTPRequired", c.OTPRequiredShare);
+  doc.Element("EnableSMS", c.EnableSMS);
+  doc.Element("NotificationTray", c.NotificationTray);
+  doc.Element("LastSync", newFile ? std::string() : std::to_string(c.LastSync));
+  doc.Element("PartSize", c.PartSize);
+  doc.Element("ExpireRequired", c.ExpireRequired);
+  if (newFile) doc.Element("EmailDocument", c.EmailDocument);
+  doc.Element("isUsingAD", c.IsUsingAD);
+  WriteUploadRequestPolicy(doc, c.RequestFileUpload);
+  doc.End();
+}
+
+void WriteSite(DocumentWriter& doc, const CVSharepoint& site) {
+  doc.Start("CVSharepoint");
+  doc.Element("UseAlterAuth", site.UseAlterAuth);
+  doc.Element("Url", site.Url);
+  doc.Element("UserName", site.UserName);
+  doc.Element("Password", site.Password);
+  doc.Element("Name", site.Name);
+  doc.Element("SyncDelay", site.SyncDelay);
+  doc.Element("StorageType", site.StorageType);
+  doc.Element("isInFavorites", site.isInFavorites);
+  doc.Element("isManually", site.isManually);
+  doc.End();
+}
+
+// The document of a newly made file: the values a first start writes.
+std::string NewDocument() {
+  CVConnection fresh;
+  fresh.IsFirstRun = true;
+  fresh.SyncCV = 5;
+  fresh.StorageType = -1;
+  fresh.EditableWS = true;
+  fresh.EditableStorages = true;
+  fresh.ExternalSharing = true;
+  fresh.InternalSharing = true;
+  fresh.EmailDocument = false;
+  fresh.NotificationTray = true;
+  fresh.PartSize = 0;
+  DocumentWriter doc;
+  WriteAccount(doc, fresh, true);
+  doc.Start("SpSites");
+  doc.End();
+  return doc.Finish();
+}
+
+// Event-driven reader of Configuration.xml into the object.
+struct ConfigParser {
+  CVConfiguration& config;
+  CVConnection* account = nullptr;
+  std::shared_ptr<CVSharepoint> site;
+  std::string buffer;
+
+  void Start(const char* name) {
+    if (std::strcmp(name, "Corvalink") == 0) {
+      account = &config.Corvalink;
+      site.reset();
+    } else if (std::strcmp(name, "CVSharepoint") == 0) {
+      site = std::make_shared<CVSharepoint>();
+      account = nullptr;
+      std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
+      config.fSpSites.push_back(site);
+    }
+  }
+
+  void End(const std::string& name) {
+    std::string raw;
+    raw.swap(buffer);  // emptied at every end tag, whatever happens
+    std::string value = Trim(raw);
+    if (site) {
+      EndOfSite(name, raw, value);
+    } else if (account) {
+      EndOfAccount(name, value);
+    }
+  }
+
+  void EndOfAccount(const std::string& name, const std::string& value) {
+    CVConnection& c = *account;
+    CVRequestForFileUpload& ur = c.RequestFileUpload;
+    bool yes = value == "true";
+    if (name == "Url") c.Url = value;
+    else if (name == "UserName") c.UserName = value;
+    else if (name == "Password") c.Password = value;
+    else if (name == "IsFirstRun") c.IsFirstRun = yes;
+    else if (name == "SyncCV") c.SyncCV = ToInt(value);
+    else if (name == "StorageType") c.StorageType = ToInt(value);
+    else if (name == "EditableWS") c.EditableWS = yes;
+    else if (name == "EditableStorages") c.EditableStorages = yes;
+    else if (name == "ExternalSharing") c.ExternalSharing = yes;
+    else if (name == "InternalSharing") c.InternalSharing = yes;
+    else if (name == "EmailDocument") c.EmailDocument = yes;
+    else if (name == "iOSOpenIn") c.iOSOpenIn = yes;
+    else if (name == "OTPRequired") c.OTPRequiredShare = yes;
+    else if (name == "EnableSMS") c.EnableSMS = yes;
+    else if (name == "NotificationTray") c.NotificationTray = yes;
+    else if (name == "LastSync") c.LastSync = ToInt(value);
+    else if (name == "PartSize") c.PartSize = ToInt(value);
+    else if (name == "ExpireRequired") c.ExpireRequired = yes;
+    else if (name == "isUsingAD") c.IsUsingAD = yes;
+    else if (name == "URExpireRequired") ur.ExpireRequired = yes;
+    else if (name == "UROtpRequired") ur.OtpRequired = yes;
+    else if (name == "URNumberOfUploadRequired") ur.NumberOfUploadRequired = yes;
+    else if (name == "URNumberOfUpload") ur.NumberOfUpload = ToInt(value);
+    else if (name == "URFileSizeRequired") ur.FileSizeRequired = yes;
+    else if (name == "URFileSize") ur.FileSize = ToInt(value);
+    else if (name == "URFileSizeMeasure") ur.FileSizeMeasure = value;
+    else if (name == "URFileExtensionRequired") ur.FileExtensionRequired = yes;
+    else if (name == "URFileExtensions") ur.FileExtensions = value;
+    else if (name == "URUploadPath") ur.UploadPath = value;
+    else if (name == "URUploadPathType") ur.UploadPathType = value;
+    else if (name == "DefaultURDuration") ur.DefaultURDuration = ToInt(value);
+  }
+
+  void EndOfSite(const std::string& name, const std::string& raw, const std::string& value) {
+    CVSharepoint& s = *site;
+    bool yes = value == "true";
+    if (name == "UseAlterAuth") s.UseAlterAuth = yes;
+    else if (name == "isInFavorites") s.isInFavorites = yes;
+    else if (name == "isManually") s.isManually = yes;
+    else if (name == "Url") s.Url = WithFinalSeparator(raw, value);
+    else if (name == "UserName") s.UserName = value;
+    else if (name == "Password") s.Password = value;
+    else if (name == "Name") s.Name = value;
+    else if (name == "SyncDelay") s.SyncDelay = ToInt(value);
+    else if (name == "StorageType") s.StorageType = value;
+  }
+
+  // The separator is judged on the untrimmed text: a backslash wins over "/".
+  static std::string WithFinalSeparator(const std::string& raw, const std::string& value) {
+    char separator = 0;
+    if (raw.find('\\') != std::string::npos) {
+      separator = '\\';
+    } else if (raw.find('/') != std::string::npos) {
+      separator = '/';
+    }
+    if (separator && (value.empty() || value.back() != separator)) return value + separator;
+    return value;
+  }
+};
+
+void OnStart(void* context, const xmlChar* localname, const xmlChar*, const xmlChar*, int,
+             const xmlChar**, int, int, const xmlChar**) {
+  auto* parser = static_cast<ConfigParser*>(context);
+  parser->Start(reinterpret_cast<const char*>(localname));
+}
+
+void OnEnd(void* context, const xmlChar* localname, const xmlChar*, const xmlChar*) {
+  static_cast<ConfigParser*>(context)->End(reinterpret_cast<const char*>(localname));
+}
+
+void OnCharacters(void* context, const xmlChar* text, int length) {
+  static_cast<ConfigParser*>(context)->buffer.append(reinterpret_cast<const char*>(text),
+                                                     static_cast<std::size_t>(length));
+}
+
+void OnError(void*, xmlError* error) {
+  if (!error) return;
+  std::string message = error->message ? Trim(error->message) : "";
+  std::cerr << "Error: (CVConfiguration XML parser) Error " << error->code
+            << ", Description: " << message << ", Line: " << error->line
+            << ", Column: " << error->int2 << '\n';
+}
+
+bool ReadWholeFile(const std::string& path, std::string& text) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  text = buffer.str();
+  return true;
+}
+
 }  // namespace
 
 CVConfiguration& CVConfiguration::Instance() {
@@ -39,6 +321,7 @@ CVConfiguration::SitePtr CVConfiguration::GetSiteByName(const std::string& name)
   for (const auto& site : fSpSites) {
     if (Lower(site->Name) == wanted) return site;
   }
+  std::cerr << "Site is nil, but site search in upload requests\n";
   for (const auto& site : fSpSitestUploadRequest) {
     if (Lower(site->Name) == wanted) return site;
   }
@@ -53,6 +336,144 @@ bool CVConfiguration::isNameExists(const std::string& name) {
   return false;
 }
 
-void CVConfiguration::ReadConfigFromFile() {}
+void CVConfiguration::ReadConfigFromFile() {
+  std::error_code error;
+  std::string root = CVStaticHelpers::GenerateRootPath();
+  fs::create_directories(root, error);
 
-std::string CVConfiguration::SaveConfigXML() { return ""; }
+  // An older layout kept the settings in a visible folder.
+  std::string oldSettings = root + "/Settings";
+  std::string settings = CVStaticHelpers::GenerateSettingsPath();
+  if (fs::is_directory(oldSettings, error) && !fs::exists(settings, error)) {
+    fs::rename(oldSettings, settings, error);
+    if (error) {
+      CVEventLogger::LogException(kClass, "ReadConfigFromFile",
+                                  "the old settings folder could not be taken over: " + error.message());
+    }
+  }
+  CVStaticHelpers::CreateSettingsFolder();
+  chmod(settings.c_str(), 0700);
+
+  std::string file = SettingsFile();
+  if (!fs::exists(file, error)) {
+    if (!CVStaticHelpers::WriteFileAtomically(file, NewDocument(), 0600)) {
+      CVEventLogger::LogException(kClass, "ReadConfigFromFile", "could not write " + file);
+    }
+    if (fs::is_directory(HashFolder(), error)) {
+      for (const auto& entry : fs::directory_iterator(HashFolder(), error)) {
+        fs::remove_all(entry.path(), error);
+      }
+    } else {
+      fs::create_directories(HashFolder(), error);
+    }
+    fs::create_directories(SideFolder(), error);
+    return;
+  }
+
+  std::string text;
+  if (ReadWholeFile(file, text) && text.find("Configuration xmlns") != std::string::npos) {
+    // A file in clear (the first start's) is enciphered from now on.
+    if (!CVStorageDataProtection::EncryptFile(file, text)) {
+      CVEventLogger::LogException(kClass, "ReadConfigFromFile", "could not encipher " + file);
+    }
+  }
+
+  std::optional<std::string> plain = CVStorageDataProtection::DecryptFile(file);
+  if (!plain || plain->empty()) {
+    CVEventLogger::WriteMainLogMessage("CVConfiguration: " + file +
+                                       " could not be deciphered; the account stays as it is");
+  } else {
+    ParseDocument(*plain);
+  }
+
+  try {
+    Corvalink.PartSize = partSizeSource_ ? partSizeSource_() : 0;
+  } catch (const std::exception& failure) {
+    CVEventLogger::LogException(kClass, "ReadConfigFromFile", failure.what());
+    Corvalink.PartSize = 0;
+  }
+  fIsInAutomaticStartup = XdgDesktop::IsAutostartRegistered();
+  try {
+    std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
+    for (auto& site : fSpSites) {
+      site->isInFavorites = XdgDesktop::BookmarksHasLabel("Corvalink_" + site->Name);
+      site->prevFireDate = std::chrono::steady_clock::time_point::min();
+    }
+  } catch (const std::exception& failure) {
+    CVEventLogger::WriteExceptionsLog(
+        std::string("An exception happened during checking favourites list: ") + failure.what());
+  }
+  CheckHashFolderForActualInformation();
+  CreateAddStoragesInfo();
+}
+
+void CVConfiguration::ParseDocument(const std::string& text) {
+  ConfigParser parser{*this, nullptr, nullptr, {}};
+  xmlSAXHandler handler;
+  std::memset(&handler, 0, sizeof handler);
+  handler.initialized = XML_SAX2_MAGIC;
+  handler.startElementNs = OnStart;
+  handler.endElementNs = OnEnd;
+  handler.characters = OnCharacters;
+  handler.serror = OnError;
+  // What was read before an error stays; the reader goes on where it can.
+  xmlSAXUserParseMemory(&handler, &parser, text.data(), static_cast<int>(text.size()));
+}
+
+std::string CVConfiguration::SaveConfigXML() {
+  std::lock_guard<std::mutex> saving(saveLock_);
+  std::vector<CVSharepoint> sites;
+  {
+    std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
+    for (const auto& site : fSpSites) sites.push_back(*site);
+  }
+  DocumentWriter doc;
+  WriteAccount(doc, Corvalink, false);
+  doc.Start("SpSites");
+  for (const auto& site : sites) WriteSite(doc, site);
+  doc.End();
+  std::string text = doc.Finish();
+
+  CVStaticHelpers::CreateSettingsFolder();
+  if (!CVStorageDataProtection::EncryptFile(SettingsFile(), text)) {
+    CVEventLogger::LogException(kClass, "SaveConfigXML", "could not write " + SettingsFile());
+  }
+  CreateAddStoragesInfo();
+  CheckHashFolderForActualInformation();
+  return text;
+}
+
+void CVConfiguration::CreateAddStoragesInfo() {
+  std::error_code error;
+  fs::create_directories(SideFolder(), error);
+  std::string restricted, versions;
+  for (const auto& site : SitesCopy()) {
+    if (site->UseAlterAuth) restricted += (restricted.empty() ? "" : "\n") + site->Name;
+    if (site->StorageType == "CIFS") versions += (versions.empty() ? "" : "\n") + site->Name;
+  }
+  // The side files only inform the file manager extension; a failed write is not fatal.
+  (void)CVStaticHelpers::WriteFileAtomically(SideFolder() + "/sharing_restricted_storages", restricted, 0600);
+  (void)CVStaticHelpers::WriteFileAtomically(SideFolder() + "/versions_enabled_storages", versions, 0600);
+  std::string marker = SideFolder() + "/ext_sh";
+  if (Corvalink.ExternalSharing) {
+    if (!fs::exists(marker, error)) (void)CVStaticHelpers::WriteFileAtomically(marker, "", 0600);
+  } else {
+    fs::remove(marker, error);
+  }
+}
+
+void CVConfiguration::CheckHashFolderForActualInformation() {
+  try {
+    std::error_code error;
+    if (!fs::is_directory(HashFolder(), error)) {
+      fs::create_directories(HashFolder(), error);
+      return;
+    }
+    for (const auto& entry : fs::directory_iterator(HashFolder(), error)) {
+      std::string name = entry.path().filename().string();
+      if (!name.empty() && name[0] != '.' && !isNameExists(name)) fs::remove_all(entry.path(), error);
+    }
+  } catch (const std::exception& failure) {
+    CVEventLogger::LogException(kClass, "CheckHashFolderForActualInformation", failure.what());
+  }
+}

@@ -28,6 +28,8 @@ class CVConfiguration {
 
   SitePtr GetSiteByName(const std::string& name);
   bool isNameExists(const std::string& name);
+  void CreateAddStoragesInfo();
+  void CheckHashFolderForActualInformation();
   // A copy of the storage list, made under the lock.
   std::vector<SitePtr> SitesCopy();
 
@@ -44,6 +46,7 @@ class CVConfiguration {
 
  private:
   CVConfiguration() = default;
+  void ParseDocument(const std::string& text);
   std::function<std::int64_t()> partSizeSource_;
   std::mutex saveLock_;
 };

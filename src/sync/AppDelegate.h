@@ -28,7 +28,7 @@ class StatusSink;
 class AppDelegate {
  public:
   struct Dependencies {
-    Clock& clock;
+    const Clock& clock;
     MainLoop& mainLoop;
     StatusSink& status;
     ConnectionService& connection;
@@ -101,7 +101,7 @@ class AppDelegate {
 
   void SetPassFinishedHandler(std::function<void(PassOutcome)> handler);
 
-  Clock& clock() { return clock_; }
+  const Clock& clock() const { return clock_; }
   MainLoop& mainLoop() { return mainLoop_; }
   SmartSync* mainSyncObject() { return mainSyncObject_.get(); }
   ConnectionService& connection() { return connection_; }
@@ -126,7 +126,7 @@ class AppDelegate {
  private:
   void ReportPass(PassOutcome outcome);
 
-  Clock& clock_;
+  const Clock& clock_;
   MainLoop& mainLoop_;
   StatusSink& status_;
   ConnectionService& connection_;

@@ -7,7 +7,10 @@
 #include <stdexcept>
 
 #include "CVConfiguration.h"
+#include "CVIPRestriction.h"
+#include "CVSelectiveSync.h"
 #include "CVEventLogger.h"
+#include "CVStaticHelpers.h"
 #include "SyncListenerAddInfo.h"
 
 namespace fs = std::filesystem;
@@ -23,10 +26,16 @@ TempHome::TempHome() {
   setenv("HOME", path_.c_str(), 1);
   CVEventLogger::SetConsoleEcho(false);
   CVConfiguration::ResetForTests();
+  CVSelectiveSync::ResetForTests();
+  CVIPRestriction::RemoveAll();
   SyncListenerAddInfo::ResetForTests();
+  CVStaticHelpers::SetMachineIdentity(nullptr);
+  CVStaticHelpers::SetTrash(nullptr);
 }
 
 TempHome::~TempHome() {
+  CVStaticHelpers::SetMachineIdentity(nullptr);
+  CVStaticHelpers::SetTrash(nullptr);
   std::error_code error;
   fs::remove_all(path_, error);
   if (hadHome_) {

@@ -1,0 +1,49 @@
+#pragma once
+// WSCommonMethods: every SOAP call of the client goes through here. The envelope
+// is written by hand, byte for byte; the request runs synchronously on the calling
+// thread. String calls give the whole reply text or a text starting with "err";
+// data calls give the reply's bytes whatever the status, or nothing.
+//
+// Values are inserted as they are: the caller escapes plain text once with
+// AddSpecialSymbols, and XML fragments (Options, MD5...) go in raw.
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+class ASIHTTPRequest;
+
+class WSCommonMethods {
+ public:
+  static constexpr const char* kServiceNamespace = "http://tempuri.org/";
+  static constexpr const char* kEnvelopeNamespace = "http://schemas.xmlsoap.org/soap/envelope/";
+  static constexpr const char* kSchemaInstanceNamespace = "http://www.w3.org/2001/XMLSchema-instance";
+  static constexpr double kStringCallTimeOut = 20.0;
+
+  using Parameters = std::vector<std::pair<std::string, std::string>>;  // key, value
+
+  // The envelope of a call: no XML declaration, no white space.
+  static std::string BuildEnvelope(const std::string& methodName, const Parameters& parameters);
+
+  // A prepared POST of the envelope, not started.
+  static std::shared_ptr<ASIHTTPRequest> CreateASIHTTPRequestForMethod(
+      const std::string& methodName, const Parameters& parameters, const std::string& withURL);
+
+  // The whole reply text, or "errOther...", "errNon200...", "errException".
+  static std::string ProcessWebServiceRequest(const std::vector<std::string>& values,
+                                              const std::vector<std::string>& forKeys,
+                                              const std::string& methodName,
+                                              const std::string& withUrl);
+  // The reply's bytes whatever the status; nothing after an exception.
+  static std::optional<std::string> ProcessDataWebServiceRequest(
+      const std::vector<std::string>& values, const std::vector<std::string>& forKeys,
+      const std::string& methodName, const std::string& withUrl);
+
+  // Data calls wait 600 s for listings and hash lists, 120 s for the rest.
+  static double DataCallTimeOut(const std::string& methodName);
+
+ private:
+  static Parameters Zip(const std::vector<std::string>& values, const std::vector<std::string>& keys);
+};

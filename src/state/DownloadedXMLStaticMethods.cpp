@@ -1,0 +1,46 @@
+#include "DownloadedXMLStaticMethods.h"
+
+#include <algorithm>
+#include <exception>
+
+#include "CVEventLogger.h"
+#include "CVStaticHelpers.h"
+#include "ServerXMLParser.h"
+#include "StateFileSupport.h"
+
+namespace {
+const char kClassName[] = "DownloadedXMLStaticMethods";
+}  // namespace
+
+std::recursive_mutex& DownloadedXMLStaticMethods::downloadedFilesLock() {
+  static std::recursive_mutex lock;
+  return lock;
+}
+
+bool DownloadedXMLStaticMethods::SaveDownloadedXMLFile(const std::vector<CVFileForCompare>& array) {
+  return ServerXMLParser::saveDownloadedXML(array);
+}
+
+bool DownloadedXMLStaticMethods::CleanXMLFromSite(const std::string& path) {
+  try {
+    std::string folder = path;
+    while (!folder.empty() && folder.back() == '/') folder.pop_back();
+    if (folder.empty() || folder == CVStaticHelpers::GenerateRootPath()) {
+      // Would match every record: a storage's clean-up never means all of them.
+      CVEventLogger::LogException(kClassName, "CleanXMLFromSite", "no storage folder given: \"" + path + "\"");
+      return false;
+    }
+    std::lock_guard<std::recursive_mutex> lock(downloadedFilesLock());
+    ServerXMLParser parser;
+    auto files = parser.readDownloadedFiles();
+    if (parser.lastRead() == StateFileRead::Unreadable) return false;
+    std::vector<CVFileForCompare> kept = files.value_or(std::vector<CVFileForCompare>{});
+    std::erase_if(kept, [&](const CVFileForCompare& record) {
+      return StateFileSupport::IsSameOrBelow(record.localPath, folder);
+    });
+    return ServerXMLParser::saveDownloadedXML(kept);
+  } catch (const std::exception& exception) {
+    CVEventLogger::LogException(kClassName, "CleanXMLFromSite", exception.what());
+    return false;
+  }
+}

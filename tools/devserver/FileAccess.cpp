@@ -1,0 +1,32 @@
+#include "FileAccess.h"
+
+#include <sys/stat.h>
+
+namespace devserver {
+
+std::variant<FileTarget, AccessError> ResolveFileAccess(ServerState& state,
+                                                        const std::string& token,
+                                                        const std::string& serverPath) {
+  auto owner = state.TokenUser(token);
+  if (!owner) return AccessError::BadToken;
+  auto path = state.storages().Resolve(owner->user, serverPath);
+  if (!path) return AccessError::NotFound;
+  return FileTarget{std::move(*owner), std::move(*path)};
+}
+
+std::optional<EntryStat> StatEntry(const std::filesystem::path& local) {
+  struct stat st {};
+  if (::lstat(local.c_str(), &st) != 0) return std::nullopt;
+  EntryStat entry;
+  entry.modified = static_cast<std::int64_t>(st.st_mtim.tv_sec);
+  if (S_ISDIR(st.st_mode)) {
+    entry.isFolder = true;
+  } else if (S_ISREG(st.st_mode)) {
+    entry.size = static_cast<std::int64_t>(st.st_size);
+  } else {
+    return std::nullopt;
+  }
+  return entry;
+}
+
+}  // namespace devserver

@@ -1,0 +1,41 @@
+#pragma once
+// FileAccess: what every file call and handler does first: the token's user,
+// then the server path within that user's storages; and how an entry of a
+// storage's folder is seen (kind, size, time) by listings, file info and
+// downloads alike, so that they always agree.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "ServerState.h"
+
+namespace devserver {
+
+struct FileTarget {
+  TokenInfo owner;
+  ResolvedPath path;
+};
+
+enum class AccessError { BadToken, NotFound };
+
+// Any valid token of the user is accepted by file calls, whatever its kind.
+std::variant<FileTarget, AccessError> ResolveFileAccess(ServerState& state,
+                                                        const std::string& token,
+                                                        const std::string& serverPath);
+
+struct EntryStat {
+  bool isFolder = false;
+  std::int64_t size = 0;      // 0 for folders
+  std::int64_t modified = 0;  // whole seconds since 1970, UTC
+};
+
+// Regular files and folders only; nothing for a missing entry, a symbolic link
+// or anything else.
+std::optional<EntryStat> StatEntry(const std::filesystem::path& local);
+
+}  // namespace devserver

@@ -1,0 +1,17 @@
+#pragma once
+// The result strings the server's methods share. The client tests them by their
+// prefix with its ";", and "-6;File/Folder not found;" as a whole.
+
+namespace devserver {
+
+// A bad, unknown or dropped token, whatever the call: the client drops its token
+// and repeats once on "-1;".
+inline constexpr const char* kInvalidToken = "-1;Invalid token";
+inline constexpr const char* kLoginFailed = "-1;Login failed";
+inline constexpr const char* kStorageLoginFailed = "-2;Login failed";
+inline constexpr const char* kNotFound = "-6;File/Folder not found;";
+inline constexpr const char* kRestricted = "-7;Access denied by IP restriction";
+inline constexpr const char* kListingFailed = "-100;The folder could not be read";
+inline constexpr const char* kUploadRequestNotFound = "-100;Upload request not found";
+
+}  // namespace devserver

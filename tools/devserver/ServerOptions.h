@@ -1,0 +1,71 @@
+#pragma once
+// ServerOptions: everything corvalink-devserver is started with, from the
+// command line (CommandLine.h) or built by a test in-process.
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Faults.h"
+
+namespace devserver {
+
+struct UserAccount {
+  std::string name;
+  std::string password;
+};
+
+struct StorageConfig {
+  std::string name;
+  std::filesystem::path folder;  // what is in it is what the server holds
+  std::string type = "CIFS";     // "CIFS", or any other type ("SP", "S3"...) for a URL location
+  std::vector<std::string> users;          // empty: every user has this storage
+  std::optional<UserAccount> credentials;  // the storage's own login, else the account's
+};
+
+struct FaultSetting {
+  std::string name;  // "GetFiles", "share.asmx/Login", "DownloadStorageFile.ashx"
+  Fault fault;
+  int count = 1;  // < 0: every call
+};
+
+struct RestrictedPath {
+  std::string storage;
+  std::string path;  // relative to the storage's folder, "/" separated
+};
+
+struct UploadRequestConfig {
+  std::string guid;
+  std::string user;
+};
+
+struct ServerOptions {
+  std::string host = "127.0.0.1";
+  int port = 8080;  // 0: any free port
+  bool allowRemote = false;  // listening on anything but loopback must be asked for
+
+  std::vector<UserAccount> users;
+  std::vector<StorageConfig> storages;
+  std::vector<UploadRequestConfig> uploadRequests;
+
+  std::string versionReply = "6.1.0.0";
+  std::string compressedTypes = "txt,doc,docx,xls,xlsx,ppt,pptx,pdf,xml,html,csv";
+  std::int64_t partSizeKb = 1024;
+
+  // Versions and temporary files; each storage gets a folder NAME in it. Empty:
+  // a sibling "<folder>.devserver-state" of each storage's folder.
+  std::filesystem::path stateDir;
+  // The host part of the storage locations (\\HOST\NAME\, https://HOST/NAME/).
+  std::string locationHost = "devserver";
+
+  std::vector<RestrictedPath> restricted;
+  std::vector<FaultSetting> faults;
+
+  // One line per request; none when empty.
+  std::function<void(const std::string&)> log;
+};
+
+}  // namespace devserver

@@ -1,0 +1,284 @@
+#include "Storage.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <fstream>
+#include <set>
+#include <stdexcept>
+#include <system_error>
+
+#include "WireFormats.h"
+
+namespace fs = std::filesystem;
+
+namespace devserver {
+namespace {
+
+constexpr std::string_view kTemporaryPrefix = ".devserver-tmp-";
+
+void WriteWhole(const fs::path& path, std::string_view content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(content.data(), static_cast<std::streamsize>(content.size()));
+  if (!out.flush()) throw std::runtime_error("cannot write " + path.string());
+}
+
+void SetModified(const fs::path& path, std::int64_t seconds) {
+  timespec times[2];
+  times[0].tv_sec = 0;
+  times[0].tv_nsec = UTIME_OMIT;
+  times[1].tv_sec = static_cast<time_t>(seconds);
+  times[1].tv_nsec = 0;
+  if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
+    throw std::system_error(errno, std::generic_category(), "utimensat " + path.string());
+  }
+}
+
+bool IsInside(const fs::path& inner, const fs::path& outer) {
+  auto i = inner.begin();
+  for (auto o = outer.begin(); o != outer.end(); ++o, ++i) {
+    if (o->empty()) continue;  // a trailing separator
+    if (i == inner.end() || *i != *o) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::optional<std::vector<std::string>> SplitRelativePath(std::string_view path) {
+  std::vector<std::string> components;
+  std::string current;
+  auto flush = [&]() -> bool {
+    if (current == "." || current == "..") return false;
+    if (!current.empty()) components.push_back(current);
+    current.clear();
+    return true;
+  };
+  for (char c : path) {
+    if (c == '\0') return std::nullopt;
+    if (c == '/' || c == '\\') {
+      if (!flush()) return std::nullopt;
+    } else {
+      current += c;
+    }
+  }
+  if (!flush()) return std::nullopt;
+  return components;
+}
+
+std::string JoinRelativePath(const std::vector<std::string>& components) {
+  std::string out;
+  for (const auto& component : components) {
+    if (!out.empty()) out += '/';
+    out += component;
+  }
+  return out;
+}
+
+bool IsServerTemporaryName(std::string_view name) {
+  return name.substr(0, kTemporaryPrefix.size()) == kTemporaryPrefix;
+}
+
+Storage::Storage(StorageConfig config, fs::path stateFolder, const std::string& locationHost)
+    : config_(std::move(config)),
+      stateFolder_(std::move(stateFolder)),
+      versions_(stateFolder_ / "versions") {
+  location_ = isCifs() ? "\\\\" + locationHost + "\\" + config_.name + "\\"
+                       : "https://" + locationHost + "/" + config_.name + "/";
+}
+
+bool Storage::isCifs() const { return EqualsIgnoreAsciiCase(config_.type, "CIFS"); }
+
+bool Storage::ServesUser(const std::string& user) const {
+  if (config_.users.empty()) return true;
+  for (const auto& name : config_.users) {
+    if (name == user) return true;
+  }
+  return false;
+}
+
+std::optional<fs::path> Storage::Resolve(const std::vector<std::string>& components) const {
+  fs::path local = config_.folder;
+  bool missing = false;
+  for (std::size_t i = 0; i < components.size(); ++i) {
+    const auto& component = components[i];
+    if (component.empty() || component == "." || component == ".." ||
+        component.find_first_of(std::string_view("/\\\0", 3)) != std::string::npos) {
+      return std::nullopt;
+    }
+    local /= component;
+    if (missing) continue;
+    struct stat st {};
+    if (::lstat(local.c_str(), &st) != 0) {
+      missing = true;  // nothing below can exist either
+      continue;
+    }
+    if (S_ISLNK(st.st_mode)) return std::nullopt;
+    if (i + 1 < components.size() && !S_ISDIR(st.st_mode)) return std::nullopt;
+  }
+  return local;
+}
+
+fs::path Storage::CheckedPath(const std::string& relativePath,
+                              std::vector<std::string>& components) const {
+  auto split = SplitRelativePath(relativePath);
+  if (!split) throw std::invalid_argument("path leaves the storage: " + relativePath);
+  components = std::move(*split);
+  auto local = Resolve(components);
+  if (!local) throw std::invalid_argument("path leaves the storage: " + relativePath);
+  return *local;
+}
+
+void Storage::WriteFile(const std::string& relativePath, std::string_view content,
+                        const std::string& owner, std::optional<std::int64_t> modified) {
+  std::lock_guard<std::mutex> lock(writeMutex_);
+  std::vector<std::string> components;
+  const auto local = CheckedPath(relativePath, components);
+  if (components.empty()) throw std::invalid_argument("cannot write the storage's root");
+  const auto relative = JoinRelativePath(components);
+  fs::create_directories(local.parent_path());
+  const auto status = fs::symlink_status(local);
+  if (fs::is_directory(status)) throw std::invalid_argument("a folder stands at " + relative);
+  if (fs::is_regular_file(status)) versions_.Keep(relative, local, owner);
+
+  fs::create_directories(stateFolder_ / "tmp");
+  const auto temporary = stateFolder_ / "tmp" / NewLowerGuid();
+  WriteWhole(temporary, content);
+  if (modified) SetModified(temporary, *modified);
+  std::error_code ec;
+  fs::rename(temporary, local, ec);
+  if (ec == std::errc::cross_device_link) {
+    // The state folder is on another file system: go through a temporary file
+    // beside the target, which listings do not show.
+    const auto beside = local.parent_path() / (std::string(kTemporaryPrefix) + NewLowerGuid());
+    fs::copy_file(temporary, beside);
+    if (modified) SetModified(beside, *modified);
+    fs::remove(temporary);
+    fs::rename(beside, local);
+  } else if (ec) {
+    fs::remove(temporary, ec);
+    throw std::runtime_error("cannot move into place: " + relative);
+  }
+}
+
+void Storage::KeepTree(const fs::path& local, const std::string& relative,
+                       const std::string& owner) {
+  const auto status = fs::symlink_status(local);
+  if (fs::is_regular_file(status)) {
+    versions_.Keep(relative, local, owner);
+  } else if (fs::is_directory(status)) {
+    for (const auto& entry : fs::directory_iterator(local)) {
+      KeepTree(entry.path(), relative + "/" + entry.path().filename().string(), owner);
+    }
+  }
+}
+
+bool Storage::Remove(const std::string& relativePath, const std::string& owner) {
+  std::lock_guard<std::mutex> lock(writeMutex_);
+  std::vector<std::string> components;
+  const auto local = CheckedPath(relativePath, components);
+  if (components.empty()) throw std::invalid_argument("cannot remove the storage's root");
+  const auto status = fs::symlink_status(local);
+  if (!fs::exists(status) && !fs::is_symlink(status)) return false;
+  KeepTree(local, JoinRelativePath(components), owner);
+  fs::remove_all(local);
+  return true;
+}
+
+StorageSet::StorageSet(const ServerOptions& options) {
+  std::set<std::string> names;
+  for (auto config : options.storages) {
+    const auto& name = config.name;
+    if (name.empty() || name == "." || name == ".." ||
+        name.find_first_of(std::string_view("/\\\0", 3)) != std::string::npos) {
+      throw std::invalid_argument("bad storage name '" + name + "'");
+    }
+    // Locations match without regard to case, so names must differ in more than case.
+    if (!names.insert(AsciiLower(name)).second) {
+      throw std::invalid_argument("storage '" + name + "' given twice");
+    }
+    if (config.folder.empty()) throw std::invalid_argument("storage '" + name + "' has no folder");
+    fs::create_directories(config.folder);
+    config.folder = fs::canonical(config.folder);
+    if (!fs::is_directory(config.folder)) {
+      throw std::invalid_argument("storage '" + name + "': not a folder");
+    }
+    fs::path state = options.stateDir.empty()
+                         ? config.folder.parent_path() /
+                               (config.folder.filename().string() + ".devserver-state")
+                         : options.stateDir / name;
+    fs::create_directories(state);
+    state = fs::canonical(state);
+    storages_.push_back(std::make_unique<Storage>(std::move(config), state, options.locationHost));
+  }
+  // The state of a storage (versions, temporary files) must never show in a
+  // storage's folder: the folder is exactly what the server holds.
+  for (const auto& storage : storages_) {
+    for (const auto& other : storages_) {
+      if (IsInside(storage->stateFolder(), other->folder())) {
+        throw std::invalid_argument("the state folder of '" + storage->name() +
+                                    "' lies inside the folder of '" + other->name() + "'");
+      }
+    }
+  }
+}
+
+Storage* StorageSet::Find(const std::string& name) const {
+  for (const auto& storage : storages_) {
+    if (EqualsIgnoreAsciiCase(storage->name(), name)) return storage.get();
+  }
+  return nullptr;
+}
+
+std::vector<Storage*> StorageSet::ForUser(const std::string& user) const {
+  std::vector<Storage*> out;
+  for (const auto& storage : storages_) {
+    if (storage->ServesUser(user)) out.push_back(storage.get());
+  }
+  return out;
+}
+
+std::optional<ResolvedPath> StorageSet::Resolve(const std::string& user,
+                                                std::string_view serverPath) const {
+  if (serverPath.find('\0') != std::string_view::npos) return std::nullopt;
+  auto normalise = [](std::string_view text) {
+    std::string out = AsciiLower(text);
+    for (auto& c : out) {
+      if (c == '\\') c = '/';
+    }
+    return out;
+  };
+  const auto path = normalise(serverPath);
+  Storage* best = nullptr;
+  std::size_t rest = 0;
+  for (auto* storage : ForUser(user)) {
+    const auto location = normalise(storage->location());  // ends with "/"
+    const auto bare = std::string_view(location).substr(0, location.size() - 1);
+    std::size_t matched = 0;
+    if (path.compare(0, location.size(), location) == 0) {
+      matched = location.size();
+    } else if (path == bare) {
+      matched = bare.size();
+    } else {
+      continue;
+    }
+    if (!best || matched > rest) {
+      best = storage;
+      rest = matched;
+    }
+  }
+  if (!best) return std::nullopt;
+  auto components = SplitRelativePath(serverPath.substr(rest));
+  if (!components) return std::nullopt;
+  auto local = best->Resolve(*components);
+  if (!local) return std::nullopt;
+  ResolvedPath resolved;
+  resolved.storage = best;
+  resolved.relative = JoinRelativePath(*components);
+  resolved.components = std::move(*components);
+  resolved.local = std::move(*local);
+  return resolved;
+}
+
+}  // namespace devserver

@@ -1,0 +1,103 @@
+#pragma once
+// Storage: one storage location the server offers, kept as a plain folder tree
+// on disk, with its location as clients see it (\\devserver\NAME\ for CIFS,
+// https://devserver/NAME/ for the other types) and its version store.
+// StorageSet: all storages, and the resolution of a client's server path to a
+// file in one of the user's storages. Nothing a client sends may reach outside
+// a storage's folder: "." and ".." components, NUL bytes and symbolic links on
+// the way are refused rather than interpreted.
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ServerOptions.h"
+#include "VersionStore.h"
+
+namespace devserver {
+
+// Splits a relative path on "/" and "\", skipping empty components. Nothing for
+// a "." or ".." component or a NUL byte.
+std::optional<std::vector<std::string>> SplitRelativePath(std::string_view path);
+std::string JoinRelativePath(const std::vector<std::string>& components);
+
+// Temporary files of the server that may appear in a storage's folder for a
+// moment; listings never show them.
+bool IsServerTemporaryName(std::string_view name);
+
+class Storage {
+ public:
+  Storage(StorageConfig config, std::filesystem::path stateFolder, const std::string& locationHost);
+
+  const std::string& name() const { return config_.name; }
+  const std::string& type() const { return config_.type; }
+  const StorageConfig& config() const { return config_; }
+  bool isCifs() const;
+  // The separator of this storage's server paths: "\" for CIFS, else "/".
+  char separator() const { return isCifs() ? '\\' : '/'; }
+  const std::string& location() const { return location_; }
+  const std::filesystem::path& folder() const { return config_.folder; }
+  const std::filesystem::path& stateFolder() const { return stateFolder_; }
+  bool ServesUser(const std::string& user) const;
+
+  // The local path of checked components, when no symbolic link and no
+  // non-folder lies on the way. The entry itself need not exist, but it must
+  // not be a symbolic link.
+  std::optional<std::filesystem::path> Resolve(const std::vector<std::string>& components) const;
+
+  VersionStore& versions() { return versions_; }
+  const VersionStore& versions() const { return versions_; }
+
+  // Writes a file atomically, parents created; earlier content becomes a version.
+  // `modified`: seconds since 1970 to give the file, else now. Throws on failure.
+  void WriteFile(const std::string& relativePath, std::string_view content,
+                 const std::string& owner, std::optional<std::int64_t> modified = std::nullopt);
+  // Removes a file or a folder tree; each file removed is kept as a version.
+  // False when there is nothing at the path.
+  bool Remove(const std::string& relativePath, const std::string& owner);
+
+ private:
+  std::filesystem::path CheckedPath(const std::string& relativePath,
+                                    std::vector<std::string>& components) const;
+  void KeepTree(const std::filesystem::path& local, const std::string& relative,
+                const std::string& owner);
+
+  StorageConfig config_;
+  std::filesystem::path stateFolder_;
+  std::string location_;
+  VersionStore versions_;
+  std::mutex writeMutex_;
+};
+
+// A client's server path, resolved.
+struct ResolvedPath {
+  Storage* storage = nullptr;
+  std::vector<std::string> components;  // below the storage's folder; empty for its root
+  std::string relative;                 // the same joined with "/"
+  std::filesystem::path local;
+};
+
+class StorageSet {
+ public:
+  // Creates missing folders. Throws std::invalid_argument for bad settings.
+  explicit StorageSet(const ServerOptions& options);
+
+  Storage* Find(const std::string& name) const;
+  std::vector<Storage*> ForUser(const std::string& user) const;
+  const std::vector<std::unique_ptr<Storage>>& all() const { return storages_; }
+
+  // Resolves against the user's storage locations by case-insensitive prefix,
+  // "/" and "\" alike. Nothing for a path outside every location, or one that
+  // would leave the storage's folder.
+  std::optional<ResolvedPath> Resolve(const std::string& user, std::string_view serverPath) const;
+
+ private:
+  std::vector<std::unique_ptr<Storage>> storages_;
+};
+
+}  // namespace devserver
