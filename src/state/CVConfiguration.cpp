@@ -1,19 +1,15 @@
 #include "CVConfiguration.h"
 
-#include <libxml/parser.h>
-#include <libxml/xmlwriter.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <optional>
-#include <sstream>
 
 #include "CVEventLogger.h"
+#include "CVStateXMLFile.h"
 #include "CVStaticHelpers.h"
 #include "CVStorageDataProtection.h"
 #include "XdgDesktop.h"
@@ -34,14 +30,6 @@ std::string Lower(std::string text) {
   return text;
 }
 
-std::string Trim(const std::string& text) {
-  const char* blanks = " \t\r\n";
-  auto first = text.find_first_not_of(blanks);
-  if (first == std::string::npos) return "";
-  auto last = text.find_last_not_of(blanks);
-  return text.substr(first, last - first + 1);
-}
-
 const char* Bool(bool value) { return value ? "true" : "false"; }
 
 std::int64_t ToInt(const std::string& text) {
@@ -58,40 +46,25 @@ std::string SettingsFile() { return CVStaticHelpers::GenerateSettingsPath() + "/
 std::string HashFolder() { return CVStaticHelpers::GenerateSettingsPath() + "/.Hash"; }
 std::string SideFolder() { return HashFolder() + "/.AddStoragesInfo"; }
 
-// Builds the document with libxml2's writer, pretty-printed.
+// The configuration's document: its root declares the schema namespaces, values
+// are written as the file has always held them.
 class DocumentWriter {
  public:
-  DocumentWriter() : buffer_(xmlBufferCreate()), writer_(xmlNewTextWriterMemory(buffer_, 0)) {
-    xmlTextWriterSetIndent(writer_, 1);
-    xmlTextWriterSetIndentString(writer_, BAD_CAST "  ");
-    xmlTextWriterStartDocument(writer_, "1.0", "UTF-8", nullptr);
-    Start("Configuration");
-    xmlTextWriterWriteAttribute(writer_, BAD_CAST "xmlns:xsd", BAD_CAST "http://www.w3.org/2001/XMLSchema");
-    xmlTextWriterWriteAttribute(writer_, BAD_CAST "xmlns:xsi",
-                                BAD_CAST "http://www.w3.org/2001/XMLSchema-instance");
-  }
-  ~DocumentWriter() {
-    if (writer_) xmlFreeTextWriter(writer_);
-    xmlBufferFree(buffer_);
-  }
-  void Start(const char* name) { xmlTextWriterStartElement(writer_, BAD_CAST name); }
-  void End() { xmlTextWriterEndElement(writer_); }
-  void Element(const char* name, const std::string& value) {
-    xmlTextWriterWriteElement(writer_, BAD_CAST name, BAD_CAST value.c_str());
-  }
+  DocumentWriter() { writer_.StartElement("Configuration", CVStateXMLFile::Writer::kSchemaNamespaces); }
+  void Start(const char* name) { writer_.StartElement(name); }
+  void End() { writer_.EndElement(); }
+  void Element(const char* name, const std::string& value) { writer_.WriteElement(name, value); }
   void Element(const char* name, bool value) { Element(name, std::string(Bool(value))); }
   void Element(const char* name, std::int64_t value) { Element(name, std::to_string(value)); }
+  // The document's text; "" (logged) when it could not be built.
   std::string Finish() {
-    xmlTextWriterEndDocument(writer_);
-    xmlFreeTextWriter(writer_);
-    writer_ = nullptr;
-    return std::string(reinterpret_cast<const char*>(xmlBufferContent(buffer_)),
-                       static_cast<std::size_t>(xmlBufferLength(buffer_)));
+    auto text = writer_.Finish();
+    if (!text) CVEventLogger::LogException(kClass, "DocumentWriter", writer_.failure());
+    return text.value_or("");
   }
 
  private:
-  xmlBufferPtr buffer_;
-  xmlTextWriterPtr writer_;
+  CVStateXMLFile::Writer writer_;
 };
 
 void WriteUploadRequestPolicy(DocumentWriter& doc, const CVRequestForFileUpload& ur) {
@@ -177,11 +150,11 @@ struct ConfigParser {
   std::shared_ptr<CVSharepoint> site;
   std::string buffer;
 
-  void Start(const char* name) {
-    if (std::strcmp(name, "Corvalink") == 0) {
+  void Start(const std::string& name) {
+    if (name == "Corvalink") {
       account = &config.Corvalink;
       site.reset();
-    } else if (std::strcmp(name, "CVSharepoint") == 0) {
+    } else if (name == "CVSharepoint") {
       site = std::make_shared<CVSharepoint>();
       account = nullptr;
       std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
@@ -192,7 +165,7 @@ struct ConfigParser {
   void End(const std::string& name) {
     std::string raw;
     raw.swap(buffer);  // emptied at every end tag, whatever happens
-    std::string value = Trim(raw);
+    std::string value = CVStateXMLFile::Trim(raw);
     if (site) {
       EndOfSite(name, raw, value);
     } else if (account) {
@@ -264,38 +237,6 @@ struct ConfigParser {
   }
 };
 
-void OnStart(void* context, const xmlChar* localname, const xmlChar*, const xmlChar*, int,
-             const xmlChar**, int, int, const xmlChar**) {
-  auto* parser = static_cast<ConfigParser*>(context);
-  parser->Start(reinterpret_cast<const char*>(localname));
-}
-
-void OnEnd(void* context, const xmlChar* localname, const xmlChar*, const xmlChar*) {
-  static_cast<ConfigParser*>(context)->End(reinterpret_cast<const char*>(localname));
-}
-
-void OnCharacters(void* context, const xmlChar* text, int length) {
-  static_cast<ConfigParser*>(context)->buffer.append(reinterpret_cast<const char*>(text),
-                                                     static_cast<std::size_t>(length));
-}
-
-void OnError(void*, xmlError* error) {
-  if (!error) return;
-  std::string message = error->message ? Trim(error->message) : "";
-  std::cerr << "Error: (CVConfiguration XML parser) Error " << error->code
-            << ", Description: " << message << ", Line: " << error->line
-            << ", Column: " << error->int2 << '\n';
-}
-
-bool ReadWholeFile(const std::string& path, std::string& text) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  text = buffer.str();
-  return true;
-}
-
 }  // namespace
 
 CVConfiguration& CVConfiguration::Instance() {
@@ -356,7 +297,8 @@ void CVConfiguration::ReadConfigFromFile() {
 
   std::string file = SettingsFile();
   if (!fs::exists(file, error)) {
-    if (!CVStaticHelpers::WriteFileAtomically(file, NewDocument(), 0600)) {
+    std::string document = NewDocument();
+    if (document.empty() || !CVStateXMLFile::Save(file, document)) {
       CVEventLogger::LogException(kClass, "ReadConfigFromFile", "could not write " + file);
     }
     if (fs::is_directory(HashFolder(), error)) {
@@ -370,10 +312,10 @@ void CVConfiguration::ReadConfigFromFile() {
     return;
   }
 
-  std::string text;
-  if (ReadWholeFile(file, text) && text.find("Configuration xmlns") != std::string::npos) {
+  std::optional<std::string> text = CVStateXMLFile::ReadWholeFile(file);
+  if (text && text->find("Configuration xmlns") != std::string::npos) {
     // A file in clear (the first start's) is enciphered from now on.
-    if (!CVStorageDataProtection::EncryptFile(file, text)) {
+    if (!CVStorageDataProtection::EncryptFile(file, *text)) {
       CVEventLogger::LogException(kClass, "ReadConfigFromFile", "could not encipher " + file);
     }
   }
@@ -409,15 +351,17 @@ void CVConfiguration::ReadConfigFromFile() {
 
 void CVConfiguration::ParseDocument(const std::string& text) {
   ConfigParser parser{*this, nullptr, nullptr, {}};
-  xmlSAXHandler handler;
-  std::memset(&handler, 0, sizeof handler);
-  handler.initialized = XML_SAX2_MAGIC;
-  handler.startElementNs = OnStart;
-  handler.endElementNs = OnEnd;
-  handler.characters = OnCharacters;
-  handler.serror = OnError;
+  CVStateXMLFile::Events events;
+  events.startElement = [&](const std::string& name) { parser.Start(name); };
+  events.endElement = [&](const std::string& name, const std::string&) { parser.End(name); };
+  // The parser's buffer spans start tags: it is emptied at end tags only.
+  events.characters = [&](std::string_view piece) { parser.buffer.append(piece); };
+  events.diagnostic = [](const CVStateXMLFile::ParseError& error) {
+    std::cerr << "Error: (CVConfiguration XML parser) Error " << error.code << ", Description: " << error.description
+              << ", Line: " << error.line << ", Column: " << error.column << '\n';
+  };
   // What was read before an error stays; the reader goes on where it can.
-  xmlSAXUserParseMemory(&handler, &parser, text.data(), static_cast<int>(text.size()));
+  (void)CVStateXMLFile::Parse(text, events);
 }
 
 std::string CVConfiguration::SaveConfigXML() {
@@ -435,7 +379,8 @@ std::string CVConfiguration::SaveConfigXML() {
   std::string text = doc.Finish();
 
   CVStaticHelpers::CreateSettingsFolder();
-  if (!CVStorageDataProtection::EncryptFile(SettingsFile(), text)) {
+  // A document that could not be built never replaces the file.
+  if (text.empty() || !CVStorageDataProtection::EncryptFile(SettingsFile(), text)) {
     CVEventLogger::LogException(kClass, "SaveConfigXML", "could not write " + SettingsFile());
   }
   CreateAddStoragesInfo();

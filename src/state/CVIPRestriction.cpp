@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <filesystem>
 #include <optional>
 
 #include "CVEventLogger.h"
@@ -81,43 +80,42 @@ void CVIPRestriction::ReadConfigFromFile() {
   try {
     CVStaticHelpers::CreateSettingsFolder();
     const std::string path = RestrictedFoldersXMLPath();
-    std::vector<CVIPRestrictionNode> records;
-    bool rewrite = false;
-    std::error_code error;
-    if (!std::filesystem::exists(path, error)) {
-      CVEventLogger::WriteMainLogMessage("File RestrictionFolders.xml not found!");
-      rewrite = true;
-    } else if (auto text = CVStateXMLFile::ReadWholeFile(path); !text) {
-      std::string aside = CVStateXMLFile::MoveDamagedAside(path);
-      CVEventLogger::WriteMainLogMessage("Error: cannot read " + path +
-                                         (aside.empty() ? "" : ", moved to " + aside));
-      rewrite = !aside.empty();
-    } else {
-      Reader reader;
-      CVStateXMLFile::Events events;
-      events.startElement = [&](const std::string& name) { reader.Start(name); };
-      events.endElement = [&](const std::string& name, const std::string& data) { reader.End(name, data); };
-      if (auto failure = CVStateXMLFile::Parse(*text, events)) {
+    Reader reader;
+    CVStateXMLFile::Events events;
+    events.startElement = [&](const std::string& name) { reader.Start(name); };
+    events.endElement = [&](const std::string& name, const std::string& data) { reader.End(name, data); };
+    const auto read = CVStateXMLFile::ReadStore(path, events);
+    switch (read.state) {
+      case StateFileRead::Missing:
+        CVEventLogger::WriteMainLogMessage("File RestrictionFolders.xml not found!");
+        break;
+      case StateFileRead::Unreadable:
+        CVEventLogger::WriteMainLogMessage("Error: cannot read " + path +
+                                           (read.keptCopy.empty() ? "" : ", moved to " + read.keptCopy));
+        break;
+      case StateFileRead::Broken:
         CVEventLogger::WriteMainLogMessage(
-            "Error: (MyParser XML parser) Error " + std::to_string(failure->code) +
-            ", Description: " + failure->description + ", Line: " + std::to_string(failure->line) +
-            ", Column: " + std::to_string(failure->column));
-        // The records read so far stay; the rest is kept in the damaged copy.
+            "Error: (MyParser XML parser) Error " + std::to_string(read.error->code) +
+            ", Description: " + read.error->description + ", Line: " + std::to_string(read.error->line) +
+            ", Column: " + std::to_string(read.error->column));
+        // The records read so far stay; the rest is kept in the copy.
         if (reader.ipRestriction && !reader.ipRestriction->FolderUrl.empty()) {
           reader.records.push_back(std::move(*reader.ipRestriction));
         }
-        std::string aside = CVStateXMLFile::MoveDamagedAside(path);
-        if (!aside.empty()) CVEventLogger::WriteMainLogMessage("RestrictedFolders.xml moved to " + aside);
-        rewrite = !aside.empty();
-      }
-      records = std::move(reader.records);
+        if (!read.keptCopy.empty()) {
+          CVEventLogger::WriteMainLogMessage("RestrictedFolders.xml as it was is kept in " + read.keptCopy);
+        }
+        break;
+      case StateFileRead::Whole:
+        break;
     }
+    std::vector<CVIPRestrictionNode> records = std::move(reader.records);
     {
       std::lock_guard<std::mutex> lock(lock_);
       records_ = std::move(records);
     }
     read_ = true;
-    if (rewrite) SaveRestrictionXML();
+    if (read.rewrite) SaveRestrictionXML();
   } catch (const std::exception& exception) {
     // Never a crash at start: the failure is logged and the store goes on as it is.
     CVEventLogger::LogException(kClassName, "ReadConfigFromFile", exception.what());
@@ -159,7 +157,6 @@ bool CVIPRestriction::SaveRestrictionXML() {
                                          " - SaveRestrictionXML -> The document could not be built");
       return false;
     }
-    CVStaticHelpers::CreateSettingsFolder();
     return CVStateXMLFile::Save(RestrictedFoldersXMLPath(), document);
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClassName, "SaveRestrictionXML", exception.what());

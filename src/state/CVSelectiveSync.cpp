@@ -174,44 +174,44 @@ void CVSelectiveSync::ReadConfigFromFile() {
     CVStaticHelpers::CreateSettingsFolder();
 
     const std::string path = SelectiveSyncXMLPath();
-    std::vector<SitePtr> sites;
-    bool rewrite = false;
-    if (!fs::exists(path, error)) {
-      CVEventLogger::WriteMainLogMessage("File SelectiveSync.xml not found!");
-      rewrite = true;
-    } else if (auto text = CVStateXMLFile::ReadWholeFile(path); !text) {
-      std::string aside = CVStateXMLFile::MoveDamagedAside(path);
-      Log("ReadConfigFromFile", "Cannot read " + path + (aside.empty() ? "" : ", moved to " + aside) +
-                                    "; selective sync starts empty");
-      rewrite = !aside.empty();
-    } else {
-      Reader reader;
-      CVStateXMLFile::Events events;
-      events.startElement = [&](const std::string& name) { reader.Start(name); };
-      events.endElement = [&](const std::string& name, const std::string& data) { reader.End(name, data); };
-      if (auto failure = CVStateXMLFile::Parse(*text, events)) {
+    Reader reader;
+    CVStateXMLFile::Events events;
+    events.startElement = [&](const std::string& name) { reader.Start(name); };
+    events.endElement = [&](const std::string& name, const std::string& data) { reader.End(name, data); };
+    const auto read = CVStateXMLFile::ReadStore(path, events);
+    switch (read.state) {
+      case StateFileRead::Missing:
+        CVEventLogger::WriteMainLogMessage("File SelectiveSync.xml not found!");
+        break;
+      case StateFileRead::Unreadable:
+        Log("ReadConfigFromFile", "Cannot read " + path +
+                                      (read.keptCopy.empty() ? "" : ", moved to " + read.keptCopy) +
+                                      "; selective sync starts empty");
+        break;
+      case StateFileRead::Broken:
         // A storage cut off in the middle may miss the rules that keep its files:
         // only storages read whole are kept, the others are rebuilt from the record.
-        std::string aside = CVStateXMLFile::MoveDamagedAside(path);
-        Log("ReadConfigFromFile", "SelectiveSync.xml is damaged: Error " + std::to_string(failure->code) +
-                                      ", Description: " + failure->description +
-                                      ", Line: " + std::to_string(failure->line) +
-                                      ", Column: " + std::to_string(failure->column) + "; kept " +
-                                      std::to_string(reader.complete.size()) + " storages read whole" +
-                                      (aside.empty() ? "" : "; the file was moved to " + aside));
-        rewrite = !aside.empty();
-      }
-      for (auto& parts : reader.complete) {
-        sites.push_back(std::make_shared<CVSelectiveSyncSite>(std::move(parts.name), std::move(parts.rules),
-                                                              std::move(parts.items), lock_));
-      }
+        Log("ReadConfigFromFile",
+            "SelectiveSync.xml is damaged: Error " + std::to_string(read.error->code) +
+                ", Description: " + read.error->description + ", Line: " + std::to_string(read.error->line) +
+                ", Column: " + std::to_string(read.error->column) + "; kept " +
+                std::to_string(reader.complete.size()) + " storages read whole" +
+                (read.keptCopy.empty() ? "" : "; the file as it was is kept in " + read.keptCopy));
+        break;
+      case StateFileRead::Whole:
+        break;
+    }
+    std::vector<SitePtr> sites;
+    for (auto& parts : reader.complete) {
+      sites.push_back(std::make_shared<CVSelectiveSyncSite>(std::move(parts.name), std::move(parts.rules),
+                                                            std::move(parts.items), lock_));
     }
     {
       std::lock_guard<std::recursive_mutex> lock(*lock_);
       sites_ = std::move(sites);
     }
     read_ = true;
-    if (rewrite) SaveConfigXML();
+    if (read.rewrite) SaveConfigXML();
   } catch (const std::exception& exception) {
     // Never a crash at start: the failure is logged and the store goes on as it is.
     CVEventLogger::LogException(kClassName, "ReadConfigFromFile", exception.what());
@@ -241,7 +241,6 @@ bool CVSelectiveSync::SaveConfigXML() {
       Log("SaveConfigXML", "The document could not be built; SelectiveSync.xml stays as it was");
       return false;
     }
-    CVStaticHelpers::CreateSettingsFolder();
     return CVStateXMLFile::Save(SelectiveSyncXMLPath(), document);
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClassName, "SaveConfigXML", exception.what());

@@ -1,34 +1,57 @@
 #include "CVStateXMLFile.h"
 
+#include <fcntl.h>
 #include <libxml/parser.h>
 #include <libxml/xmlerror.h>
+#include <unistd.h>
 #include <utf8proc.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
-#include <ctime>
+#include <cstring>
 #include <exception>
-#include <filesystem>
-#include <fstream>
+#include <functional>
 #include <mutex>
-#include <sstream>
 
-#include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
 
 namespace {
 
 void EnsureLibraryReady() {
+  // libxml2 wants its globals set up once before threads use it.
   static std::once_flag once;
   std::call_once(once, [] { xmlInitParser(); });
 }
 
+bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+
+// The state of one parse, handed to libxml2's callbacks.
 struct ParseState {
   const CVStateXMLFile::Events* events = nullptr;
   xmlParserCtxtPtr context = nullptr;
   std::string text;
   std::optional<CVStateXMLFile::ParseError> error;
 };
+
+// The document's bytes, handed to the parser as it asks for them: a pull parse
+// of any length, where a memory parse would stop at an int's worth.
+struct Source {
+  std::string_view rest;
+};
+
+int ReadSource(void* context, char* buffer, int length) {
+  auto* source = static_cast<Source*>(context);
+  std::size_t count = std::min(static_cast<std::size_t>(std::max(length, 0)), source->rest.size());
+  std::memcpy(buffer, source->rest.data(), count);
+  source->rest.remove_prefix(count);
+  return static_cast<int>(count);
+}
+
+int CloseSource(void*) { return 0; }
+
+std::string ElementName(const xmlChar* name) { return name ? reinterpret_cast<const char*>(name) : ""; }
 
 // A callback that throws would unwind through C frames: stop the parser instead.
 template <typename Body>
@@ -46,7 +69,7 @@ void OnStartElement(void* context, const xmlChar* localName, const xmlChar*, con
   auto* state = static_cast<ParseState*>(context);
   Guarded(state, [&] {
     state->text.clear();
-    if (state->events->startElement) state->events->startElement(reinterpret_cast<const char*>(localName));
+    if (state->events->startElement) state->events->startElement(ElementName(localName));
   });
 }
 
@@ -55,38 +78,40 @@ void OnEndElement(void* context, const xmlChar* localName, const xmlChar*, const
   Guarded(state, [&] {
     std::string text;
     text.swap(state->text);
-    if (state->events->endElement) state->events->endElement(reinterpret_cast<const char*>(localName), text);
+    if (state->events->endElement) state->events->endElement(ElementName(localName), text);
   });
 }
 
 void OnCharacters(void* context, const xmlChar* characters, int length) {
   auto* state = static_cast<ParseState*>(context);
   Guarded(state, [&] {
-    state->text.append(reinterpret_cast<const char*>(characters), static_cast<std::size_t>(length));
+    if (length <= 0) return;
+    std::string_view piece(reinterpret_cast<const char*>(characters), static_cast<std::size_t>(length));
+    state->text.append(piece);
+    if (state->events->characters) state->events->characters(piece);
   });
 }
 
+// libxml2 made the error argument const in 2.12.
 #if LIBXML_VERSION >= 21200
 void OnError(void* context, const xmlError* error) {
 #else
 void OnError(void* context, xmlErrorPtr error) {
 #endif
   auto* state = static_cast<ParseState*>(context);
-  if (!error || error->level < XML_ERR_ERROR || state->error) return;
-  std::string description = error->message ? error->message : "";
-  while (!description.empty() && (description.back() == '\n' || description.back() == '\r'))
-    description.pop_back();
-  state->error = CVStateXMLFile::ParseError{error->code, description, error->line, error->int2};
+  if (!error) return;
+  CVStateXMLFile::ParseError message{error->code, CVStateXMLFile::Trim(error->message ? error->message : ""),
+                                     error->line, error->int2};
+  if (state->events->diagnostic) Guarded(state, [&] { state->events->diagnostic(message); });
+  if (error->level >= XML_ERR_ERROR && !state->error) state->error = std::move(message);
 }
-
-bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
 
 }  // namespace
 
 std::optional<CVStateXMLFile::ParseError> CVStateXMLFile::Parse(std::string_view text, const Events& events) {
   EnsureLibraryReady();
-  xmlSAXHandler handler{};
   // Only the callbacks we need: no tree, no entity loading, no DTD.
+  xmlSAXHandler handler{};
   handler.initialized = XML_SAX2_MAGIC;
   handler.startElementNs = OnStartElement;
   handler.endElementNs = OnEndElement;
@@ -96,25 +121,18 @@ std::optional<CVStateXMLFile::ParseError> CVStateXMLFile::Parse(std::string_view
 
   ParseState state;
   state.events = &events;
-  xmlParserCtxtPtr context = xmlCreatePushParserCtxt(&handler, &state, nullptr, 0, nullptr);
+  Source source{text};
+  xmlParserCtxtPtr context =
+      xmlCreateIOParserCtxt(&handler, &state, ReadSource, CloseSource, &source, XML_CHAR_ENCODING_NONE);
   if (!context) return ParseError{-1, "the parser could not be created", 0, 0};
   state.context = context;
   xmlCtxtUseOptions(context, XML_PARSE_NONET);
-
-  constexpr std::size_t kChunk = 1 << 20;
-  std::size_t offset = 0;
-  while (offset < text.size() && !state.error) {
-    std::size_t length = std::min(kChunk, text.size() - offset);
-    xmlParseChunk(context, text.data() + offset, static_cast<int>(length), 0);
-    offset += length;
-  }
-  if (!state.error) xmlParseChunk(context, nullptr, 0, 1);
+  xmlParseDocument(context);
   if (!state.error && !context->wellFormed) {
     const xmlError* last = xmlCtxtGetLastError(context);
-    std::string description = last && last->message ? last->message : "the document is not well formed";
-    while (!description.empty() && description.back() == '\n') description.pop_back();
-    state.error =
-        ParseError{last ? last->code : -1, description, last ? last->line : 0, last ? last->int2 : 0};
+    state.error = ParseError{last ? last->code : -1,
+                             Trim(last && last->message ? last->message : "the document is not well formed"),
+                             last ? last->line : 0, last ? last->int2 : 0};
   }
   xmlFreeParserCtxt(context);
   return state.error;
@@ -124,9 +142,13 @@ CVStateXMLFile::Writer::Writer() {
   EnsureLibraryReady();
   buffer_ = xmlBufferCreate();
   if (buffer_) writer_ = xmlNewTextWriterMemory(buffer_, 0);
-  good_ = writer_ != nullptr && xmlTextWriterSetIndent(writer_, 1) == 0 &&
-          xmlTextWriterSetIndentString(writer_, BAD_CAST "  ") == 0 &&
-          xmlTextWriterStartDocument(writer_, nullptr, "UTF-8", nullptr) >= 0;
+  if (!writer_) {
+    failure_ = "the XML writer cannot be made";
+    return;
+  }
+  Check(xmlTextWriterSetIndent(writer_, 1), "indent");
+  Check(xmlTextWriterSetIndentString(writer_, BAD_CAST "  "), "indent");
+  Check(xmlTextWriterStartDocument(writer_, nullptr, "UTF-8", nullptr), "the document");
 }
 
 CVStateXMLFile::Writer::~Writer() {
@@ -134,25 +156,33 @@ CVStateXMLFile::Writer::~Writer() {
   if (buffer_) xmlBufferFree(buffer_);
 }
 
-void CVStateXMLFile::Writer::StartElement(const char* name) {
-  if (good_) good_ = xmlTextWriterStartElement(writer_, BAD_CAST name) >= 0;
+void CVStateXMLFile::Writer::Check(int result, const char* step) {
+  if (result < 0 && failure_.empty()) failure_ = std::string("the XML writer failed at ") + step;
+}
+
+void CVStateXMLFile::Writer::StartElement(const char* name, std::span<const Attribute> attributes) {
+  if (!failure_.empty()) return;
+  Check(xmlTextWriterStartElement(writer_, BAD_CAST name), name);
+  for (const auto& attribute : attributes) {
+    Check(xmlTextWriterWriteAttribute(writer_, BAD_CAST attribute.name, BAD_CAST attribute.value), attribute.name);
+  }
 }
 
 void CVStateXMLFile::Writer::EndElement() {
-  if (good_) good_ = xmlTextWriterEndElement(writer_) >= 0;
+  if (failure_.empty()) Check(xmlTextWriterEndElement(writer_), "the end of an element");
 }
 
 void CVStateXMLFile::Writer::WriteElement(const char* name, const std::string& text) {
-  if (good_) good_ = xmlTextWriterWriteElement(writer_, BAD_CAST name, BAD_CAST text.c_str()) >= 0;
+  if (failure_.empty()) Check(xmlTextWriterWriteElement(writer_, BAD_CAST name, BAD_CAST text.c_str()), name);
 }
 
 std::optional<std::string> CVStateXMLFile::Writer::Finish() {
-  if (good_) good_ = xmlTextWriterEndDocument(writer_) >= 0;
+  if (failure_.empty()) Check(xmlTextWriterEndDocument(writer_), "the end");
   if (writer_) {
     xmlFreeTextWriter(writer_);  // flushes into the buffer
     writer_ = nullptr;
   }
-  if (!good_ || !buffer_) return std::nullopt;
+  if (!failure_.empty()) return std::nullopt;
   return std::string(reinterpret_cast<const char*>(xmlBufferContent(buffer_)),
                      static_cast<std::size_t>(xmlBufferLength(buffer_)));
 }
@@ -171,6 +201,21 @@ bool CVStateXMLFile::IsXMLText(std::string_view text) {
     left -= used;
   }
   return true;
+}
+
+std::string CVStateXMLFile::PrintableText(std::string_view text) {
+  if (IsXMLText(text)) return std::string(text);
+  std::string out;
+  for (unsigned char c : text) {
+    if (c >= 0x20 && c < 0x7F) {
+      out += static_cast<char>(c);
+    } else {
+      char escaped[5];
+      std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+      out += escaped;
+    }
+  }
+  return out;
 }
 
 std::string CVStateXMLFile::Trim(std::string_view text) {
@@ -193,29 +238,85 @@ std::string CVStateXMLFile::TrimLayout(std::string_view text) {
   return std::string(text.substr(begin, end - begin));
 }
 
+StateFileRead CVStateXMLFile::ReadFile(const std::string& path, std::string& bytes, std::string& error) {
+  bytes.clear();
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ENOENT) return StateFileRead::Missing;
+    error = std::strerror(errno);
+    return StateFileRead::Unreadable;
+  }
+  char buffer[65536];
+  while (true) {
+    ssize_t got = read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      error = std::strerror(errno);
+      close(fd);
+      bytes.clear();
+      return StateFileRead::Unreadable;
+    }
+    if (got == 0) break;
+    bytes.append(buffer, static_cast<std::size_t>(got));
+  }
+  close(fd);
+  return StateFileRead::Whole;
+}
+
 std::optional<std::string> CVStateXMLFile::ReadWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::ostringstream bytes;
-  bytes << in.rdbuf();
-  if (in.bad()) return std::nullopt;
-  return bytes.str();
+  std::string bytes;
+  std::string error;
+  if (ReadFile(path, bytes, error) != StateFileRead::Whole) return std::nullopt;
+  return bytes;
 }
 
 bool CVStateXMLFile::Save(const std::string& path, const std::string& bytes) {
+  CVStaticHelpers::CreateSettingsFolder();
   return CVStaticHelpers::WriteFileAtomically(path, bytes, 0600);
 }
 
-std::string CVStateXMLFile::MoveDamagedAside(const std::string& path) {
-  std::time_t now = std::time(nullptr);
-  std::tm parts{};
-  localtime_r(&now, &parts);
-  char stamp[32];
-  std::size_t length = std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", &parts);
-  std::string base = path + ".damaged-" + std::string(stamp, length);
-  std::string target = base;
-  std::error_code error;
-  for (int n = 2; std::filesystem::exists(target, error); ++n) target = base + "-" + std::to_string(n);
-  if (std::rename(path.c_str(), target.c_str()) != 0) return "";
-  return target;
+CVStateXMLFile::StoreRead CVStateXMLFile::ReadStore(const std::string& path, const Events& events) {
+  StoreRead read;
+  std::string text;
+  std::string failure;
+  read.state = ReadFile(path, text, failure);
+  if (read.state == StateFileRead::Missing) {
+    read.rewrite = true;
+    return read;
+  }
+  if (read.state == StateFileRead::Unreadable) {
+    read.keptCopy = KeepBrokenCopy(path);
+  } else if ((read.error = Parse(text, events))) {
+    read.state = StateFileRead::Broken;
+    read.keptCopy = KeepBrokenCopy(path, text);
+  }
+  read.rewrite = read.state != StateFileRead::Whole && !read.keptCopy.empty();
+  return read;
+}
+
+namespace {
+std::string BrokenCopyName(const std::string& path, std::size_t key) {
+  char suffix[32];
+  std::snprintf(suffix, sizeof suffix, ".broken-%016zx", key);
+  return path + suffix;
+}
+}  // namespace
+
+std::string CVStateXMLFile::KeepBrokenCopy(const std::string& path, const std::string& bytes) {
+  std::string copy = BrokenCopyName(path, std::hash<std::string>{}(bytes));
+  if (access(copy.c_str(), F_OK) == 0) return copy;
+  return Save(copy, bytes) ? copy : "";
+}
+
+std::string CVStateXMLFile::KeepBrokenCopy(const std::string& path) {
+  // No content to name it after: the moment of the move makes the name, and the
+  // move never replaces a copy already there.
+  auto now = std::chrono::system_clock::now().time_since_epoch().count();
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    std::string moment = path + "@" + std::to_string(now) + "#" + std::to_string(attempt);
+    std::string target = BrokenCopyName(path, std::hash<std::string>{}(moment));
+    if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) return target;
+    if (errno != EEXIST) return "";
+  }
+  return "";
 }

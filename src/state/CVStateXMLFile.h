@@ -1,26 +1,30 @@
 #pragma once
-// CVStateXMLFile: what the small XML stores under ".Settings" share: an
-// event-driven read, a pretty-printed writer, the atomic save with mode 0600, and
-// moving a damaged file aside so that what it held is never overwritten.
-// Any thread; nothing here keeps state between calls.
+// CVStateXMLFile: what every XML file under ".Settings" shares: reading a file's
+// bytes, an event-driven parse, a pretty-printed writer, the check that a text
+// can be stored in XML, the atomic save with mode 0600, and a copy kept of a file
+// that did not read cleanly, so that what it held is never overwritten.
+// Stateless; any thread.
 
 #include <libxml/xmlwriter.h>
 
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
+// How the read of a state file went.
+enum class StateFileRead {
+  Missing,     // no file: an empty state
+  Whole,       // every record read
+  Broken,      // the file does not parse or holds wrong values; what was read stands
+  Unreadable,  // the file is there but its bytes could not be read: nothing may replace it
+};
+
 class CVStateXMLFile {
  public:
-  // The callbacks of a read; text is what stood between the previous tag and this
-  // closing one. A callback must not throw.
-  struct Events {
-    std::function<void(const std::string& name)> startElement;
-    std::function<void(const std::string& name, const std::string& text)> endElement;
-  };
-
-  // The first error of a document that did not parse.
+  // A message of the parser: the first error of a document that did not parse,
+  // or any message handed to Events::diagnostic.
   struct ParseError {
     long code = 0;
     std::string description;
@@ -28,45 +32,104 @@ class CVStateXMLFile {
     long column = 0;
   };
 
-  // Parses text with libxml2's SAX interface: no network, no external entities.
-  // Nothing when the document was read whole, else its first error; the events
-  // before the error have been delivered.
+  // The callbacks of a read; each may be left empty. A callback that throws stops
+  // the read, and its message becomes the read's error.
+  struct Events {
+    std::function<void(const std::string& name)> startElement;
+    // text is what stood between the previous tag and this closing one, untrimmed.
+    std::function<void(const std::string& name, const std::string& text)> endElement;
+    // Each piece of text as the parser hands it over, for a reader that gathers
+    // text by rules of its own.
+    std::function<void(std::string_view text)> characters;
+    // Every message of the parser, warnings included, in the order they come.
+    std::function<void(const ParseError& message)> diagnostic;
+  };
+
+  // Parses text with libxml2's SAX interface: no network, no external entities,
+  // entities beyond the five of XML are not expanded. Nothing when the document
+  // was read whole, else its first error; the events before the error have been
+  // delivered, and the parser goes on past errors it can recover from.
   static std::optional<ParseError> Parse(std::string_view text, const Events& events);
 
-  // A UTF-8 document built in memory, indented one level per element.
+  // A UTF-8 document built in memory, indented two spaces per level.
   class Writer {
    public:
+    struct Attribute {
+      const char* name;
+      const char* value;
+    };
+    // The schema namespaces that the records and the configuration declare on their root.
+    static constexpr Attribute kSchemaNamespaces[] = {
+        {"xmlns:xsd", "http://www.w3.org/2001/XMLSchema"},
+        {"xmlns:xsi", "http://www.w3.org/2001/XMLSchema-instance"},
+    };
+
     Writer();
     ~Writer();
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
 
-    void StartElement(const char* name);
+    // Opens an element, with its attributes in the order given.
+    void StartElement(const char* name, std::span<const Attribute> attributes = {});
     void EndElement();
+    // A leaf element holding text, escaped as XML needs.
     void WriteElement(const char* name, const std::string& text);
-    // The document's bytes; nothing when any step failed.
+    // Closes what is still open and gives the document's bytes; nothing when any
+    // step failed.
     std::optional<std::string> Finish();
+    // The step that failed first, for a log line; "" while none has.
+    const std::string& failure() const { return failure_; }
 
    private:
+    void Check(int result, const char* step);
+
     xmlBufferPtr buffer_ = nullptr;
     xmlTextWriterPtr writer_ = nullptr;
-    bool good_ = true;
+    std::string failure_;
   };
 
   // True when text can stand in an XML 1.0 document: valid UTF-8 of allowed characters.
   static bool IsXMLText(std::string_view text);
+  // The text for a log line: when it cannot stand in XML, bytes that cannot be
+  // printed become "\xNN".
+  static std::string PrintableText(std::string_view text);
   // Removes white space and line breaks from both ends.
   static std::string Trim(std::string_view text);
   // Removes layout only: a run of white space at either end that holds a line
   // break. A name that ends in a space keeps it.
   static std::string TrimLayout(std::string_view text);
 
-  // The whole file; nothing when it cannot be read.
+  // Missing when nothing stands at path; Unreadable (with error) when its bytes
+  // cannot be read whole; else Whole with bytes.
+  static StateFileRead ReadFile(const std::string& path, std::string& bytes, std::string& error);
+  // The whole file; nothing when it is missing or cannot be read.
   static std::optional<std::string> ReadWholeFile(const std::string& path);
-  // Replaces the file atomically with bytes, mode 0600. False (logged) when the
-  // old file stays as it was.
-  static bool Save(const std::string& path, const std::string& bytes);
-  // Renames a file that cannot be read to path + ".damaged-<date>"; gives the new
-  // path, or "" when it stays where it is.
-  static std::string MoveDamagedAside(const std::string& path);
+  // Makes ".Settings" where it is missing and replaces the file with bytes, mode
+  // 0600: readers see the old file or the new one, never a part. False (logged)
+  // when the old file stays as it was.
+  [[nodiscard]] static bool Save(const std::string& path, const std::string& bytes);
+
+  // How the read of a store went that keeps its state in memory and writes its
+  // file back whole.
+  struct StoreRead {
+    StateFileRead state = StateFileRead::Missing;
+    std::optional<ParseError> error;  // why a Broken file did not parse
+    std::string keptCopy;             // where an Unreadable or Broken file is kept; "" when nowhere
+    // True when the store should write its file at once: a missing one is made,
+    // an unreadable or broken one is replaced only once what it held is kept.
+    bool rewrite = false;
+  };
+  // Reads the store's file at path and parses it with events. A file that cannot
+  // be read is moved aside, one that does not parse is copied beside it.
+  static StoreRead ReadStore(const std::string& path, const Events& events);
+
+  // Keeps a file that did not read cleanly beside it, as
+  // "<path>.broken-<16 hex digits>", so that a later save loses nothing. Gives
+  // the copy's path, or "" when nothing could be kept.
+  // bytes are what was read of it: the copy is named after them, so the same
+  // content is kept once, and the file itself stays.
+  static std::string KeepBrokenCopy(const std::string& path, const std::string& bytes);
+  // For a file whose bytes could not be read: the file itself is moved aside,
+  // under a name of the same form that no other copy has.
+  static std::string KeepBrokenCopy(const std::string& path);
 };

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "StateFileSupport.h"
+#include "CVStateXMLFile.h"
 #include "SyncRecords.h"
 
 class NewFilesParser {

@@ -2,99 +2,62 @@
 
 #include <exception>
 #include <mutex>
-#include <utility>
+#include <stdexcept>
 
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
 #include "DownloadedXMLStaticMethods.h"
+#include "StateFileSupport.h"
 
 namespace {
 
 const char kClassName[] = "ServerXMLParser";
 
-// Turns the elements of the document into records. A record counts once its
-// DownloadedFile element has closed: one cut off by a broken file is left out,
-// since its missing fields would pass for a state that never was.
-class DownloadedFilesReader : public StateFileSupport::Handler {
- public:
-  explicit DownloadedFilesReader(std::vector<CVFileForCompare>& files) : files_(files) {}
+StateFileSupport::RecordFile DownloadedFile() {
+  StateFileSupport::RecordFile file;
+  file.path = CVStaticHelpers::GenerateDownloadedXMLPath();
+  file.lock = &DownloadedXMLStaticMethods::downloadedFilesLock();
+  file.className = kClassName;
+  file.method = "readDownloadedFiles";
+  file.recordElement = "DownloadedFile";
+  file.logParseError = [](const std::string& error) {
+    CVEventLogger::LogException(kClassName, "readDownloadedFiles", "(Server XML parser) " + error);
+  };
+  return file;
+}
 
-  bool hadWrongValues() const { return wrongValues_; }
-
-  void StartElement(std::string_view name) override {
-    if (name != "DownloadedFile") return;
-    if (current_) files_.push_back(std::move(*current_));  // a record left open by a hand edit
-    current_.emplace();
+// wasProcessed is the comparison's own mark and never comes from the file;
+// other elements are not ours.
+bool ReadField(const StateFileSupport::RecordFile& file, CVFileForCompare& record, std::string_view name,
+               std::string_view text) {
+  if (name == "localPath") {
+    record.localPath = StateFileSupport::TrimPath(text);
+    record.site = ServerXMLParser::SiteForLocalPath(record.localPath);
+  } else if (name == "modifiedTime") {
+    return StateFileSupport::ReadNumber(file, name, text, record.modifiedTime);
+  } else if (name == "statusChangeTime") {
+    return StateFileSupport::ReadNumber(file, name, text, record.statusChangeTime);
+  } else if (name == "size") {
+    return StateFileSupport::ReadNumber(file, name, text, record.size);
+  } else if (name == "fileStatus") {
+    return StateFileSupport::ReadNumber(file, name, text, record.fileStatus);
+  } else if (name == "fileNameUnicodeForm") {
+    return StateFileSupport::ReadNumber(file, name, text, record.fileNameUnicodeForm);
+  } else if (name == "brokenDownload") {
+    record.brokeDownload = StateFileSupport::IsYes(text);
+  } else if (name == "isFolder") {
+    record.isFolder = StateFileSupport::IsYes(text);
+  } else if (name == "deleted") {
+    record.deleted = StateFileSupport::IsYes(text);
+  } else if (name == "renamed") {
+    record.renamed = StateFileSupport::IsYes(text);
+  } else if (name == "site") {
+    record.site = StateFileSupport::TrimPath(text);
+  } else if (name == "storagePath") {
+    record.storagePath = StateFileSupport::TrimPath(text);
   }
-
-  void EndElement(std::string_view name, std::string_view text) override {
-    if (name == "DownloadedFile") {
-      if (current_) files_.push_back(std::move(*current_));
-      current_.reset();
-      return;
-    }
-    if (!current_) return;
-    try {
-      Apply(*current_, name, text);
-    } catch (const std::exception& exception) {
-      wrongValues_ = true;
-      CVEventLogger::LogException(kClassName, "readDownloadedFiles", exception.what());
-    }
-  }
-
- private:
-  void Apply(CVFileForCompare& record, std::string_view name, std::string_view text) {
-    if (name == "localPath") {
-      record.localPath = StateFileSupport::TrimPath(text);
-      record.site = ServerXMLParser::SiteForLocalPath(record.localPath);
-    } else if (name == "modifiedTime") {
-      Number(name, text, record.modifiedTime);
-    } else if (name == "statusChangeTime") {
-      Number(name, text, record.statusChangeTime);
-    } else if (name == "size") {
-      Number(name, text, record.size);
-    } else if (name == "fileStatus") {
-      Number(name, text, record.fileStatus);
-    } else if (name == "fileNameUnicodeForm") {
-      Number(name, text, record.fileNameUnicodeForm);
-    } else if (name == "brokenDownload") {
-      record.brokeDownload = StateFileSupport::IsYes(StateFileSupport::TrimValue(text));
-    } else if (name == "isFolder") {
-      record.isFolder = StateFileSupport::IsYes(StateFileSupport::TrimValue(text));
-    } else if (name == "deleted") {
-      record.deleted = StateFileSupport::IsYes(StateFileSupport::TrimValue(text));
-    } else if (name == "renamed") {
-      record.renamed = StateFileSupport::IsYes(StateFileSupport::TrimValue(text));
-    } else if (name == "site") {
-      record.site = StateFileSupport::TrimPath(text);
-    } else if (name == "storagePath") {
-      record.storagePath = StateFileSupport::TrimPath(text);
-    }
-    // wasProcessed is the comparison's own mark and never comes from the file;
-    // other elements are not ours.
-  }
-
-  template <typename Integer>
-  void Number(std::string_view name, std::string_view text, Integer& field) {
-    std::string value = StateFileSupport::TrimValue(text);
-    if (value.empty()) return;
-    bool good;
-    if constexpr (sizeof(Integer) == 8) {
-      good = StateFileSupport::ToInt64(value, field);
-    } else {
-      good = StateFileSupport::ToInt32(value, field);
-    }
-    if (good) return;
-    wrongValues_ = true;
-    CVEventLogger::LogException(kClassName, "readDownloadedFiles",
-                                "element " + std::string(name) + " holds \"" + StateFileSupport::PrintableText(value) +
-                                    "\", not a number; the field keeps its default");
-  }
-
-  std::vector<CVFileForCompare>& files_;
-  std::optional<CVFileForCompare> current_;
-  bool wrongValues_ = false;
-};
+  return true;
+}
 
 }  // namespace
 
@@ -109,74 +72,40 @@ std::string ServerXMLParser::SiteForLocalPath(const std::string& localPath) {
 }
 
 std::optional<std::vector<CVFileForCompare>> ServerXMLParser::readDownloadedFiles() {
-  lastRead_ = StateFileRead::Missing;
-  try {
-    CVStaticHelpers::CreateSettingsFolder();
-    const std::string path = CVStaticHelpers::GenerateDownloadedXMLPath();
-    std::string bytes;
-    std::string error;
-    StateFileRead state;
-    {
-      std::lock_guard<std::recursive_mutex> lock(DownloadedXMLStaticMethods::downloadedFilesLock());
-      state = StateFileSupport::ReadBytes(path, bytes, error);
-    }
-    if (state == StateFileRead::Missing) return std::nullopt;
-    if (state == StateFileRead::Unreadable) {
-      lastRead_ = StateFileRead::Unreadable;
-      CVEventLogger::LogException(kClassName, "readDownloadedFiles", "cannot read " + path + ": " + error);
-      return std::nullopt;
-    }
-
-    std::vector<CVFileForCompare> files;
-    DownloadedFilesReader reader(files);
-    auto parseError = StateFileSupport::Parse(bytes, reader);
-    lastRead_ = StateFileRead::Whole;
-    if (parseError) {
-      CVEventLogger::LogException(
-          kClassName, "readDownloadedFiles",
-          "(Server XML parser) Error " + std::to_string(parseError->code) + ", Description: " +
-              parseError->description + ", Line: " + std::to_string(parseError->line) +
-              ", Column: " + std::to_string(parseError->column));
-    }
-    if (parseError || reader.hadWrongValues()) {
-      lastRead_ = StateFileRead::Broken;
-      std::string copy = StateFileSupport::KeepBrokenCopy(path, bytes);
-      CVEventLogger::LogException(kClassName, "readDownloadedFiles",
-                                  std::to_string(files.size()) + " records read; " +
-                                      (copy.empty() ? "the file as it was could not be kept"
-                                                    : "the file as it was is kept in " + copy));
-    }
-    return files;
-  } catch (const std::exception& exception) {
-    // Nothing is known of the file now: no caller may save over it.
-    lastRead_ = StateFileRead::Unreadable;
-    CVEventLogger::LogException(kClassName, "readDownloadedFiles", exception.what());
-    return std::nullopt;
-  }
+  const StateFileSupport::RecordFile file = DownloadedFile();
+  return StateFileSupport::ReadRecords<CVFileForCompare>(
+      file,
+      [&](CVFileForCompare& record, std::string_view name, std::string_view text) {
+        return ReadField(file, record, name, text);
+      },
+      lastRead_);
 }
 
 std::string ServerXMLParser::DownloadedXMLText(const std::vector<CVFileForCompare>& array) {
-  StateFileSupport::DocumentWriter writer("DownloadedFiles");
+  CVStateXMLFile::Writer writer;
+  writer.StartElement("DownloadedFiles", CVStateXMLFile::Writer::kSchemaNamespaces);
   for (const auto& record : array) {
     if (record.deleted) continue;
-    if (!StateFileSupport::IsStorableText(record.localPath)) {
+    if (!CVStateXMLFile::IsXMLText(record.localPath)) {
       // An XML file cannot hold such a name; writing it would break every later read.
       CVEventLogger::LogException(kClassName, "saveDownloadedXML",
                                   "a path that XML cannot hold is not recorded: " +
-                                      StateFileSupport::PrintableText(record.localPath));
+                                      CVStateXMLFile::PrintableText(record.localPath));
       continue;
     }
-    writer.StartRecord("DownloadedFile");
-    writer.Element("localPath", record.localPath);
-    writer.Element("modifiedTime", std::to_string(record.modifiedTime));
-    writer.Element("statusChangeTime", std::to_string(record.statusChangeTime));
-    writer.Element("size", std::to_string(record.size));
-    writer.Element("brokenDownload", StateFileSupport::YesNo(record.brokeDownload));
-    writer.Element("isFolder", StateFileSupport::YesNo(record.isFolder));
-    writer.Element("fileStatus", std::to_string(record.fileStatus));
-    writer.EndRecord();
+    writer.StartElement("DownloadedFile");
+    writer.WriteElement("localPath", record.localPath);
+    writer.WriteElement("modifiedTime", std::to_string(record.modifiedTime));
+    writer.WriteElement("statusChangeTime", std::to_string(record.statusChangeTime));
+    writer.WriteElement("size", std::to_string(record.size));
+    writer.WriteElement("brokenDownload", StateFileSupport::YesNo(record.brokeDownload));
+    writer.WriteElement("isFolder", StateFileSupport::YesNo(record.isFolder));
+    writer.WriteElement("fileStatus", std::to_string(record.fileStatus));
+    writer.EndElement();
   }
-  return writer.Finish();
+  auto text = writer.Finish();
+  if (!text) throw std::runtime_error(writer.failure());
+  return *text;
 }
 
 bool ServerXMLParser::saveDownloadedXML(const std::vector<CVFileForCompare>& array) {
@@ -184,7 +113,7 @@ bool ServerXMLParser::saveDownloadedXML(const std::vector<CVFileForCompare>& arr
     std::string text = DownloadedXMLText(array);
     std::lock_guard<std::recursive_mutex> lock(DownloadedXMLStaticMethods::downloadedFilesLock());
     // Replaced in one step, never removed first: a crash leaves the old file or the new one.
-    if (StateFileSupport::WriteStateFile(CVStaticHelpers::GenerateDownloadedXMLPath(), text)) return true;
+    if (CVStateXMLFile::Save(CVStaticHelpers::GenerateDownloadedXMLPath(), text)) return true;
     CVEventLogger::LogException(kClassName, "saveDownloadedXML",
                                 "DownloadedFiles.xml could not be written; the old file stays");
     return false;

@@ -1,93 +1,60 @@
 #pragma once
-// StateFileSupport: what the readers and writers of the XML state files under
-// ".Settings" share: reading a file's bytes, an event-driven parse, the
-// pretty-printed document, the text rules of stored values, the replacement of a
-// file, and a copy kept of a file that does not read cleanly. Stateless; any thread.
+// StateFileSupport: what the two record files, DownloadedFiles.xml and
+// NewFiles.xml, share beyond the XML itself (CVStateXMLFile): the read of a file
+// of records with its log lines and the copy of a broken file, the "YES"/"NO"
+// flags, whole numbers, paths, and the folder-match test. Stateless; any thread.
 
 #include <cstdint>
-#include <memory>
+#include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
-// How the last read of a state file went.
-enum class StateFileRead {
-  Missing,     // no file: an empty state
-  Whole,       // every record read
-  Broken,      // the file does not parse or holds wrong values; what was read stands
-  Unreadable,  // the file is there but its bytes could not be read: nothing may replace it
-};
+#include "CVStateXMLFile.h"
 
 class StateFileSupport {
  public:
-  // Receives the elements of a document as they are parsed. Text is the text
-  // gathered since the element's start (or the last child's end), untrimmed.
-  class Handler {
-   public:
-    virtual ~Handler() = default;
-    virtual void StartElement(std::string_view name) = 0;
-    virtual void EndElement(std::string_view name, std::string_view text) = 0;
+  // A record file and who reads it, for the log lines of a read.
+  struct RecordFile {
+    std::string path;
+    std::recursive_mutex* lock = nullptr;  // guards the file's bytes
+    const char* className = "";
+    const char* method = "";
+    const char* recordElement = "";  // the element of one record
+    // Logs a parse error, given as "Error %li, Description: %@, Line: %li, Column: %li".
+    std::function<void(const std::string& error)> logParseError;
   };
 
-  struct ParseError {
-    long code = 0;
-    std::string description;
-    long line = 0;
-    long column = 0;
-  };
+  // Sets the field of a record that the element names; other elements are not
+  // ours. False when the text is no value for the field (logged).
+  template <typename Record>
+  using FieldReader = std::function<bool(Record& record, std::string_view name, std::string_view text)>;
 
-  // Builds a document in memory: root with the two schema namespaces, one child
-  // element per record, one text element per field, indented. Throws
-  // std::runtime_error when the writer fails.
-  class DocumentWriter {
-   public:
-    explicit DocumentWriter(const char* rootName);
-    ~DocumentWriter();
-    DocumentWriter(const DocumentWriter&) = delete;
-    DocumentWriter& operator=(const DocumentWriter&) = delete;
+  // The records of the file in file order. A record counts once its element has
+  // closed: one cut off by a broken file is left out, since its missing fields
+  // would pass for a state that never was; one left open by a hand edit ends
+  // where the next begins. Nothing when the file is missing or cannot be read
+  // (logged). A file that does not parse or holds wrong values gives what was
+  // read (logged, and the file's bytes kept beside it). Creates the root and
+  // settings folders where they are missing. state tells which it was.
+  template <typename Record>
+  static std::optional<std::vector<Record>> ReadRecords(const RecordFile& file, const FieldReader<Record>& readField,
+                                                        StateFileRead& state);
 
-    void StartRecord(const char* name);
-    void Element(const char* name, const std::string& value);
-    void EndRecord();
-    // Closes the root and hands out the UTF-8 bytes of the document.
-    std::string Finish();
-
-   private:
-    struct Parts;
-    std::unique_ptr<Parts> parts_;
-  };
-
-  // Missing when nothing stands at path; Unreadable (with error) when its bytes
-  // cannot be read whole.
-  static StateFileRead ReadBytes(const std::string& path, std::string& bytes, std::string& error);
-  // Parses bytes, calling handler for each element. Entities beyond the five of
-  // XML are not expanded and nothing is fetched. The first error, or nothing.
-  static std::optional<ParseError> Parse(std::string_view bytes, Handler& handler);
-
-  // Makes ".Settings" where it is missing and replaces path with bytes (mode 0600):
-  // readers see the old file or the new one, never a part.
-  [[nodiscard]] static bool WriteStateFile(const std::string& path, const std::string& bytes);
-  // Keeps bytes of a file that did not read cleanly beside it, named after its
-  // content ("<path>.broken-<hash>"), so that a later save loses nothing. The copy's
-  // path, or "" when it could not be written. The same content is kept only once.
-  static std::string KeepBrokenCopy(const std::string& path, const std::string& bytes);
-
-  // True when text can stand in an XML 1.0 document: valid UTF-8 without control
-  // characters other than tab, line feed and carriage return.
-  static bool IsStorableText(std::string_view text);
-  // The text for a log line: bytes that cannot be printed as "\xNN".
-  static std::string PrintableText(std::string_view text);
+  // Reads a whole number into field; an empty text leaves it as it is. False,
+  // with a line in the log, when text holds no number: the field keeps its value.
+  static bool ReadNumber(const RecordFile& file, std::string_view name, std::string_view text, std::int64_t& field);
+  static bool ReadNumber(const RecordFile& file, std::string_view name, std::string_view text, std::int32_t& field);
 
   static const char* YesNo(bool value) { return value ? "YES" : "NO"; }
-  static bool IsYes(std::string_view text) { return text == "YES"; }
-  // Without white space and new lines at either end.
-  static std::string TrimValue(std::string_view text);
-  // A path keeps trailing spaces, which a file name may end with; only the
-  // indentation of a hand-edited file around it (a run holding a new line) goes.
+  // Only "YES", around white space, is true.
+  static bool IsYes(std::string_view text) { return CVStateXMLFile::Trim(text) == "YES"; }
+  // A stored path is absolute: white space before it is layout, and so is a run
+  // at its end that holds a new line. Trailing spaces, which a file name may end
+  // with, stay.
   static std::string TrimPath(std::string_view text);
-  // Whole decimal numbers with an optional sign; false for anything else.
-  static bool ToInt64(std::string_view text, std::int64_t& value);
-  static bool ToInt32(std::string_view text, std::int32_t& value);
 
   // True when path is folder or lies below it: "Docs2" is not below "Docs".
   // A "/" at the end of folder is ignored. "" and "/" hold nothing here: no
@@ -95,4 +62,38 @@ class StateFileSupport {
   static bool IsSameOrBelow(std::string_view path, std::string_view folder);
   // Whole seconds since 1970, now.
   static std::int64_t NowSeconds();
+
+ private:
+  // The element events of a record file, one record at a time.
+  struct RecordEvents {
+    std::function<void()> start;
+    std::function<void()> end;
+    std::function<bool(std::string_view name, std::string_view text)> field;
+    std::function<std::size_t()> count;  // whole records so far
+  };
+  static StateFileRead ReadRecordFile(const RecordFile& file, const RecordEvents& events);
 };
+
+template <typename Record>
+std::optional<std::vector<Record>> StateFileSupport::ReadRecords(const RecordFile& file,
+                                                                 const FieldReader<Record>& readField,
+                                                                 StateFileRead& state) {
+  std::vector<Record> records;
+  std::optional<Record> current;
+  RecordEvents events;
+  events.start = [&] {
+    if (current) records.push_back(std::move(*current));
+    current.emplace();
+  };
+  events.end = [&] {
+    if (current) records.push_back(std::move(*current));
+    current.reset();
+  };
+  events.field = [&](std::string_view name, std::string_view text) {
+    return !current || readField(*current, name, text);
+  };
+  events.count = [&] { return records.size(); };
+  state = ReadRecordFile(file, events);
+  if (state == StateFileRead::Missing || state == StateFileRead::Unreadable) return std::nullopt;
+  return records;
+}

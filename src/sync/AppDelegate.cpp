@@ -3,8 +3,17 @@
 #include <uuid/uuid.h>
 
 #include <exception>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
 
+#include "AsyncFileCommonPart.h"
 #include "CVConfiguration.h"
+#include "CVSelectiveSync.h"
+#include "DownloadedXMLStaticMethods.h"
+#include "NewFilesParser.h"
+#include "ServerXMLParser.h"
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
 #include "ConnectionService.h"
@@ -81,19 +90,80 @@ bool AppDelegate::applicationDidFinishLaunching() {
     CVEventLogger::WriteMainLogMessage("No account is configured: the login must come first");
     return false;
   }
+  {
+    // The record's lock covers the other two files too: nobody writes them yet.
+    std::lock_guard<std::recursive_mutex> lock(DownloadedXMLStaticMethods::downloadedFilesLock());
+    std::lock_guard<std::recursive_mutex> queueLock(NewFilesParser::newFilesLock());
+    RepairDoubleSlashes();
+  }
   FinishAppLaunchNewSync();
   return true;
 }
 
 void AppDelegate::initializeRules() {
-  CVEventLogger::WriteMainLogMessage(
-      "initializeRules: the selective sync store is not part of this build; no rules to make good");
+  std::vector<CVFileForCompare> records = ServerXMLParser().readDownloadedFiles().value_or(
+      std::vector<CVFileForCompare>{});
+  std::string root = CVStaticHelpers::GenerateRootPathForStorages();
+  CVSelectiveSync& store = CVSelectiveSync::Instance();
+  for (const auto& storage : CVConfiguration::Instance().SitesCopy()) {
+    auto site = store.GetSiteRulesByName(storage->Name, true);
+    if (!site) continue;
+    if (!site->SyncItems().empty() || records.empty()) continue;
+    // A store that is new or empty learns the storage's items from the record.
+    std::string prefix = root + "/" + storage->Name + "/";
+    std::vector<std::string> relativePaths;
+    for (const auto& record : records) {
+      if (record.localPath.size() <= prefix.size() || record.localPath.compare(0, prefix.size(), prefix) != 0) {
+        continue;
+      }
+      site->addSyncItem(record.isFolder, record.localPath);
+      relativePaths.push_back(record.localPath.substr(root.size() + 1));
+    }
+    auto rules = site->SyncRules();
+    if (rules.empty()) {
+      site->addSyncRule(CVSelectiveSyncRule::syncNone, root + "/" + storage->Name);
+    } else if (!relativePaths.empty()) {
+      std::set<std::string> ruled;
+      for (const auto& rule : rules) ruled.insert(rule.ItemUrl);
+      for (const auto& relative : relativePaths) {
+        if (!ruled.count(relative)) site->addSyncRule(CVSelectiveSyncRule::syncAll, root + "/" + relative);
+      }
+    }
+  }
+  store.SaveConfigXML();
+}
+
+void AppDelegate::RepairDoubleSlashes() {
+  // An older version stored "<root>//<storage>/..." in these files.
+  std::string root = CVStaticHelpers::GenerateRootPath();
+  std::string settings = CVStaticHelpers::GenerateSettingsPath();
+  for (const char* name : {"/DownloadedFiles.xml", "/NewFiles.xml", "/SelectiveSync.xml"}) {
+    std::string path = settings + name;
+    std::ifstream in(path, std::ios::binary);
+    if (!in) continue;
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    std::string text = buffer.str();
+    std::string wrong = root + "//", right = root + "/";
+    bool changed = false;
+    for (auto at = text.find(wrong); at != std::string::npos; at = text.find(wrong, at + right.size())) {
+      text.replace(at, wrong.size(), right);
+      changed = true;
+    }
+    if (changed && !CVStaticHelpers::WriteFileAtomically(path, text, 0600)) {
+      CVEventLogger::LogException(kClass, "RepairDoubleSlashes", "could not write " + path);
+    }
+  }
 }
 
 void AppDelegate::FinishAppLaunchNewSync() {
   initAndRunSync();
-  // Local changes that the last run had not finished come back from NewFiles.xml
-  // once that file has a reader; until then the queue starts empty.
+  // Local changes that the last run had not finished come back, with their attempts.
+  if (auto queued = NewFilesParser().readNewFiles()) {
+    FSW_Queues& fsw = mainSyncObject_->fswQueue();
+    std::lock_guard<std::mutex> lock(fsw.FSW_FQ_Lock);
+    fsw.FQ_FilteredQueue = std::move(*queued);
+  }
   workers_.Start([this] { GetWebServiceVersionAgain(); });
 }
 
@@ -218,10 +288,14 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
             cancelled = true;
             break;
           }
-          if (!server.siteOffline) server.FilterNFQ(name);
+          if (!server.siteOffline) {
+            // Handed over before the work list fills: the loop may take its first
+            // items at once, and a local change among them must find the pass waiting.
+            sync->SetSQInProcess();
+            server.FilterNFQ(name);
+          }
         }
         if (!server.siteOffline) {
-          sync->SetSQInProcess();
           sync->WaitForSQProcessEnding(pass.get());
           if (pass->IsCancelled()) {
             cancelled = true;

@@ -55,6 +55,8 @@ class AppDelegate {
   bool applicationDidFinishLaunching();
   void applicationWillTerminate();
   void initializeRules();
+  // Mends "<root>//" left in the state files by an older version.
+  void RepairDoubleSlashes();
   void FinishAppLaunchNewSync();
   void initAndRunSync();
   // Makes the sync engine (SmartSync) and starts its loop thread.

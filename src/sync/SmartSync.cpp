@@ -111,8 +111,11 @@ void SmartSync::SetSQInProcess() {
 }
 
 void SmartSync::ReleaseSchedulerIfQueueEmpty() {
-  // Cleared under SQ_FQ_Lock and only with an empty queue, so that a queue the
-  // scheduler has just filled is never released before it is worked.
+  // Never while a comparison fills the work list, and only with an empty list
+  // (under SQ_FQ_Lock), so that the scheduler is not released before its queue
+  // has been worked.
+  std::unique_lock<std::mutex> comparing(serverQueue_->compareLock, std::try_to_lock);
+  if (!comparing.owns_lock()) return;
   std::lock_guard<std::mutex> lock(serverQueue_->SQ_FQ_Lock);
   if (serverQueue_->SQ_ServerQueue.empty()) sqInProcess = false;
 }
@@ -257,7 +260,8 @@ void SmartSync::Sync() {
   CVEventLogger::WriteMainLogMessage("Main loop thread started! " + std::to_string(running) +
                                      " thread(s) running");
   requiresQueueRefill = false;
-  sqInProcess = false;
+  // A scheduler that handed over a queue while this thread got going keeps it.
+  ReleaseSchedulerIfQueueEmpty();
   // syncMainThreadShouldRun was set by RunSyncThread; setting it again here would
   // undo a stop that came before this thread got going.
   {

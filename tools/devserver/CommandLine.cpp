@@ -41,7 +41,8 @@ StorageConfig ParseStorageArgument(const std::string& argument) {
   bool inFolder = true;
   while (start <= argument.size()) {
     const auto comma = argument.find(',', start);
-    const auto piece = argument.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+    const auto piece =
+        argument.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
     if (piece.rfind("type=", 0) == 0) {
       config.type = piece.substr(5);
       inFolder = false;
@@ -60,21 +61,24 @@ StorageConfig ParseStorageArgument(const std::string& argument) {
     start = comma + 1;
   }
   if (folder.empty()) throw std::invalid_argument("storage '" + config.name + "' has no folder");
-  if (config.type.empty()) throw std::invalid_argument("storage '" + config.name + "' has an empty type");
+  if (config.type.empty())
+    throw std::invalid_argument("storage '" + config.name + "' has an empty type");
   config.folder = folder;
   return config;
 }
 
 FaultSetting ParseFaultArgument(const std::string& argument) {
   const auto first = argument.find(',');
-  const auto second = first == std::string::npos ? std::string::npos : argument.find(',', first + 1);
+  const auto second =
+      first == std::string::npos ? std::string::npos : argument.find(',', first + 1);
   if (first == 0 || second == std::string::npos) {
     throw std::invalid_argument("--fail must be NAME,COUNT,KIND[=VALUE], got '" + argument + "'");
   }
   FaultSetting setting;
   setting.name = argument.substr(0, first);
   const auto count = argument.substr(first + 1, second - first - 1);
-  setting.count = count == "*" ? -1 : static_cast<int>(ParseNumber(count, "--fail count", 1'000'000));
+  setting.count =
+      count == "*" ? -1 : static_cast<int>(ParseNumber(count, "--fail count", 1'000'000));
   setting.fault = Fault::Parse(argument.substr(second + 1));
   return setting;
 }
@@ -100,7 +104,8 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args) {
       if (options.host.size() >= 2 && options.host.front() == '[' && options.host.back() == ']') {
         options.host = options.host.substr(1, options.host.size() - 2);
       }
-      options.port = static_cast<int>(ParseNumber(address.substr(colon + 1), "--listen port", 65535));
+      options.port =
+          static_cast<int>(ParseNumber(address.substr(colon + 1), "--listen port", 65535));
     } else if (arg == "--allow-remote") {
       options.allowRemote = true;
     } else if (arg == "--user") {
@@ -127,7 +132,8 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args) {
     } else if (arg == "--upload-request") {
       const auto account = value();
       const auto eq = account.find('=');
-      if (eq == std::string::npos || eq == 0) throw std::invalid_argument("--upload-request must be GUID=USER");
+      if (eq == std::string::npos || eq == 0)
+        throw std::invalid_argument("--upload-request must be GUID=USER");
       options.uploadRequests.push_back({account.substr(0, eq), account.substr(eq + 1)});
     } else if (arg == "--fail") {
       options.faults.push_back(ParseFaultArgument(value()));
@@ -135,7 +141,8 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args) {
       throw std::invalid_argument("unknown argument '" + arg + "' (see --help)");
     }
   }
-  if (!line.help && options.users.empty()) throw std::invalid_argument("at least one --user is needed");
+  if (!line.help && options.users.empty())
+    throw std::invalid_argument("at least one --user is needed");
   return line;
 }
 

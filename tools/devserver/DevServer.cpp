@@ -67,19 +67,23 @@ class DevServer::Routes {
     AddFileMethods(methods_);
     AddDownloadHandlers(handlers_);
     http_.set_keep_alive_max_count(100);
-    http_.set_exception_handler([this](const httplib::Request& req, httplib::Response& res,
-                                       std::exception_ptr error) {
-      std::string what = "unknown error";
-      try {
-        std::rethrow_exception(error);
-      } catch (const std::exception& e) {
-        what = e.what();
-      } catch (...) {
-      }
-      state_.Log("exception in " + req.path + ": " + what);
-      SendBody(res, 500, "", "text/plain", std::nullopt);
-    });
-    http_.Post(".*", [this](const httplib::Request& req, httplib::Response& res) { Route(req, res); });
+    // A kept-alive connection holds a thread while it idles; the client may keep
+    // several, and tests start more.
+    http_.new_task_queue = [] { return new httplib::ThreadPool(32); };
+    http_.set_exception_handler(
+        [this](const httplib::Request& req, httplib::Response& res, std::exception_ptr error) {
+          std::string what = "unknown error";
+          try {
+            std::rethrow_exception(error);
+          } catch (const std::exception& e) {
+            what = e.what();
+          } catch (...) {
+          }
+          state_.Log("exception in " + req.path + ": " + what);
+          SendBody(res, 500, "", "text/plain", std::nullopt);
+        });
+    http_.Post(".*",
+               [this](const httplib::Request& req, httplib::Response& res) { Route(req, res); });
   }
 
   RawRangeHttpServer& http() { return http_; }
@@ -124,7 +128,8 @@ class DevServer::Routes {
       state_.requests().Record(record);
       state_.Log("POST " + endpointName + ": " + error.message);
       const auto reply = SoapReply::ClientFault(error.message);
-      SendBody(res, SoapReplyStatus(reply), BuildSoapReply("", reply), kSoapContentType, std::nullopt);
+      SendBody(res, SoapReplyStatus(reply), BuildSoapReply("", reply), kSoapContentType,
+               std::nullopt);
       return;
     }
     record.name = call.method;
@@ -138,7 +143,7 @@ class DevServer::Routes {
     const auto fault = state_.faults().Take(endpointName + "/" + call.method, call.method);
     if (!Delay(fault)) return;
     if (fault && fault->kind == Fault::Kind::Status) {
-      // A failing server as ASP.NET shows it: a 500 carries a SOAP fault.
+      // A failing service answers 500 with a SOAP fault.
       const auto reply = SoapReply::ServerFault("Injected failure.");
       SendBody(res, fault->status, fault->status == 500 ? BuildSoapReply(call.method, reply) : "",
                kSoapContentType, std::nullopt);
@@ -217,7 +222,8 @@ void DevServer::Start() {
     port_ = options_.port;
   }
   if (port_ <= 0) {
-    throw std::runtime_error("cannot listen on " + options_.host + ":" + std::to_string(options_.port));
+    throw std::runtime_error("cannot listen on " + options_.host + ":" +
+                             std::to_string(options_.port));
   }
   started_ = true;
   thread_ = std::thread([&http] { http.listen_after_bind(); });
@@ -234,7 +240,8 @@ void DevServer::Stop() {
 
 std::string DevServer::BaseUrl() const {
   const bool v6 = options_.host.find(':') != std::string::npos;
-  return "http://" + (v6 ? "[" + options_.host + "]" : options_.host) + ":" + std::to_string(port_) + "/";
+  return "http://" + (v6 ? "[" + options_.host + "]" : options_.host) + ":" +
+         std::to_string(port_) + "/";
 }
 
 void DevServer::FailNext(const std::string& name, Fault fault, int count) {
@@ -262,7 +269,9 @@ void DevServer::InvalidateToken(const std::string& token) { state_->tokens().Inv
 
 void DevServer::InvalidateAllTokens() { state_->tokens().InvalidateAll(); }
 
-void DevServer::SetVersionReply(std::string version) { state_->SetVersionReply(std::move(version)); }
+void DevServer::SetVersionReply(std::string version) {
+  state_->SetVersionReply(std::move(version));
+}
 
 void DevServer::AddUploadRequest(const std::string& guid, const std::string& user) {
   state_->AddUploadRequest(guid, user);

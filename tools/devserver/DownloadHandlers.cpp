@@ -39,7 +39,8 @@ std::optional<ByteRange> SelectRange(const httplib::Request& req, std::int64_t s
   const auto lengthText = value.substr(dash + 1);
   unsigned long long length = left;
   if (!lengthText.empty() && !ParseUnsigned(lengthText, length)) return std::nullopt;
-  return ByteRange{static_cast<std::int64_t>(start), static_cast<std::int64_t>(std::min(length, left))};
+  return ByteRange{static_cast<std::int64_t>(start),
+                   static_cast<std::int64_t>(std::min(length, left))};
 }
 
 // "gzip" among the accepted codings, and not refused with q=0.
@@ -116,7 +117,8 @@ void DownloadStorageFile(ServerState& state, const httplib::Request& req, httpli
     // One gzip member of exactly the selected bytes, its compressed length in
     // Content-Length: the client inflates once it has that many bytes.
     std::string selected(static_cast<std::size_t>(range->count), '\0');
-    const auto got = ::pread(*fd, selected.data(), selected.size(), static_cast<off_t>(range->start));
+    const auto got =
+        ::pread(*fd, selected.data(), selected.size(), static_cast<off_t>(range->start));
     if (got != static_cast<ssize_t>(selected.size())) {
       SendBody(res, 500, "", kOctets, drop);
       return;

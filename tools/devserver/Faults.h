@@ -28,7 +28,7 @@ struct Fault {
   int status = 0;
   std::chrono::milliseconds delay{0};
   // Drop: the headers and this many body bytes go out before the close;
-  // nothing at all (not even the headers) when empty.
+  // nothing at all (not even the headers) when empty, or when the body is.
   std::optional<std::size_t> dropAfterBodyBytes;
 
   static Fault Result(std::string text);

@@ -78,10 +78,9 @@ void ListFolder(const fs::path& local, const std::string& listedPrefix, char sep
       return;
     }
     const auto serverPath = listedPrefix + name;
-    listing.entries.push_back("0:" + std::to_string(entry->size) + ":" +
-                              std::to_string(entry->modified) + ":" +
-                              (entry->isFolder ? "D" : "F") + ":0:" +
-                              PercentEncode(serverPath, separator));
+    listing.entries.push_back(
+        "0:" + std::to_string(entry->size) + ":" + std::to_string(entry->modified) + ":" +
+        (entry->isFolder ? "D" : "F") + ":0:" + PercentEncode(serverPath, separator));
     if (recursive && entry->isFolder) {
       ListFolder(child, serverPath + separator, separator, recursive, listing);
       if (listing.failure) return;

@@ -19,12 +19,10 @@ std::int64_t AllowedBytes(std::int64_t total, const std::optional<Fault>& drop) 
   return std::min<std::int64_t>(total, static_cast<std::int64_t>(*drop->dropAfterBodyBytes));
 }
 
-bool Dropping(const std::optional<Fault>& drop) {
-  return drop && drop->kind == Fault::Kind::Drop;
-}
+bool Dropping(const std::optional<Fault>& drop) { return drop && drop->kind == Fault::Kind::Drop; }
 
-// Sends [offset, offset + length) of the body through `read`, then ends the
-// connection early when a Drop fault asks for it.
+// Sends a body of `total` bytes that `read` supplies piece by piece, and ends
+// the connection where a Drop fault asks for it.
 template <typename Reader>
 void SendThroughProvider(httplib::Response& res, std::int64_t total, const std::string& contentType,
                          const std::optional<Fault>& drop, Reader read) {
@@ -50,8 +48,8 @@ void SendThroughProvider(httplib::Response& res, std::int64_t total, const std::
           RawRangeHttpServer::DropCurrentConnection();
           return false;
         }
-        const auto n = std::min<std::int64_t>({static_cast<std::int64_t>(length),
-                                               static_cast<std::int64_t>(kChunk), allowed - at});
+        const auto n = std::min<std::int64_t>(
+            {static_cast<std::int64_t>(length), static_cast<std::int64_t>(kChunk), allowed - at});
         std::string chunk;
         if (!read(at, n, chunk) || !sink.write(chunk.data(), chunk.size())) return false;
         if (dropping && at + static_cast<std::int64_t>(chunk.size()) >= allowed) {
@@ -85,18 +83,14 @@ void SendFileBytes(httplib::Response& res, std::shared_ptr<int> fd, std::int64_t
                         out.resize(static_cast<std::size_t>(n));
                         std::size_t done = 0;
                         while (done < out.size()) {
-                          const auto got = ::pread(*fd, out.data() + done, out.size() - done,
-                                                   static_cast<off_t>(offset + at) +
-                                                       static_cast<off_t>(done));
+                          const auto got =
+                              ::pread(*fd, out.data() + done, out.size() - done,
+                                      static_cast<off_t>(offset + at) + static_cast<off_t>(done));
                           if (got <= 0) return false;  // the file shrank under us
                           done += static_cast<std::size_t>(got);
                         }
                         return true;
                       });
-}
-
-bool HasFormField(const httplib::Request& req, const std::string& name) {
-  return req.has_param(name.c_str()) || req.has_file(name.c_str());
 }
 
 std::string FormField(const httplib::Request& req, const std::string& name) {

@@ -28,7 +28,6 @@ void SendFileBytes(httplib::Response& res, std::shared_ptr<int> fd, std::int64_t
                    const std::optional<Fault>& drop);
 
 // A form field of a POST (URL-encoded or multipart), or a query field.
-bool HasFormField(const httplib::Request& req, const std::string& name);
 std::string FormField(const httplib::Request& req, const std::string& name);
 
 // The handler answers the request; `drop` is a pending Drop fault for its reply.

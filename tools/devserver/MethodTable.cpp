@@ -6,9 +6,12 @@ namespace devserver {
 
 const char* EndpointName(Endpoint endpoint) {
   switch (endpoint) {
-    case Endpoint::Main: return "CorvalinkWS.asmx";
-    case Endpoint::Mobile: return "CorvalinkMobile.asmx";
-    case Endpoint::Share: return "share.asmx";
+    case Endpoint::Main:
+      return "CorvalinkWS.asmx";
+    case Endpoint::Mobile:
+      return "CorvalinkMobile.asmx";
+    case Endpoint::Share:
+      return "share.asmx";
   }
   return "";
 }

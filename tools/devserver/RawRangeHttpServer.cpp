@@ -4,13 +4,13 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
 #include <cstring>
-#include <strings.h>
 
 namespace devserver {
 namespace {
@@ -52,7 +52,8 @@ class ConnectionStream final : public httplib::Stream {
     if (inHeaders_) {
       // Hand out at most one line, so that the next line's start is seen here.
       const void* newline = std::memchr(buffer_.data() + begin_, '\n', n);
-      if (newline) n = static_cast<size_t>(static_cast<const char*>(newline) - (buffer_.data() + begin_)) + 1;
+      if (newline)
+        n = static_cast<size_t>(static_cast<const char*>(newline) - (buffer_.data() + begin_)) + 1;
       line_.append(buffer_.data() + begin_, n);
       if (line_.back() == '\n') {
         if (line_ == "\n" || line_ == "\r\n") inHeaders_ = false;  // the body follows
@@ -118,7 +119,8 @@ class ConnectionStream final : public httplib::Stream {
       if (Fill() <= 0) return false;  // a line longer than the buffer is the library's problem
     }
     const char* line = buffer_.data() + begin_;
-    if (static_cast<size_t>(newline - line) < kLength || ::strncasecmp(line, kRange, kLength) != 0) {
+    if (static_cast<size_t>(newline - line) < kLength ||
+        ::strncasecmp(line, kRange, kLength) != 0) {
       return false;
     }
     const char* value = line + kLength;
@@ -181,7 +183,8 @@ bool RawRangeHttpServer::process_and_close_socket(socket_t sock) {
                           Milliseconds(write_timeout_sec_, write_timeout_usec_));
   // Waits for the next request of a kept-alive connection, watching for a stop.
   auto nextRequest = [&] {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(keep_alive_timeout_sec_);
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(keep_alive_timeout_sec_);
     while (!stream.HasBuffered()) {
       if (svr_sock_ == INVALID_SOCKET) return false;
       pollfd pfd{sock, POLLIN, 0};

@@ -16,9 +16,9 @@
 namespace devserver {
 
 struct RecordedRequest {
-  std::string name;      // the method ("GetFiles") or handler ("DownloadStorageFile.ashx")
-  std::string endpoint;  // "CorvalinkMobile.asmx", ...; the handler's name for handlers
-  std::string target;    // the request's path and query as sent
+  std::string name;          // the method ("GetFiles") or handler ("DownloadStorageFile.ashx")
+  std::string endpoint;      // "CorvalinkMobile.asmx", ...; the handler's name for handlers
+  std::string target;        // the request's path and query as sent
   httplib::Headers headers;  // as sent; header names compare without case
   // SOAP parameters by local name, or form fields of a handler.
   std::map<std::string, std::string> fields;

@@ -20,9 +20,9 @@ struct UserAccount {
 
 struct StorageConfig {
   std::string name;
-  std::filesystem::path folder;  // what is in it is what the server holds
-  std::string type = "CIFS";     // "CIFS", or any other type ("SP", "S3"...) for a URL location
-  std::vector<std::string> users;          // empty: every user has this storage
+  std::filesystem::path folder;    // what is in it is what the server holds
+  std::string type = "CIFS";       // "CIFS", or any other type ("SP", "S3"...) for a URL location
+  std::vector<std::string> users;  // empty: every user has this storage
   std::optional<UserAccount> credentials;  // the storage's own login, else the account's
 };
 
@@ -44,7 +44,7 @@ struct UploadRequestConfig {
 
 struct ServerOptions {
   std::string host = "127.0.0.1";
-  int port = 8080;  // 0: any free port
+  int port = 8080;           // 0: any free port
   bool allowRemote = false;  // listening on anything but loopback must be asked for
 
   std::vector<UserAccount> users;

@@ -9,8 +9,9 @@ namespace {
 
 bool IsSameOrInside(const std::string& path, const std::string& folder) {
   if (folder.empty()) return true;
-  return path == folder || (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-                            path[folder.size()] == '/');
+  return path == folder ||
+         (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+          path[folder.size()] == '/');
 }
 
 std::string NormalisedRelative(const std::string& relativePath) {
@@ -54,11 +55,13 @@ ServerState::ServerState(ServerOptions options)
     : options_(std::move(options)), storages_(options_), versionReply_(options_.versionReply) {
   for (const auto& restricted : options_.restricted) {
     if (!storages_.Find(restricted.storage)) {
-      throw std::invalid_argument("restricted path in unknown storage '" + restricted.storage + "'");
+      throw std::invalid_argument("restricted path in unknown storage '" + restricted.storage +
+                                  "'");
     }
     restrictions_.Add(restricted.storage, restricted.path);
   }
-  for (const auto& setting : options_.faults) faults_.Add(setting.name, setting.fault, setting.count);
+  for (const auto& setting : options_.faults)
+    faults_.Add(setting.name, setting.fault, setting.count);
   for (const auto& request : options_.uploadRequests) AddUploadRequest(request.guid, request.user);
 }
 
@@ -85,7 +88,8 @@ bool ServerState::HasNewerLogin() const {
   std::size_t start = 0;
   for (int i = 0; i < 3 && start <= version.size(); ++i) {
     const auto dot = version.find('.', start);
-    const auto piece = version.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
+    const auto piece =
+        version.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
     unsigned long long value = 0;
     if (ParseUnsigned(piece, value) && value < 100000) numbers[i] = static_cast<long>(value);
     if (dot == std::string::npos) break;
@@ -118,11 +122,6 @@ void ServerState::BeginStop() {
     stopping_ = true;
   }
   stopSignal_.notify_all();
-}
-
-void ServerState::ResetStop() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  stopping_ = false;
 }
 
 void ServerState::Log(const std::string& line) const {

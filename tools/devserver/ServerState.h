@@ -62,7 +62,6 @@ class ServerState {
   // Waits for the given time or until the server stops; false when stopping.
   bool Pause(std::chrono::milliseconds duration);
   void BeginStop();
-  void ResetStop();
 
   void Log(const std::string& line) const;
 

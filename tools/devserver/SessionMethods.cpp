@@ -8,7 +8,8 @@
 namespace devserver {
 namespace {
 
-std::string MainLogin(ServerState& state, const std::string& username, const std::string& password) {
+std::string MainLogin(ServerState& state, const std::string& username,
+                      const std::string& password) {
   const auto* user = state.FindUser(username);
   if (!user || user->password != password) return kLoginFailed;
   // A main token is the bare GUID, with no "0;" before it.
@@ -55,13 +56,14 @@ SoapReply LoginStorage(ServerState& state, const SoapCall& call) {
   const auto target = state.storages().Resolve(owner->user, call.Text("StorageUrl"));
   if (!target) return SoapReply::Text(kNotFound);
   const Storage& storage = *target->storage;
-  const UserAccount* expected = storage.config().credentials ? &*storage.config().credentials
-                                                             : state.FindUser(owner->user);
+  const UserAccount* expected =
+      storage.config().credentials ? &*storage.config().credentials : state.FindUser(owner->user);
   if (!expected || call.Text("Username") != expected->name ||
       call.Text("Password") != expected->password) {
     return SoapReply::Text(kStorageLoginFailed);
   }
-  return SoapReply::Text("0;" + state.tokens().Issue(owner->user, TokenKind::Storage, storage.name()));
+  return SoapReply::Text("0;" +
+                         state.tokens().Issue(owner->user, TokenKind::Storage, storage.name()));
 }
 
 // LoginEx: a token for an upload request of the user.

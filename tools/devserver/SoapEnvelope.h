@@ -1,5 +1,5 @@
 #pragma once
-// SoapEnvelope: reading a SOAP 1.1 request and writing the reply, as an ASP.NET
+// SoapEnvelope: reading a SOAP 1.1 request and writing the reply, as a .NET
 // web service does. Requests are read by local names only (any prefix, any
 // namespace), parameters in any order; a reply is compact UTF-8 with the result
 // text escaped once, so that a reader that keeps white space gets exactly the text.
@@ -50,7 +50,7 @@ struct SoapReply {
   static SoapReply ServerFault(std::string message);
 };
 
-// The whole reply document. A fault is answered with HTTP 500, as ASP.NET does.
+// The whole reply document. A fault is answered with HTTP 500, as SOAP 1.1 says.
 std::string BuildSoapReply(const std::string& method, const SoapReply& reply);
 int SoapReplyStatus(const SoapReply& reply);
 

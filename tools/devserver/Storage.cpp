@@ -204,10 +204,10 @@ StorageSet::StorageSet(const ServerOptions& options) {
     if (!fs::is_directory(config.folder)) {
       throw std::invalid_argument("storage '" + name + "': not a folder");
     }
-    fs::path state = options.stateDir.empty()
-                         ? config.folder.parent_path() /
-                               (config.folder.filename().string() + ".devserver-state")
-                         : options.stateDir / name;
+    fs::path state =
+        options.stateDir.empty()
+            ? config.folder.parent_path() / (config.folder.filename().string() + ".devserver-state")
+            : options.stateDir / name;
     fs::create_directories(state);
     state = fs::canonical(state);
     storages_.push_back(std::make_unique<Storage>(std::move(config), state, options.locationHost));

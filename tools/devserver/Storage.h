@@ -89,7 +89,6 @@ class StorageSet {
 
   Storage* Find(const std::string& name) const;
   std::vector<Storage*> ForUser(const std::string& user) const;
-  const std::vector<std::unique_ptr<Storage>>& all() const { return storages_; }
 
   // Resolves against the user's storage locations by case-insensitive prefix,
   // "/" and "\" alike. Nothing for a path outside every location, or one that

@@ -28,9 +28,4 @@ void TokenStore::InvalidateAll() {
   tokens_.clear();
 }
 
-std::size_t TokenStore::Count() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return tokens_.size();
-}
-
 }  // namespace devserver

@@ -26,7 +26,6 @@ class TokenStore {
   std::optional<TokenInfo> Find(const std::string& token) const;
   void Invalidate(const std::string& token);
   void InvalidateAll();
-  std::size_t Count() const;
 
  private:
   mutable std::mutex mutex_;

@@ -84,8 +84,7 @@ VersionRecord VersionStore::Keep(const std::string& relativePath, const fs::path
   record.size = static_cast<std::int64_t>(fs::file_size(content));
   // The record is written last: a version without it is not listed.
   std::ofstream info(folder / (std::to_string(record.version) + ".info"), std::ios::binary);
-  info << "created=" << record.createdMs << "\nsize=" << record.size << "\nowner=" << owner
-       << "\n";
+  info << "created=" << record.createdMs << "\nsize=" << record.size << "\nowner=" << owner << "\n";
   if (!info.flush()) throw std::runtime_error("cannot write version record");
   return record;
 }

@@ -15,7 +15,7 @@
 namespace devserver {
 
 struct VersionRecord {
-  int version = 0;  // 1 for the oldest
+  int version = 0;             // 1 for the oldest
   std::int64_t createdMs = 0;  // when the version was kept, ms since 1970 (UTC)
   std::int64_t size = 0;
   std::string owner;  // the user whose change made the version

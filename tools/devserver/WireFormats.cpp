@@ -14,10 +14,18 @@ std::string EscapeXmlText(std::string_view text) {
   for (char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '\r': out += "&#xD;"; break;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '\r':
+        out += "&#xD;";
+        break;
       default:
         if (byte < 0x20 && c != '\t' && c != '\n') {
           out += "\xEF\xBF\xBD";
@@ -52,7 +60,8 @@ std::string PercentEncode(std::string_view text, char keep) {
 std::string GzipMember(std::string_view data) {
   z_stream zs{};
   // 15 + 16: the largest window, wrapped as gzip rather than zlib.
-  if (deflateInit2(&zs, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
+  if (deflateInit2(&zs, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) !=
+      Z_OK) {
     throw std::runtime_error("deflateInit2 failed");
   }
   std::string out;
@@ -90,7 +99,8 @@ bool EqualsIgnoreAsciiCase(std::string_view a, std::string_view b) {
 }
 
 bool StartsWithIgnoreAsciiCase(std::string_view text, std::string_view prefix) {
-  return text.size() >= prefix.size() && EqualsIgnoreAsciiCase(text.substr(0, prefix.size()), prefix);
+  return text.size() >= prefix.size() &&
+         EqualsIgnoreAsciiCase(text.substr(0, prefix.size()), prefix);
 }
 
 std::string_view TrimSpaces(std::string_view text) {

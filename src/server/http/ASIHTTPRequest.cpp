@@ -79,6 +79,19 @@ std::string Lower(std::string text) {
   return text;
 }
 
+// A delegate's exception stays with the delegate: it is logged and the request
+// goes on (it must never unwind through the transport).
+template <typename Event>
+void Guarded(const char* event, Event&& deliver) {
+  try {
+    deliver();
+  } catch (const std::exception& e) {
+    CVEventLogger::LogException(kClass, event, e.what());
+  } catch (...) {
+    CVEventLogger::LogException(kClass, event, "unknown exception");
+  }
+}
+
 bool IsRedirectStatus(std::int32_t status) {
   return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
 }
@@ -503,49 +516,55 @@ void ASIHTTPRequest::DeliverStarted() {
   std::lock_guard<std::recursive_mutex> lock(cancelledLock_);
   if (cancelled_) return;
   WriteSystemLog(std::string(kClass) + " - requestStarted -> Method Run!");
-  if (didStartSelector_) {
-    Selector selector = didStartSelector_;
-    selector(*this);
-  } else if (delegate_) {
-    delegate_->requestStarted(*this);
-  }
+  Guarded("requestStarted", [&] {
+    if (didStartSelector_) {
+      Selector selector = didStartSelector_;
+      selector(*this);
+    } else if (delegate_) {
+      delegate_->requestStarted(*this);
+    }
+  });
   WriteSystemLog(std::string(kClass) + " - requestStarted -> Method End!");
 }
 
 void ASIHTTPRequest::DeliverResponseHeaders(const ASIHeaderFields& headers) {
   std::lock_guard<std::recursive_mutex> lock(cancelledLock_);
   if (cancelled_) return;
-  if (didReceiveResponseHeadersSelector_) {
-    HeadersSelector selector = didReceiveResponseHeadersSelector_;
-    selector(*this, headers);
-  } else if (delegate_) {
-    delegate_->requestDidReceiveResponseHeaders(*this, headers);
-  }
+  Guarded("requestDidReceiveResponseHeaders", [&] {
+    if (didReceiveResponseHeadersSelector_) {
+      HeadersSelector selector = didReceiveResponseHeadersSelector_;
+      selector(*this, headers);
+    } else if (delegate_) {
+      delegate_->requestDidReceiveResponseHeaders(*this, headers);
+    }
+  });
 }
 
 void ASIHTTPRequest::DeliverData(std::string_view data) {
   std::lock_guard<std::recursive_mutex> lock(cancelledLock_);
   if (cancelled_ || !didReceiveDataSelector_) return;
   DataSelector selector = didReceiveDataSelector_;
-  selector(*this, data);
+  Guarded("requestDidReceiveData", [&] { selector(*this, data); });
 }
 
 void ASIHTTPRequest::DeliverWillRedirect(const std::string& newURL) {
   std::lock_guard<std::recursive_mutex> lock(cancelledLock_);
   if (cancelled_) return;
-  if (willRedirectSelector_) {
-    RedirectSelector selector = willRedirectSelector_;
-    selector(*this, newURL);
-  } else if (delegate_) {
-    delegate_->requestWillRedirectToURL(*this, newURL);
-  }
+  Guarded("requestWillRedirectToURL", [&] {
+    if (willRedirectSelector_) {
+      RedirectSelector selector = willRedirectSelector_;
+      selector(*this, newURL);
+    } else if (delegate_) {
+      delegate_->requestWillRedirectToURL(*this, newURL);
+    }
+  });
 }
 
 void ASIHTTPRequest::DeliverProgress(double value) {
   std::lock_guard<std::recursive_mutex> lock(cancelledLock_);
   if (cancelled_ || !uploadProgressDelegate_ || value == lastProgress_) return;
   lastProgress_ = value;
-  uploadProgressDelegate_->setDoubleValue(value);
+  Guarded("setDoubleValue", [&] { uploadProgressDelegate_->setDoubleValue(value); });
 }
 
 // --- State ---
@@ -633,17 +652,20 @@ void ASIHTTPRequest::clearDelegatesAndCancel() {
 
 void ASIHTTPRequest::Finish() {
   std::lock_guard<std::recursive_mutex> lock(cancelledLock_);
+  if (state_ != State::InProgress) return;  // it ended already
   if (cancelled_) {
     FailLocked(ASIError::Cancelled(), true);
     return;
   }
   state_ = State::Finished;
-  if (didFinishSelector_) {
-    Selector selector = didFinishSelector_;
-    selector(*this);
-  } else if (delegate_) {
-    delegate_->requestFinished(*this);
-  }
+  Guarded("requestFinished", [&] {
+    if (didFinishSelector_) {
+      Selector selector = didFinishSelector_;
+      selector(*this);
+    } else if (delegate_) {
+      delegate_->requestFinished(*this);
+    }
+  });
   endedCondition_.notify_all();
 }
 
@@ -657,16 +679,19 @@ void ASIHTTPRequest::Fail(const ASIError& failure, bool transportFailure) {
 }
 
 void ASIHTTPRequest::FailLocked(const ASIError& failure, bool transportFailure) {
+  if (state_ != State::New && state_ != State::InProgress) return;  // one end only
   error_ = failure;
   if (transportFailure) responseStatusCode_ = 0;
   state_ = failure.code() == ASIError::ASIRequestCancelledErrorType ? State::Cancelled
                                                                      : State::Failed;
-  if (didFailSelector_) {
-    Selector selector = didFailSelector_;
-    selector(*this);
-  } else if (delegate_) {
-    delegate_->requestFailed(*this);
-  }
+  Guarded("requestFailed", [&] {
+    if (didFailSelector_) {
+      Selector selector = didFailSelector_;
+      selector(*this);
+    } else if (delegate_) {
+      delegate_->requestFailed(*this);
+    }
+  });
   endedCondition_.notify_all();
 }
 

@@ -144,6 +144,10 @@ struct Transfer {
     headDelivered = true;
     if (exchange.onResponseHead) exchange.onResponseHead(head);
   }
+  void Abort(const char* what) {
+    stopRequested = true;
+    callbackError = what;
+  }
   bool StopAsked() {
     if (!stopRequested && exchange.shouldStop && exchange.shouldStop()) stopRequested = true;
     return stopRequested;
@@ -159,11 +163,12 @@ struct Transfer {
   bool timedOut = false;
   bool bodyFailed = false;
   std::string bodyError;
+  std::string callbackError;  // an exception met in a callback, which curl must not see
   curl_off_t lastUp = 0;
   curl_off_t lastDown = 0;
 };
 
-std::size_t OnHeader(char* data, std::size_t size, std::size_t count, void* user) {
+std::size_t HandleHeader(char* data, std::size_t size, std::size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
   std::size_t length = size * count;
   transfer->Touch();
@@ -203,7 +208,7 @@ std::size_t OnHeader(char* data, std::size_t size, std::size_t count, void* user
   return length;
 }
 
-std::size_t OnWrite(char* data, std::size_t size, std::size_t count, void* user) {
+std::size_t HandleWrite(char* data, std::size_t size, std::size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
   std::size_t length = size * count;
   transfer->Touch();
@@ -220,7 +225,14 @@ std::size_t OnRead(char* buffer, std::size_t size, std::size_t count, void* user
   auto* transfer = static_cast<Transfer*>(user);
   HTTPBodyReader* body = transfer->exchange.body;
   if (!body) return 0;
-  std::int64_t got = body->Read(buffer, size * count);
+  std::int64_t got = -1;
+  try {
+    got = body->Read(buffer, size * count);
+  } catch (const std::exception& e) {
+    transfer->bodyFailed = true;
+    transfer->bodyError = e.what();
+    return CURL_READFUNC_ABORT;
+  }
   if (got < 0) {
     transfer->bodyFailed = true;
     transfer->bodyError = body->LastError();
@@ -237,7 +249,7 @@ int OnSeek(void* user, curl_off_t offset, int origin) {
   return body->Seek(offset) ? CURL_SEEKFUNC_OK : CURL_SEEKFUNC_FAIL;
 }
 
-int OnProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
+int HandleProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
   auto* transfer = static_cast<Transfer*>(user);
   if (downloaded != transfer->lastDown) {
     transfer->lastDown = downloaded;
@@ -251,6 +263,35 @@ int OnProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_o
     }
   }
   return transfer->StopAsked() ? 1 : 0;
+}
+
+// curl's callbacks are C: no exception may leave them.
+std::size_t OnHeader(char* data, std::size_t size, std::size_t count, void* user) {
+  try {
+    return HandleHeader(data, size, count, user);
+  } catch (const std::exception& e) {
+    static_cast<Transfer*>(user)->Abort(e.what());
+    return 0;
+  }
+}
+
+std::size_t OnWrite(char* data, std::size_t size, std::size_t count, void* user) {
+  try {
+    return HandleWrite(data, size, count, user);
+  } catch (const std::exception& e) {
+    static_cast<Transfer*>(user)->Abort(e.what());
+    return 0;
+  }
+}
+
+int OnProgress(void* user, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
+               curl_off_t ulnow) {
+  try {
+    return HandleProgress(user, dltotal, dlnow, ultotal, ulnow);
+  } catch (const std::exception& e) {
+    static_cast<Transfer*>(user)->Abort(e.what());
+    return 1;
+  }
 }
 
 bool IsSSLError(CURLcode code) {
@@ -493,7 +534,10 @@ HTTPExchangeResult CurlTransport::Perform(HTTPExchange& exchange) {
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);
 
   std::string curlText = errorBuffer[0] ? std::string(errorBuffer) : curl_easy_strerror(code);
-  if (transfer.bodyFailed) {
+  if (!transfer.callbackError.empty()) {
+    result.outcome = Outcome::ConnectionFailure;
+    result.detail = "the response could not be handled: " + transfer.callbackError;
+  } else if (transfer.bodyFailed) {
     result.outcome = Outcome::BodyReadFailure;
     result.detail = transfer.bodyError;
   } else if (transfer.stopRequested) {

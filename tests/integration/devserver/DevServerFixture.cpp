@@ -65,12 +65,23 @@ std::string DevServerTest::Escape(const std::string& text) {
   std::string out;
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&apos;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&apos;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -136,14 +147,19 @@ std::string DevServerTest::Call(const std::string& endpointPath, const std::stri
 
 std::string DevServerTest::MainToken(const std::string& user, const std::string& password) {
   return Call("/CorvalinkWS.asmx", "Login",
-              {{"Username", user}, {"Password", password}, {"DeviceID", "ABCDEF123456"},
-               {"DeviceType", "macOSdesktop"}, {"AppVersion", "1.0"}});
+              {{"Username", user},
+               {"Password", password},
+               {"DeviceID", "ABCDEF123456"},
+               {"DeviceType", "macOSdesktop"},
+               {"AppVersion", "1.0"}});
 }
 
 std::string DevServerTest::StorageToken(const std::string& storage) {
   const auto result = Call("/CorvalinkMobile.asmx", "Login",
-                           {{"Username", "alice"}, {"Password", "secret"},
-                            {"StorageUrl", server_->LocationOf(storage)}, {"StorageType", "CIFS"},
+                           {{"Username", "alice"},
+                            {"Password", "secret"},
+                            {"StorageUrl", server_->LocationOf(storage)},
+                            {"StorageType", "CIFS"},
                             {"CVToken", MainToken()}});
   EXPECT_EQ(result.rfind("0;", 0), 0u) << result;
   return result.size() > 2 ? result.substr(2) : "";

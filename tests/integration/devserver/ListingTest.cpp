@@ -79,8 +79,8 @@ TEST_F(ListingTest, UrlStoragesUseSlashesAndEncodeTheScheme) {
 }
 
 TEST_F(ListingTest, NamesAreEncodedSoThatEveryEntryParses) {
-  const std::vector<std::string> names = {"100% sure;ok.txt", "a:b:", "Grüße – plan.txt",
-                                          "space name", "x+y=z&w.txt", "~tilde-_."};
+  const std::vector<std::string> names = {"100% sure;ok.txt", "a:b:",        "Grüße – plan.txt",
+                                          "space name",       "x+y=z&w.txt", "~tilde-_."};
   for (const auto& name : names) PutFile("Docs", "f/" + name, name);
   const auto entries = ListingEntries(List("\\\\devserver\\Docs\\f\\", true));
   ASSERT_EQ(entries.size(), names.size());
@@ -89,7 +89,8 @@ TEST_F(ListingTest, NamesAreEncodedSoThatEveryEntryParses) {
     EXPECT_EQ(SplitOn(entry, ':').size(), 6u) << entry;
     const auto fields = SplitOn(entry, ':');
     for (char c : fields[5]) {
-      EXPECT_TRUE(std::isalnum(static_cast<unsigned char>(c)) || std::string("-._~%\\").find(c) != std::string::npos)
+      EXPECT_TRUE(std::isalnum(static_cast<unsigned char>(c)) ||
+                  std::string("-._~%\\").find(c) != std::string::npos)
           << "'" << c << "' unencoded in " << entry;
     }
     listed.insert(EntryPath(entry));
@@ -149,7 +150,8 @@ TEST_F(ListingTest, RestrictedPathsAnswerMinusSevenAndAreNeverLeftOut) {
 TEST_F(ListingTest, InjectedCodesComeForTheirCountThenTheListing) {
   PutFile("Docs", "a.txt", "a");
   server_->FailNext("GetFiles", devserver::Fault::Result("-100;Storage busy"), 2);
-  server_->FailNext("CorvalinkMobile.asmx/GetFiles", devserver::Fault::Result("-10000;Storage error"));
+  server_->FailNext("CorvalinkMobile.asmx/GetFiles",
+                    devserver::Fault::Result("-10000;Storage error"));
   // The qualified fault is taken first.
   EXPECT_EQ(List("\\\\devserver\\Docs\\", true), "-10000;Storage error");
   EXPECT_EQ(List("\\\\devserver\\Docs\\", true), "-100;Storage busy");
@@ -180,8 +182,9 @@ TEST_F(ListingTest, LinksAndSpecialFilesAreNotPartOfAStorage) {
 }
 
 TEST_F(ListingTest, IsRecursiveMustBeABoolean) {
-  const auto answer = Post("/CorvalinkMobile.asmx", "GetFiles",
-                           {{"Token", token_}, {"Path", "\\\\devserver\\Docs\\"}, {"IsRecursive", "yes"}});
+  const auto answer =
+      Post("/CorvalinkMobile.asmx", "GetFiles",
+           {{"Token", token_}, {"Path", "\\\\devserver\\Docs\\"}, {"IsRecursive", "yes"}});
   EXPECT_EQ(answer.status, 500);
   EXPECT_NE(answer.body.find("soap:Client"), std::string::npos);
 }

@@ -13,7 +13,8 @@ using devserver::Fault;
 class PlumbingTest : public DevServerTest {};
 
 TEST_F(PlumbingTest, EndpointsMatchWithoutCaseUnderAnyBasePath) {
-  for (const char* path : {"/CorvalinkWS.asmx", "/CORVALINKWS.ASMX", "/corvalink/sync/corvalinkws.asmx"}) {
+  for (const char* path :
+       {"/CorvalinkWS.asmx", "/CORVALINKWS.ASMX", "/corvalink/sync/corvalinkws.asmx"}) {
     EXPECT_EQ(Call(path, "GetVersion", {}), "6.1.0.0") << path;
   }
   EXPECT_EQ(Post("/Other.asmx", "GetVersion", {}).status, 404);
@@ -30,7 +31,9 @@ TEST_F(PlumbingTest, ParametersAreReadByLocalNameInAnyOrder) {
       "  <soap:Body>\n"
       "    <m:GetFileInfo xmlns:m=\"http://tempuri.org/\">\n"
       "      <m:Path>\\\\devserver\\Docs\\a.txt</m:Path>\n"
-      "      <m:Token>" + token + "</m:Token>\n"
+      "      <m:Token>" +
+      token +
+      "</m:Token>\n"
       "    </m:GetFileInfo>\n"
       "  </soap:Body>\n"
       "</soap:Envelope>";
@@ -50,16 +53,19 @@ TEST_F(PlumbingTest, ParametersAreReadByLocalNameInAnyOrder) {
 
 TEST_F(PlumbingTest, RepliesAreCompactUtf8EscapedOnceAndNeverCompressed) {
   server_->FailNext("GetVersion", Fault::Result("-100;a&b <c> \"d\" ü"));
-  const auto answer = Post("/CorvalinkWS.asmx", "GetVersion", {}, {}, {{"Accept-Encoding", "gzip, br"}});
+  const auto answer =
+      Post("/CorvalinkWS.asmx", "GetVersion", {}, {}, {{"Accept-Encoding", "gzip, br"}});
   EXPECT_EQ(answer.status, 200);
   EXPECT_EQ(answer.contentType, "text/xml; charset=utf-8");
   EXPECT_EQ(answer.contentEncoding, "");
-  EXPECT_NE(answer.body.find("<GetVersionResult>-100;a&amp;b &lt;c&gt; \"d\" \xC3\xBC</GetVersionResult>"),
+  EXPECT_NE(answer.body.find(
+                "<GetVersionResult>-100;a&amp;b &lt;c&gt; \"d\" \xC3\xBC</GetVersionResult>"),
             std::string::npos)
       << answer.body;
   EXPECT_EQ(ElementText(answer.body, "GetVersionResult"), "-100;a&b <c> \"d\" ü");
   EXPECT_FALSE(std::regex_search(answer.body, std::regex(">\\s+<"))) << answer.body;
-  EXPECT_NE(answer.body.find("<GetVersionResponse xmlns=\"http://tempuri.org/\">"), std::string::npos);
+  EXPECT_NE(answer.body.find("<GetVersionResponse xmlns=\"http://tempuri.org/\">"),
+            std::string::npos);
 }
 
 TEST_F(PlumbingTest, UnknownMethodsAndBrokenEnvelopesAreSoapFaults) {
@@ -116,11 +122,17 @@ TEST(DevServerOptions, NonLoopbackAddressesMustBeAllowed) {
 }
 
 TEST(DevServerCommandLine, ReadsStoragesFaultsAndTheRest) {
-  const auto line = devserver::ParseCommandLine(
-      {"--listen", "127.0.0.1:0", "--user", "alice:se:cret", "--storage", "Docs=/srv/docs",
-       "--storage", "Team=/srv/a,b,type=SP,user=alice,auth=t:p", "--version-reply", "6.0.70",
-       "--part-size", "256", "--restricted", "Docs/Private/x", "--fail", "GetFiles,2,result=-100;a,b",
-       "--fail", "DownloadStorageFile.ashx,*,drop=1024", "--fail", "GetVersion,1,drop"});
+  const auto line =
+      devserver::ParseCommandLine({"--listen",        "127.0.0.1:0",
+                                   "--user",          "alice:se:cret",
+                                   "--storage",       "Docs=/srv/docs",
+                                   "--storage",       "Team=/srv/a,b,type=SP,user=alice,auth=t:p",
+                                   "--version-reply", "6.0.70",
+                                   "--part-size",     "256",
+                                   "--restricted",    "Docs/Private/x",
+                                   "--fail",          "GetFiles,2,result=-100;a,b",
+                                   "--fail",          "DownloadStorageFile.ashx,*,drop=1024",
+                                   "--fail",          "GetVersion,1,drop"});
   const auto& o = line.options;
   EXPECT_EQ(o.port, 0);
   EXPECT_EQ(o.users[0].password, "se:cret");
@@ -140,10 +152,14 @@ TEST(DevServerCommandLine, ReadsStoragesFaultsAndTheRest) {
   EXPECT_FALSE(o.faults[2].fault.dropAfterBodyBytes.has_value());
 
   for (const std::vector<std::string>& bad :
-       {std::vector<std::string>{"--storage", "Docs=/x"}, {"--user", "alice"},
-        {"--user", "a:b", "--listen", "127.0.0.1"}, {"--user", "a:b", "--fail", "GetFiles,x,drop"},
-        {"--user", "a:b", "--fail", "GetFiles,1,explode"}, {"--user", "a:b", "--storage", "Docs"},
-        {"--user", "a:b", "--storage", "Docs=/x,type=SP,colour=red"}, {"--user", "a:b", "--bogus"}}) {
+       {std::vector<std::string>{"--storage", "Docs=/x"},
+        {"--user", "alice"},
+        {"--user", "a:b", "--listen", "127.0.0.1"},
+        {"--user", "a:b", "--fail", "GetFiles,x,drop"},
+        {"--user", "a:b", "--fail", "GetFiles,1,explode"},
+        {"--user", "a:b", "--storage", "Docs"},
+        {"--user", "a:b", "--storage", "Docs=/x,type=SP,colour=red"},
+        {"--user", "a:b", "--bogus"}}) {
     EXPECT_THROW(devserver::ParseCommandLine(bad), std::invalid_argument) << bad.back();
   }
 }

@@ -23,8 +23,10 @@ class SessionTest : public DevServerTest {
   std::string StorageLogin(const std::string& storage, const std::string& user,
                            const std::string& password, const std::string& cvToken) {
     return Call("/CorvalinkMobile.asmx", "Login",
-                {{"Username", user}, {"Password", password},
-                 {"StorageUrl", server_->LocationOf(storage)}, {"StorageType", "CIFS"},
+                {{"Username", user},
+                 {"Password", password},
+                 {"StorageUrl", server_->LocationOf(storage)},
+                 {"StorageType", "CIFS"},
                  {"CVToken", cvToken}});
   }
   std::string DeviceStatus(const std::string& token) {
@@ -100,7 +102,8 @@ TEST_F(SessionTest, EveryKindOfTokenOpensTheFileCallsOfItsUser) {
             0u);
   EXPECT_EQ(Call("/CorvalinkMobile.asmx", "LoginEx", {{"ExternalGuid", guid}, {"CVToken", "x"}}),
             "-1;Invalid token");
-  const auto request = Call("/CorvalinkMobile.asmx", "LoginEx", {{"ExternalGuid", guid}, {"CVToken", main}});
+  const auto request =
+      Call("/CorvalinkMobile.asmx", "LoginEx", {{"ExternalGuid", guid}, {"CVToken", main}});
   ASSERT_EQ(request.rfind("0;", 0), 0u) << request;
 
   for (const auto& token : {main, StorageToken("Team"), request.substr(2)}) {
@@ -130,10 +133,12 @@ TEST_F(SessionTest, InvalidatedTokensAreRefusedByEveryCall) {
   server_->InvalidateAllTokens();
   EXPECT_EQ(DeviceStatus(second), "-1;Invalid token");
   EXPECT_EQ(RootInfo(storage), "-1;Invalid token");
-  EXPECT_EQ(Call("/CorvalinkMobile.asmx", "GetFiles",
-                 {{"Token", storage}, {"Path", server_->LocationOf("Docs")}, {"IsRecursive", "true"}}),
+  EXPECT_EQ(
+      Call("/CorvalinkMobile.asmx", "GetFiles",
+           {{"Token", storage}, {"Path", server_->LocationOf("Docs")}, {"IsRecursive", "true"}}),
+      "-1;Invalid token");
+  EXPECT_EQ(Call("/CorvalinkMobile.asmx", "GetSystemConfig", {{"Token", storage}}),
             "-1;Invalid token");
-  EXPECT_EQ(Call("/CorvalinkMobile.asmx", "GetSystemConfig", {{"Token", storage}}), "-1;Invalid token");
   auto download = Download(storage, server_->LocationOf("Docs") + "a.txt");
   ASSERT_TRUE(download);
   EXPECT_EQ(download->status, 401);

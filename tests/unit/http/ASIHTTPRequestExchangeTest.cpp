@@ -96,6 +96,27 @@ TEST_F(ExchangeTest, HttpErrorStatusesFinishWithTheirStatusAndBody) {
   }
 }
 
+TEST_F(ExchangeTest, ADelegateThatThrowsIsLoggedAndTheRequestGoesOn) {
+  RawServer server([](int fd, const std::string&) {
+    RawServer::Send(fd, Reply("200 OK\r\nContent-Length: 5\r\nConnection: close\r\n", "hello"));
+  });
+  auto request = ASIHTTPRequest::requestWithURL(server.URL("/x"));
+  int finished = 0;
+  request->setDidReceiveResponseHeadersSelector(
+      [](ASIHTTPRequest&, const ASIHeaderFields&) { throw std::runtime_error("boom"); });
+  request->setDidReceiveDataSelector(
+      [](ASIHTTPRequest&, std::string_view) { throw std::runtime_error("bang"); });
+  request->setDidFinishSelector([&](ASIHTTPRequest&) { ++finished; });
+  request->startSynchronous();
+  EXPECT_EQ(finished, 1);
+  EXPECT_FALSE(request->error());
+  std::string log = home.ReadLog("CVExceptionLogs");
+  EXPECT_NE(log.find("ASIHTTPRequest - requestDidReceiveResponseHeaders -|*Exception: boom"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("ASIHTTPRequest - requestDidReceiveData -|*Exception: bang"), std::string::npos);
+}
+
 TEST_F(ExchangeTest, FormValuesAreEncodedAndReplacedAndTheCallersRangeStands) {
   RawServer server([](int fd, const std::string&) {
     RawServer::Send(fd, Reply("200 OK\r\nContent-Length: 2\r\nConnection: close\r\n", "ok"));
@@ -256,6 +277,15 @@ TEST_F(ExchangeTest, BrokenConnectionsAndBadURLsFailWithTheirCodes) {
     EXPECT_EQ(bad->error()->localizedDescription(), "Unable to create request (bad url?)");
     EXPECT_EQ(recorder.Events(), (std::vector<std::string>{"started", "failed"})) << url;
   }
+
+  // A header value that would start a header of its own is never sent.
+  RawServer quiet([](int, const std::string&) {});
+  auto injected = ASIHTTPRequest::requestWithURL(quiet.URL("/x"));
+  injected->addRequestHeader("SOAPAction", "urn:a\r\nX-Evil: 1");
+  injected->startSynchronous();
+  ASSERT_TRUE(injected->error());
+  EXPECT_EQ(injected->error()->code(), ASIError::ASIUnableToCreateRequestErrorType);
+  EXPECT_EQ(quiet.Connections(), 0);
 }
 
 TEST_F(ExchangeTest, DownloadsToAFileOnlyOnSuccessAndResumesFromTheTemporaryFile) {

@@ -129,7 +129,7 @@ TEST_F(IPRestrictionTest, ADamagedFileKeepsTheRecordsReadBeforeTheDamage) {
 
   bool keptAside = false;
   for (const auto& entry : fs::directory_iterator(home_.settings())) {
-    if (entry.path().filename().string().rfind("RestrictedFolders.xml.damaged-", 0) == 0) {
+    if (entry.path().filename().string().rfind("RestrictedFolders.xml.broken-", 0) == 0) {
       keptAside = ReadFile(entry.path().string()) == damaged;
     }
   }

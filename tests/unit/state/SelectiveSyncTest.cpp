@@ -57,7 +57,7 @@ std::vector<std::string> DamagedCopies(const std::string& settings) {
   std::vector<std::string> found;
   if (!fs::is_directory(settings)) return found;
   for (const auto& entry : fs::directory_iterator(settings)) {
-    if (entry.path().filename().string().rfind("SelectiveSync.xml.damaged-", 0) == 0) {
+    if (entry.path().filename().string().rfind("SelectiveSync.xml.broken-", 0) == 0) {
       found.push_back(entry.path().string());
     }
   }

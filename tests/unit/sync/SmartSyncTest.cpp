@@ -13,19 +13,29 @@ TEST_F(SmartSyncTest, LocalEntriesGoFirstAndThrowTheServerQueueAway) {
   app->isAppOffline = false;
   app->CreateSyncEngine();
   SmartSync& s = sync();
-  s.RunSyncThread();
-  // Hold the loop while both queues are filled, so the order is the loop's own.
-  app->syncWasPaused = true;
+  // Hold the loop inside an item while both queues are filled, so the order that
+  // follows is the loop's own.
+  dispatcher.holdPath = "/gate";
+  {
+    std::lock_guard<std::mutex> lock(s.serverQueue().SQ_FQ_Lock);
+    s.serverQueue().SQ_ServerQueue = {ServerItem("/gate")};
+  }
+  ASSERT_TRUE(dispatcher.WaitHeld());
   {
     std::lock_guard<std::mutex> lock(s.serverQueue().SQ_FQ_Lock);
     s.serverQueue().SQ_ServerQueue = {ServerItem("/s1"), ServerItem("/s2")};
   }
   AddLocal(LocalEntry("/l1"));
   AddLocal(LocalEntry("/l2"));
-  app->syncWasPaused = false;
+  {
+    std::lock_guard<std::mutex> lock(s.fswQueue().FSW_FQ_Lock);
+    s.fswQueueIndex = 0;  // as the filter does after it has rebuilt the queue
+  }
+  dispatcher.StopCurrentAction();  // lets the held item end
 
-  ASSERT_TRUE(WaitUntil([&] { return dispatcher.Done().size() == 2 && !s.queuesNotEmpty; }));
-  EXPECT_THAT(dispatcher.Done(), ElementsAre("L:/l1", "L:/l2"));
+  ASSERT_TRUE(WaitUntil([&] { return dispatcher.Done().size() == 3 && !s.queuesNotEmpty; }))
+      << ::testing::PrintToString(dispatcher.Done());
+  EXPECT_THAT(dispatcher.Done(), ElementsAre("S:/gate", "L:/l1", "L:/l2"));
   // The local operation emptied the server queue: it is rebuilt later, not worked.
   EXPECT_EQ(s.serverQueue().ServerQueueSize(), 0u);
   EXPECT_NE(home.ReadLog("CVMainLogs").find("SERVER QUEUE CLEARED"), std::string::npos);
