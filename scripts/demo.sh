@@ -1,17 +1,83 @@
 #!/usr/bin/env bash
-# The demo: the headless client's main job in a fresh temporary home.
+# The demo: the headless client's main job against the local server, in a fresh
+# temporary home, and what each side holds afterwards.
 set -uo pipefail
 build=${1:-build}
-client="$build/src/app/corvalink-sync"
+client="$PWD/$build/src/app/corvalink-sync"
+server="$PWD/$build/tools/devserver/corvalink-devserver"
 
-home=$(mktemp -d /tmp/corvalink-demo-XXXXXX)
-echo "== Corvalink Sync demo, home: $home"
-echo "== corvalink-sync --headless --once (no account configured yet)"
+work=$(mktemp -d /tmp/corvalink-demo-XXXXXX)
+home="$work/home"
+storage="$work/server/Docs"
+mkdir -p "$home" "$storage/Reports/2026" "$storage/Empty folder"
+printf 'Quarterly figures\n' > "$storage/Reports/2026/Q3 results.txt"
+printf 'Meeting notes: a&b, 50%% done\n' > "$storage/Reports/notes #1.txt"
+printf 'Grüße aus Köln\n' > "$storage/Grüße.txt"
+head -c 300000 /dev/urandom > "$storage/photo.bin"
+
+echo "== Local server, storage Docs in $storage"
+"$server" --listen 127.0.0.1:0 --user alice:secret --storage "Docs=$storage" --verbose \
+  > "$work/server.out" 2> "$work/server.requests" &
+server_pid=$!
+trap 'kill $server_pid 2>/dev/null; wait $server_pid 2>/dev/null' EXIT
+for _ in $(seq 1 50); do
+  url=$(sed -n 's/^corvalink-devserver listening on \(http[^ ]*\)$/\1/p' "$work/server.out")
+  [ -n "$url" ] && break
+  sleep 0.1
+done
+if [ -z "$url" ]; then
+  echo "the local server did not start:"; cat "$work/server.out" "$work/server.requests"; exit 1
+fi
+echo "   listening on $url"
+
+echo
+echo "== First start with no account: the client says so"
+HOME="$home" "$client" --headless --once --time-scale 0.05
+echo "   exit code: $? (2: no account configured)"
+
+echo
+echo "== The account and the storage, in the configuration file the client reads"
+settings="$home/Corvalink/.Settings"
+cat > "$settings/Configuration.xml" <<XML
+<?xml version="1.0" encoding="UTF-8"?>
+<Configuration xmlns:xsd="http://www.w3.org/2001/XMLSchema" xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance">
+  <Corvalink>
+    <Url>$url</Url>
+    <UserName>alice</UserName>
+    <Password>secret</Password>
+    <IsFirstRun>false</IsFirstRun>
+    <SyncCV>5</SyncCV>
+  </Corvalink>
+  <SpSites>
+    <CVSharepoint>
+      <Url>\\\\devserver\\Docs\\</Url>
+      <Name>Docs</Name>
+      <StorageType>CIFS</StorageType>
+    </CVSharepoint>
+  </SpSites>
+</Configuration>
+XML
+sed 's/<Password>.*<\/Password>/<Password>******<\/Password>/' "$settings/Configuration.xml" | sed 's/^/   /'
+
+echo
+echo "== corvalink-sync --headless --once"
 HOME="$home" "$client" --headless --once --time-scale 0.05
 code=$?
-echo "== exit code: $code (2: no account configured)"
-echo "== what the client wrote:"
-(cd "$home" && find Corvalink -type f | sort)
-log=$(find "$home/Corvalink/.Settings/CVLogger/CVMainLogs" -name 'LOG *_1.txt' | head -1)
-echo "== main log ($log):"
-cat "$log"; echo
+echo "   exit code: $code (0: everything in step)"
+
+echo
+echo "== Configuration.xml is now enciphered (first bytes):"
+head -c 48 "$settings/Configuration.xml" | xxd | sed 's/^/   /'
+echo
+echo "== The requests the local server answered:"
+sed 's/^/   /' "$work/server.requests"
+echo
+echo "== What the client wrote under ~/Corvalink:"
+(cd "$home" && find Corvalink | sort | sed 's/^/   /')
+echo
+log=$(find "$settings/CVLogger/CVMainLogs" -name 'LOG *_1.txt' | head -1)
+echo "== Main log: $log"
+grep -E "Application started|CheckCVConnection|DEVSTATUS|Status:|Last synchronization|Fill_NFQ|SyncNowSeparatedSelector|Application ended" "$log" | sed 's/^/   /'
+echo
+echo "Everything of this run is in $work"
+exit $code

@@ -56,6 +56,20 @@ int HeadlessApp::Run() {
     if (options_.once) {
       app.SetPassFinishedHandler([&loop](AppDelegate::PassOutcome outcome) {
         loop.Post([&loop, outcome] {
+          // The start is offline already, so a failed first probe changes no tool
+          // tip: say plainly how the pass ended.
+          switch (outcome) {
+            case AppDelegate::PassOutcome::InStep:
+              std::cout << "The pass ended in step." << std::endl;
+              break;
+            case AppDelegate::PassOutcome::WithErrors:
+              std::cout << "The pass ended with errors; see the logs." << std::endl;
+              break;
+            case AppDelegate::PassOutcome::Offline:
+              std::cout << "Offline: the server could not be reached or did not accept the account."
+                        << std::endl;
+              break;
+          }
           loop.Quit(outcome == AppDelegate::PassOutcome::InStep ? kExitInStep : kExitErrors);
         });
       });

@@ -29,6 +29,13 @@ TEST_F(SessionTest, MainLoginTellsTheServerAboutThisMachineAndIsCached) {
   EXPECT_FALSE(login->Header("SOAPAction").empty());
   EXPECT_EQ(login->Header("SOAPAction"), "http://tempuri.org/Login");
   EXPECT_EQ(handler().devStatus(), "1;A");
+  // What went on the wire is the envelope byte for byte, with its headers.
+  auto status = server_->LastRequest("GetDeviceStatus");
+  ASSERT_TRUE(status);
+  EXPECT_EQ(status->body, WSCommonMethods::BuildEnvelope("GetDeviceStatus", {{"Token", token}}));
+  EXPECT_EQ(status->Header("Content-Type"), "text/xml; charset=utf-8");
+  EXPECT_EQ(status->Header("SOAPAction"), "http://tempuri.org/GetDeviceStatus");
+  EXPECT_EQ(status->Header("Content-Length"), std::to_string(status->body.size()));
 
   int calls = server_->CallCount("Login");
   EXPECT_EQ(handler().CheckCVToken(CVHandler::kMainTokenKey), token);  // no network
