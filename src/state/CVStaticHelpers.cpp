@@ -22,6 +22,9 @@
 #include "CVConfiguration.h"
 #include "CVEventLogger.h"
 #include "CVTextEscaping.h"
+#include "DownloadedXMLStaticMethods.h"
+#include "ServerXMLParser.h"
+#include "XdgDesktop.h"
 #include "Clock.h"
 #include "FreedesktopTrash.h"
 #include "MachineIdentity.h"
@@ -434,4 +437,71 @@ std::map<std::string, std::string> CVStaticHelpers::GenerateWSUrls(const std::st
           {"getFileUrl", base + "getFile.ashx"},
           {"getMyFileUrl", base + "getMyFile.ashx"},
           {"uploadFileRes", base + "UploadStorageFile.ashx"}};
+}
+
+namespace {
+std::mutex gFavoritesLock;
+std::function<void(const std::string&, const std::string&)> gFavoritesRename;
+}  // namespace
+
+void CVStaticHelpers::SetFavoritesRenameHandler(
+    std::function<void(const std::string&, const std::string&)> handler) {
+  std::lock_guard<std::mutex> lock(gFavoritesLock);
+  gFavoritesRename = std::move(handler);
+}
+
+bool CVStaticHelpers::RenameSite(const std::string& oldName, const std::string& newName) {
+  std::string oldFolder = GeneratePathToSite(oldName);
+  std::string newFolder = GeneratePathToSite(newName);
+  // One read-change-save of the records, with the move inside it, so that no
+  // other writer's change is lost or undone.
+  std::lock_guard<std::recursive_mutex> lock(DownloadedXMLStaticMethods::downloadedFilesLock());
+  ServerXMLParser parser;
+  auto records = parser.readDownloadedFiles();
+  if (parser.lastRead() == StateFileRead::Unreadable) {
+    CVEventLogger::LogException("CVStaticHelpers", "RenameSite",
+                                "the record of the last sync cannot be read; the storage is not renamed");
+    return false;
+  }
+  std::vector<CVFileForCompare> before = records.value_or(std::vector<CVFileForCompare>{});
+  std::vector<CVFileForCompare> after = before;
+  bool changed = false;
+  for (auto& record : after) {
+    // "Docs" must not take the records of "Docs2" with it.
+    if (record.localPath == oldFolder || record.localPath.rfind(oldFolder + "/", 0) == 0) {
+      record.localPath = newFolder + record.localPath.substr(oldFolder.size());
+      changed = true;
+    }
+  }
+  if (changed && !ServerXMLParser::saveDownloadedXML(after)) return false;
+  bool inSidebar = XdgDesktop::BookmarksHasLabel("Corvalink_" + oldName);
+
+  std::error_code error;
+  if (std::filesystem::exists(newFolder, error)) {
+    error = std::make_error_code(std::errc::file_exists);
+  } else {
+    std::filesystem::rename(oldFolder, newFolder, error);
+  }
+  if (error) {
+    CVEventLogger::LogException("CVStaticHelpers", "RenameSite",
+                                "moving " + oldFolder + " to " + newFolder + " failed: " + error.message());
+    if (changed && !ServerXMLParser::saveDownloadedXML(before)) {
+      CVEventLogger::LogException("CVStaticHelpers", "RenameSite", "the records could not be put back");
+    }
+    return false;
+  }
+  if (inSidebar) {
+    std::function<void(const std::string&, const std::string&)> handler;
+    {
+      std::lock_guard<std::mutex> guard(gFavoritesLock);
+      handler = gFavoritesRename;
+    }
+    if (handler) {
+      handler(oldName, newName);
+    } else {
+      CVEventLogger::WriteMainLogMessage("RenameSite: the sidebar entry of \"" + oldName +
+                                         "\" is left as it is; this build has no sidebar support");
+    }
+  }
+  return true;
 }

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -84,6 +85,11 @@ class CVStaticHelpers {
   static std::string GetUniqueDeviceID();
   // Moves the file or folder to the Trash; false (logged) when it stays.
   static bool MoveFileToTrash(const std::string& path);
+  // Moves a storage's local folder to its new name and the records of the last
+  // sync with it; on failure the records stay as they were. The sidebar entry is
+  // moved through the handler the desktop installs.
+  static bool RenameSite(const std::string& oldName, const std::string& newName);
+  static void SetFavoritesRenameHandler(std::function<void(const std::string&, const std::string&)> handler);
 
   // "1023 bytes", "1 Kb", "1024 Kb", "1 Mb"... up to "Pb".
   static std::string ConvertBytesToReadableFromat(std::int64_t bytes);

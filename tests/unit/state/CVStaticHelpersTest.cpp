@@ -19,6 +19,7 @@
 #include "Clock.h"
 #include "FreedesktopTrash.h"
 #include "MachineIdentity.h"
+#include "ServerXMLParser.h"
 #include "TempHome.h"
 
 namespace fs = std::filesystem;
@@ -417,4 +418,37 @@ TEST(CVStaticHelpers, WriteFileAtomicallyReplacesWholeWithTheGivenMode) {
   std::set<std::string> names;
   for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename());
   EXPECT_EQ(names, (std::set<std::string>{"State.xml", "empty", "busy"}));
+}
+
+TEST(CVStaticHelpersRenameSite, MovesTheFolderAndOnlyItsRecordsAndPutsThemBackOnFailure) {
+  TempHome home;
+  std::string root = home.root();
+  std::filesystem::create_directories(root + "/Docs/sub");
+  std::filesystem::create_directories(root + "/Docs2");
+  auto record = [](const std::string& path) {
+    CVFileForCompare r;
+    r.localPath = path;
+    r.size = 1;
+    return r;
+  };
+  ASSERT_TRUE(ServerXMLParser::saveDownloadedXML(
+      {record(root + "/Docs/sub/a.txt"), record(root + "/Docs2/b.txt"), record(root + "/Docs")}));
+
+  ASSERT_TRUE(CVStaticHelpers::RenameSite("Docs", "Papers"));
+  EXPECT_TRUE(std::filesystem::exists(root + "/Papers/sub"));
+  EXPECT_FALSE(std::filesystem::exists(root + "/Docs"));
+  auto records = ServerXMLParser().readDownloadedFiles();
+  ASSERT_TRUE(records);
+  ASSERT_EQ(records->size(), 3u);
+  EXPECT_EQ((*records)[0].localPath, root + "/Papers/sub/a.txt");
+  EXPECT_EQ((*records)[1].localPath, root + "/Docs2/b.txt");  // "Docs" is not a prefix of "Docs2"
+  EXPECT_EQ((*records)[2].localPath, root + "/Papers");
+
+  // The target exists: nothing moves and the records read as before.
+  EXPECT_FALSE(CVStaticHelpers::RenameSite("Papers", "Docs2"));
+  EXPECT_TRUE(std::filesystem::exists(root + "/Papers/sub"));
+  auto again = ServerXMLParser().readDownloadedFiles();
+  ASSERT_TRUE(again);
+  EXPECT_EQ((*again)[0].localPath, root + "/Papers/sub/a.txt");
+  EXPECT_EQ((*again)[1].localPath, root + "/Docs2/b.txt");
 }
