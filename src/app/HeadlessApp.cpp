@@ -13,7 +13,8 @@
 #include "ASIHTTPRequest.h"
 #include "CVConfiguration.h"
 #include "CVHandler.h"
-#include "FileOperationDispatcher.h"
+#include "ServerFileOperations.h"
+#include "SmartSyncFileOperations.h"
 #include "HeadlessStatusSink.h"
 #include "PollMainLoop.h"
 #include "SessionConnectionService.h"
@@ -30,7 +31,7 @@ int HeadlessApp::Run() {
   PollMainLoop loop(clock);
   HeadlessStatusSink status(std::cout);
   SessionConnectionService connection;
-  NoFileOperations dispatcher;
+  NoServerFileOperations serverFileOperations;
   CVHandler::Instance().SetAppVersion(CORVALINK_VERSION);
   CVConfiguration::Instance().SetPartSizeSource([] { return CVHandler::Instance().GetPartSizeNSNumber(); });
 
@@ -43,8 +44,11 @@ int HeadlessApp::Run() {
 
   int exitCode = kExitInStep;
   {
-    AppDelegate app(AppDelegate::Dependencies{clock, loop, status, connection, dispatcher,
-                                              CORVALINK_VERSION, nullptr, nullptr});
+    AppDelegate app(AppDelegate::Dependencies{
+        clock, loop, status, connection, nullptr, CORVALINK_VERSION, nullptr, nullptr,
+        [&serverFileOperations](AppDelegate& owner) {
+          return std::make_unique<SmartSyncFileOperations>(owner, serverFileOperations);
+        }});
     if (signalFd >= 0) {
       loop.AddReadWatch(signalFd, [&] {
         signalfd_siginfo info;

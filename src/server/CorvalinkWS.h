@@ -28,6 +28,8 @@ class CorvalinkWS {
   std::string GetDeviceStatus(const std::string& token, const std::string& wsUrl);
   // The reply bytes of GetDefaultSettings2.
   std::optional<std::string> GetDefaultSettings2(const std::string& token, const std::string& wsUrl);
+  // The reply bytes of GetSharedStorages on share.asmx: the shared storages the user reaches.
+  std::optional<std::string> GetSharedStoragesWithToken(const std::string& token);
 
   // What the login tells the server about this machine.
   static std::string OptionsFragment(const std::string& devSerial);

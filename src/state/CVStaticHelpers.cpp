@@ -5,6 +5,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utf8proc.h>
 #include <uuid/uuid.h>
 
 #include <algorithm>
@@ -504,4 +505,39 @@ bool CVStaticHelpers::RenameSite(const std::string& oldName, const std::string& 
     }
   }
   return true;
+}
+
+namespace {
+std::string Normalised(const std::string& text, utf8proc_option_t form) {
+  utf8proc_uint8_t* result = nullptr;
+  utf8proc_ssize_t length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
+                                         static_cast<utf8proc_ssize_t>(text.size()), &result,
+                                         static_cast<utf8proc_option_t>(UTF8PROC_STABLE | form));
+  if (length < 0 || !result) return text;
+  std::string normalised(reinterpret_cast<const char*>(result), static_cast<std::size_t>(length));
+  std::free(result);
+  return normalised;
+}
+
+bool Stands(const std::string& path) {
+  struct stat info {};
+  return lstat(path.c_str(), &info) == 0;
+}
+}  // namespace
+
+std::string CVStaticHelpers::PrecomposedForm(const std::string& path) {
+  return Normalised(path, UTF8PROC_COMPOSE);
+}
+
+std::string CVStaticHelpers::DecomposedForm(const std::string& path) {
+  return Normalised(path, UTF8PROC_DECOMPOSE);
+}
+
+bool CVStaticHelpers::ExistsInAnyForm(const std::string& path) {
+  if (path.empty()) return false;
+  if (Stands(path)) return true;
+  std::string composed = PrecomposedForm(path);
+  if (composed != path && Stands(composed)) return true;
+  std::string decomposed = DecomposedForm(path);
+  return decomposed != path && Stands(decomposed);
 }

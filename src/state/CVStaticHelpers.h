@@ -85,6 +85,13 @@ class CVStaticHelpers {
   static std::string GetUniqueDeviceID();
   // Moves the file or folder to the Trash; false (logged) when it stays.
   static bool MoveFileToTrash(const std::string& path);
+  // Unicode canonical forms of a path: composed (NFC) and decomposed (NFD); the
+  // text itself when it is not valid UTF-8.
+  static std::string PrecomposedForm(const std::string& path);
+  static std::string DecomposedForm(const std::string& path);
+  // Whether something (a link included) stands at the path as stored, or in its
+  // composed or decomposed form: names on this disk are not normalised.
+  static bool ExistsInAnyForm(const std::string& path);
   // Moves a storage's local folder to its new name and the records of the last
   // sync with it; on failure the records stay as they were. The sidebar entry is
   // moved through the handler the desktop installs.

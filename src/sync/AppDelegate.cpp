@@ -53,7 +53,12 @@ AppDelegate::AppDelegate(Dependencies d)
       dispatcher_(d.dispatcher),
       version_(std::move(d.version)),
       makeServerQueues_(std::move(d.makeServerQueues)),
-      makeFSWQueues_(std::move(d.makeFSWQueues)) {}
+      makeFSWQueues_(std::move(d.makeFSWQueues)) {
+  if (d.makeDispatcher) {
+    ownDispatcher_ = d.makeDispatcher(*this);
+    dispatcher_ = ownDispatcher_.get();
+  }
+}
 
 AppDelegate::~AppDelegate() {
   if (timersRunning_) {
@@ -178,7 +183,7 @@ void AppDelegate::CreateSyncEngine() {
   auto serverQueues = makeServerQueues_ ? makeServerQueues_() : nullptr;
   auto fswQueues = makeFSWQueues_ ? makeFSWQueues_() : nullptr;
   mainSyncObject_ =
-      std::make_unique<SmartSync>(*this, dispatcher_, std::move(serverQueues), std::move(fswQueues));
+      std::make_unique<SmartSync>(*this, *dispatcher_, std::move(serverQueues), std::move(fswQueues));
   mainSyncObject_->RunSyncThread();
 }
 
@@ -293,6 +298,7 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
             // items at once, and a local change among them must find the pass waiting.
             sync->SetSQInProcess();
             server.FilterNFQ(name);
+            if (server.siteOffline) sync->sqInProcess = false;  // nothing was handed over
           }
         }
         if (!server.siteOffline) {

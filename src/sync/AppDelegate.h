@@ -32,11 +32,13 @@ class AppDelegate {
     MainLoop& mainLoop;
     StatusSink& status;
     ConnectionService& connection;
-    FileOperationDispatcher& dispatcher;
+    // The per-file operations: given, or made by makeDispatcher for this object.
+    FileOperationDispatcher* dispatcher;
     std::string version;
     // Builds the queues of the sync engine; tests put fakes here.
     std::function<std::unique_ptr<SERVER_Queues>()> makeServerQueues;
     std::function<std::unique_ptr<FSW_Queues>()> makeFSWQueues;
+    std::function<std::unique_ptr<FileOperationDispatcher>(AppDelegate&)> makeDispatcher;
   };
 
   // How a pass ended, for whoever waits on one (the --once run).
@@ -104,6 +106,10 @@ class AppDelegate {
   void SetPassFinishedHandler(std::function<void(PassOutcome)> handler);
 
   const Clock& clock() const { return clock_; }
+  // The same clock for those that keep a shared pointer; it does not own the clock.
+  std::shared_ptr<const Clock> sharedClock() const {
+    return std::shared_ptr<const Clock>(std::shared_ptr<const Clock>(), &clock_);
+  }
   MainLoop& mainLoop() { return mainLoop_; }
   SmartSync* mainSyncObject() { return mainSyncObject_.get(); }
   ConnectionService& connection() { return connection_; }
@@ -132,7 +138,8 @@ class AppDelegate {
   MainLoop& mainLoop_;
   StatusSink& status_;
   ConnectionService& connection_;
-  FileOperationDispatcher& dispatcher_;
+  std::unique_ptr<FileOperationDispatcher> ownDispatcher_;
+  FileOperationDispatcher* dispatcher_;
   std::string version_;
   std::function<std::unique_ptr<SERVER_Queues>()> makeServerQueues_;
   std::function<std::unique_ptr<FSW_Queues>()> makeFSWQueues_;

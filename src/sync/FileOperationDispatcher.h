@@ -16,10 +16,3 @@ class FileOperationDispatcher {
   virtual void StopCurrentAction() {}
   virtual void StopDownloading() {}
 };
-
-// Used until the per-file operations exist: logs the item and reports that the
-// action has no operation, so the loop and its queues can run end to end.
-class NoFileOperations : public FileOperationDispatcher {
- public:
-  std::int32_t PerformNextFileOperation(SmartSync& sync, CVFileWithAction& item) override;
-};

@@ -1,6 +1,109 @@
 #include "SERVER_Queues.h"
 
+#include <exception>
+#include <string_view>
+#include <unordered_set>
+#include <utility>
+
+#include "CVConfiguration.h"
 #include "CVEventLogger.h"
+#include "CVFileForCompareMethods.h"
+#include "CVSelectiveSync.h"
+#include "CVStaticHelpers.h"
+#include "IconOverlayInFinderStaticMethods.h"
+#include "ManagerDownload.h"
+#include "ServerXMLParser.h"
+#include "SmartSync.h"
+#include "UIFunctions.h"
+
+namespace {
+
+constexpr const char* kClass = "SERVER_Queues";
+
+void Log(const char* method, const std::string& text) {
+  CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - " + method + " -> " + text);
+}
+
+// True when path lies below the storage's folder (given with its final "/") and
+// climbs nowhere: a line anywhere else would put a file outside the storage.
+bool IsInsideStorage(const std::string& path, const std::string& storageFolder) {
+  if (path.size() <= storageFolder.size() || path.compare(0, storageFolder.size(), storageFolder) != 0) {
+    return false;
+  }
+  std::string_view rest(path);
+  rest.remove_prefix(storageFolder.size());
+  while (!rest.empty()) {
+    std::size_t slash = rest.find('/');
+    std::string_view part = rest.substr(0, slash);
+    if (part == "." || part == "..") return false;
+    if (slash == std::string_view::npos) break;
+    rest.remove_prefix(slash + 1);
+  }
+  return true;
+}
+
+CVFileWithAction ItemFor(const CVFileForCompare& file, std::int32_t action) {
+  CVFileWithAction item;
+  item.fileAction = action;
+  item.isFolder = file.isFolder;
+  item.nFilePath = file.localPath;
+  item.dateModified = file.modifiedTime;
+  item.fileSize = file.size;
+  return item;
+}
+
+const char* ReadStateText(StateFileRead state) {
+  switch (state) {
+    case StateFileRead::Missing: return "missing";
+    case StateFileRead::Whole: return "whole";
+    case StateFileRead::Broken: return "broken";
+    case StateFileRead::Unreadable: return "unreadable";
+  }
+  return "unknown";
+}
+
+}  // namespace
+
+SERVER_Queues::SERVER_Queues(const Clock* clock, std::function<bool()> stopRequested)
+    : clock_(clock), stopRequested_(std::move(stopRequested)) {}
+
+void SERVER_Queues::SetListingContext(const Clock* clock, std::function<bool()> stopRequested) {
+  std::lock_guard<std::mutex> lock(contextLock_);
+  clock_ = clock;
+  stopRequested_ = std::move(stopRequested);
+}
+
+void SERVER_Queues::MarkInStep(const std::string& path, bool isFolder) {
+  if (IconOverlayInFinderStaticMethods::CheckClonnedFileExistence(path)) return;
+  if (isFolder) {
+    IconOverlayInFinderStaticMethods::CreateClonnedFolder(path);
+  } else {
+    IconOverlayInFinderStaticMethods::WriteFileStateToClonnedTreeForPath(path, "", false);
+  }
+  IconOverlayInFinderStaticMethods::RefreshFinderUsingScriptBridge(path);
+}
+
+void SERVER_Queues::MarkPendingUpload(const std::string& path, bool isFolder) {
+  IconOverlayInFinderStaticMethods::WriteFileStateToClonnedTreeForPath(path, "1", isFolder);
+  IconOverlayInFinderStaticMethods::RefreshFinderUsingScriptBridge(path);
+}
+
+SERVER_Queues::StorageListing SERVER_Queues::ListStorage(CVSharepoint& site) {
+  const Clock* clock;
+  std::function<bool()> stopRequested;
+  {
+    std::lock_guard<std::mutex> lock(contextLock_);
+    clock = clock_ ? clock_ : &defaultClock_;
+    stopRequested = stopRequested_;
+  }
+  ManagerDownload manager(*clock, std::move(stopRequested));
+  StorageListing listing;
+  listing.files = manager.GetFileListFromServerNew(UIFunctions::URLDecodedString(site.Url), site,
+                                                   /*recursive=*/true, /*uploadRequest=*/false,
+                                                   /*WithCanStopped=*/true);
+  listing.isSiteOffline = manager.isSiteOffline;
+  return listing;
+}
 
 void SERVER_Queues::Fill_NFQ_ForStorage(const std::string& storageName) {
   CVEventLogger::WriteMainLogMessage("Fill_NFQ_ForStorage (Start)");
@@ -9,21 +112,191 @@ void SERVER_Queues::Fill_NFQ_ForStorage(const std::string& storageName) {
     std::lock_guard<std::mutex> lock(SQ_NFQ_Lock);
     NFSQ_ServerQueue.clear();
   }
-  // Without a server listing nothing can be compared: the storage counts as
-  // offline, which never deletes anything locally.
-  CVEventLogger::WriteMainLogMessage("Fill_NFQ_ForStorage: the server listing is not part of "
-                                     "this build; storage \"" + storageName + "\" is passed over");
-  siteOffline = true;
+  try {
+    CVConfiguration& configuration = CVConfiguration::Instance();
+    auto site = configuration.GetSiteByName(storageName);
+    if (!site) {
+      siteOffline = true;
+      CVEventLogger::WriteMainLogMessage("Site == nil");
+      return;
+    }
+    CVSharepoint storage;
+    {
+      std::lock_guard<std::recursive_mutex> lock(configuration.fSpSitesLock);
+      storage = *site;
+    }
+
+    StorageListing listing = ListStorage(storage);
+    // Nothing or an empty list: a storage that lists nothing is taken for one
+    // that could not be listed, so that nothing local looks deleted.
+    if (!listing.files || listing.files->empty()) {
+      siteOffline = true;
+      CVEventLogger::WriteMainLogMessage("serverFiles == nil");
+      return;
+    }
+    const std::vector<CVFileForCompare>& files = *listing.files;
+
+    if (auto rules = CVSelectiveSync::Instance().GetSiteRulesByName(storageName)) rules->addSyncItems(files);
+
+    try {
+      std::string block = "\n********************NF_SQ***********************\n For site: " + storageName + " \n";
+      block.reserve(block.size() + files.size() * 64);
+      for (const auto& file : files) {
+        block += "\nffc: ";
+        block += file.localPath;
+      }
+      block += "\n--------------------NF_SQ-----------------------\n";
+      CVEventLogger::WriteMainLogMessage(block);
+    } catch (const std::exception& exception) {
+      CVEventLogger::LogException(kClass, "Fill_NFQ_ForStorage", std::string("ffc: **NF_SQ** ") + exception.what());
+    }
+
+    if (listing.isSiteOffline) {
+      siteOffline = true;
+      return;
+    }
+    std::lock_guard<std::mutex> lock(SQ_NFQ_Lock);
+    NFSQ_ServerQueue.insert(NFSQ_ServerQueue.end(), files.begin(), files.end());
+  } catch (const std::exception& exception) {
+    CVEventLogger::LogException(kClass, "Fill_NFQ_ForStorage", exception.what());
+    siteOffline = true;
+    std::lock_guard<std::mutex> lock(SQ_NFQ_Lock);
+    NFSQ_ServerQueue.clear();
+  }
 }
 
 void SERVER_Queues::FilterNFQ(const std::string& storageName) {
-  CVEventLogger::WriteMainLogMessage("FilterNFQ: no comparison in this build for storage \"" +
-                                     storageName + "\"");
+  {
+    std::lock_guard<std::mutex> lock(SQ_FQ_Lock);
+    SQ_ServerQueue.clear();
+  }
+  std::vector<CVFileForCompare> listing;
+  std::uint64_t generation;
+  {
+    std::lock_guard<std::mutex> lock(SQ_NFQ_Lock);
+    generation = clearGeneration_;
+    listing = NFSQ_ServerQueue;
+  }
+
+  std::vector<CVFileWithAction> work;
+  bool usable = false;
+  try {
+    usable = Compare(storageName, listing, work);
+  } catch (const std::exception& exception) {
+    // Half a comparison could hold deletions that the rest would have undone.
+    CVEventLogger::LogException(kClass, "FilterNFQ", exception.what());
+  }
+  if (usable) {
+    std::lock_guard<std::mutex> lock(SQ_FQ_Lock);
+    if (clearGeneration_ == generation) {
+      SQ_ServerQueue.insert(SQ_ServerQueue.end(), std::make_move_iterator(work.begin()),
+                            std::make_move_iterator(work.end()));
+    } else {
+      // A local operation threw the queue away while this comparison ran: its
+      // items are stale, and the loop rebuilds the queue once the local work is done.
+      Log("FilterNFQ", "Server queue cleared during the comparison; " + std::to_string(work.size()) +
+                           " items dropped for the rebuild");
+    }
+  } else {
+    siteOffline = true;
+  }
+  std::lock_guard<std::mutex> lock(SQ_NFQ_Lock);
+  NFSQ_ServerQueue.clear();
+}
+
+bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CVFileForCompare>& listing,
+                            std::vector<CVFileWithAction>& work) {
+  if (listing.empty()) {
+    // The listing was emptied under us: every record would look deleted.
+    Log("FilterNFQ", "No listing to compare for " + storageName + "; the storage is passed over");
+    return false;
+  }
+
+  ServerXMLParser parser;
+  auto read = parser.readDownloadedFiles();
+  const StateFileRead readState = parser.lastRead();
+  if (readState == StateFileRead::Unreadable || readState == StateFileRead::Broken) {
+    // Records lost to a bad file would make their server files look new and
+    // their local files unknown; better no comparison than a wrong one.
+    Log("FilterNFQ", std::string("DownloadedFiles.xml is ") + ReadStateText(readState) +
+                         "; storage " + storageName + " is passed over until the file reads whole");
+    return false;
+  }
+  std::vector<CVFileForCompare> records = read.value_or(std::vector<CVFileForCompare>{});
+  Log("FilterNFQ", "DownloadFiles.count: " + std::to_string(records.size()));
+
+  auto rulesSite = CVSelectiveSync::Instance().GetSiteRulesByName(storageName);
+  const std::vector<CVSelectiveSyncItem> syncItems =
+      rulesSite ? rulesSite->SyncItems() : std::vector<CVSelectiveSyncItem>{};
+  const CVSyncRulesDictionary rules =
+      rulesSite ? CVSelectiveSync::GetSyncRulesDictionary(*rulesSite) : CVSyncRulesDictionary{};
+
+  const std::string root = CVStaticHelpers::GenerateRootPath();
+  const std::string storageFolder = root + "/" + storageName + "/";
+  const CVFileForCompareMethods::PathIndex index(records);
+  std::unordered_set<std::string> seen;
+  seen.reserve(listing.size());
+  std::string notes;
+  work.reserve(listing.size());
+
+  // The lines of the listing.
+  for (const auto& line : listing) {
+    seen.insert(line.localPath);
+    if (!IsInsideStorage(line.localPath, storageFolder)) {
+      Log("FilterNFQ", "Line outside the storage's folder dropped: " + line.localPath);
+      continue;
+    }
+    const std::string relative = line.localPath.substr(root.size() + 1);
+    if (auto rule = CVSelectiveSync::FindSyncRule(rules, relative);
+        rule && rule->Rule == CVSelectiveSyncRule::syncNone) {
+      continue;  // its record stays unprocessed and becomes a local delete below
+    }
+    const std::int32_t result = CVFileForCompareMethods::CheckFile2(line, records, index);
+    const std::int32_t action = GetFWAEvent(result);
+    notes += "\nServerFile: ";
+    notes += line.localPath;
+    notes += " res: " + std::to_string(result);
+    if (action == FWA_Nothing) MarkInStep(line.localPath, line.isFolder);
+    work.push_back(ItemFor(line, action));
+  }
+  Log("FilterNFQ", "All Items FilterNFQ:\n" + notes);
+
+  // What the server no longer lists, selective sync forgets.
+  if (rulesSite) {
+    for (const auto& item : syncItems) {
+      if (!seen.count(item.Path)) rulesSite->removeSyncItemAndRule(item.Path);
+    }
+  }
+
+  // In step at the last sync, and now in no (synced) line: gone on the server,
+  // or excluded by a rule.
+  for (const auto& record : records) {
+    if (record.wasProcessed || !CVFileForCompareMethods::IsSamePath(record.site, storageName)) continue;
+    work.push_back(ItemFor(record, FWA_DeleteLocally));
+  }
+
+  // Until a first pass has ended: what was put into the tree while the program
+  // was not running.
+  if (!firstTimeSyncPerformed) {
+    for (const auto& local : SmartSync::readLocalFiles(root + "/" + storageName)) {
+      if (index.Contains(local.localPath)) continue;
+      work.push_back(ItemFor(local, FWA_UploadToServer));
+      MarkPendingUpload(local.localPath, local.isFolder);
+    }
+  }
+  return true;
+}
+
+void SERVER_Queues::WriteDebugInformation(std::int32_t action, const std::string& forPath,
+                                          const std::string& withPrefix) {
+  if ((action >= 0 && action <= 8) || action == FWA_UpdateDownloadedFiles) return;
+  CVEventLogger::WriteMainLogMessage(withPrefix + ":" + forPath + ":FWA_Nothing");
 }
 
 void SERVER_Queues::ClearServerQueues() {
   {
     std::lock_guard<std::mutex> lock(SQ_NFQ_Lock);
+    ++clearGeneration_;
     NFSQ_ServerQueue.clear();
   }
   std::lock_guard<std::mutex> lock(SQ_FQ_Lock);

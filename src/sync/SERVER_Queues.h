@@ -1,25 +1,66 @@
 #pragma once
 // SERVER_Queues: turns the listing of one storage into work items for the main
-// loop. NFSQ_ServerQueue holds the raw listing, SQ_ServerQueue the work list.
-// Fill and Filter of a storage run under compareLock, whether the scheduler or the
-// loop's refill calls them, so two comparisons never interleave.
+// loop, by a three-way comparison of the listing, the disk and the record of the
+// last sync. NFSQ_ServerQueue holds the raw listing, SQ_ServerQueue the work list.
+// Owned by SmartSync; Fill and Filter run on the scheduler's thread in a pass or
+// on the loop's thread in a refill, always under compareLock, which the caller
+// takes, so two comparisons never interleave.
+//
+// No local delete comes from what was not read whole: a listing that is missing,
+// empty or stopped, or a record file that is broken or unreadable, leaves the
+// storage offline for the pass, and no work item is made.
 
 #include <atomic>
+#include <cstdint>
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "CVSharepoint.h"
+#include "Clock.h"
 #include "SyncRecords.h"
 
 class SERVER_Queues {
  public:
+  // A listing as the server gave it: the records, or nothing, and whether the
+  // run ended without a usable session.
+  struct StorageListing {
+    std::optional<std::vector<CVFileForCompare>> files;
+    bool isSiteOffline = false;
+  };
+
+  SERVER_Queues() = default;
+  // clock: for the listing's pauses; stopRequested: true once the main loop is
+  // to stop, which ends a listing in progress.
+  SERVER_Queues(const Clock* clock, std::function<bool()> stopRequested);
   virtual ~SERVER_Queues() = default;
+  SERVER_Queues(const SERVER_Queues&) = delete;
+  SERVER_Queues& operator=(const SERVER_Queues&) = delete;
+
+  // The same as the constructor's arguments, for an owner that comes later.
+  void SetListingContext(const Clock* clock, std::function<bool()> stopRequested);
 
   // Fills NFSQ_ServerQueue with the storage's listing and sets siteOffline.
   virtual void Fill_NFQ_ForStorage(const std::string& storageName);
   // Fills SQ_ServerQueue from NFSQ_ServerQueue; only when siteOffline is clear.
+  // In order: the lines of the listing, the local deletions, and, until the
+  // first pass has ended, the uploads of items the record does not know.
   virtual void FilterNFQ(const std::string& storageName);
 
+  // The recursive listing of a storage from the server (ManagerDownload), with
+  // the loop's stop test. Tests list without a server here.
+  virtual StorageListing ListStorage(CVSharepoint& site);
+
+  // Logs "prefix:path:FWA_Nothing" for an action that is no operation (outside
+  // 0 to 8 and not 99); nothing for the others.
+  static void WriteDebugInformation(std::int32_t action, const std::string& forPath,
+                                    const std::string& withPrefix);
+  static std::int32_t GetFWAEvent(std::int32_t compareResult) { return ::GetFWAEvent(compareResult); }
+
+  // Empties both queues. A comparison running meanwhile then drops its items,
+  // which were made for a state that a local operation is changing.
   void ClearServerQueues();
   std::size_t ServerQueueSize();
 
@@ -30,4 +71,23 @@ class SERVER_Queues {
   std::mutex SQ_NFQ_Lock;
   std::mutex SQ_FQ_Lock;
   std::mutex compareLock;
+
+ protected:
+  // The file manager's state tree. An item found in step gets its clone the
+  // first time it is met; an unknown local item queued for upload shows "1".
+  virtual void MarkInStep(const std::string& path, bool isFolder);
+  virtual void MarkPendingUpload(const std::string& path, bool isFolder);
+
+ private:
+  // The comparison of FilterNFQ into work; false when it must give no work
+  // this pass.
+  bool Compare(const std::string& storageName, const std::vector<CVFileForCompare>& listing,
+               std::vector<CVFileWithAction>& work);
+
+  // Counts ClearServerQueues calls; raised before the work list is emptied.
+  std::atomic<std::uint64_t> clearGeneration_{0};
+  mutable std::mutex contextLock_;
+  const Clock* clock_ = nullptr;
+  std::function<bool()> stopRequested_;
+  Clock defaultClock_;
 };

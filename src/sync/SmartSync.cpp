@@ -11,6 +11,7 @@
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
 #include "FileOperationDispatcher.h"
+#include "MyParser.h"
 #include "SyncListener.h"
 
 using namespace std::chrono_literals;
@@ -25,7 +26,10 @@ SmartSync::SmartSync(AppDelegate& app, FileOperationDispatcher& dispatcher,
     : app_(app),
       dispatcher_(dispatcher),
       fswQueue_(fswQueue ? std::move(fswQueue) : std::make_unique<FSW_Queues>()),
-      serverQueue_(serverQueue ? std::move(serverQueue) : std::make_unique<SERVER_Queues>()) {}
+      serverQueue_(serverQueue ? std::move(serverQueue) : std::make_unique<SERVER_Queues>()) {
+  // The listing waits on the application's clock and ends when the loop is stopped.
+  serverQueue_->SetListingContext(&app_.clock(), [this] { return !syncMainThreadShouldRun; });
+}
 
 SmartSync::~SmartSync() {
   {
@@ -140,7 +144,7 @@ void SmartSync::AddPath(const std::string& path, bool isFolder) {
        !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
     std::string child = it->path().string();
     app_.AddFileInProgress(child);
-    app_.AddFileInProgress(child + ".cvtemp");
+    app_.AddFileInProgress(MyParser::GetFileCVTempForFileLocalPath(child));
   }
 }
 

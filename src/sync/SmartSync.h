@@ -49,6 +49,22 @@ class SmartSync {
   // Registers a path the sync itself is changing; the watcher drops its events.
   void AddPath(const std::string& path, bool isFolder);
 
+  // ---- Local scan of the server comparison (SmartSyncLocalScan.cpp) ----------
+  // Symbolic links are never followed nor descended into; names ending in
+  // ".DS_Store" or beginning with "." are not the user's and are skipped.
+  // The entry at path, read without testing that it exists; site from origPath.
+  static CVFileForCompare CreateCVFileForCompare(const std::string& path, const std::string& origPath);
+  // Everything under the folder, depth first, each folder before its contents,
+  // entries in the order the file system gives.
+  static std::vector<CVFileForCompare> readLocalFiles(const std::string& folderPath);
+  // NFQ_Created records of everything under the folder: per level its folders,
+  // then its files, then the levels below, folder by folder.
+  static std::vector<NFQ_File> GetChildFilesAndFoldersNFQ(const std::string& folderPath, bool recursive);
+  // -1: no record of the last sync has the same path; 0: one has it byte for
+  // byte; 1: it is stored in another normalisation form.
+  static std::int32_t CheckFileNameStringState(const std::string& path);
+  // ---------------------------------------------------------------------------
+
   // The loop thread's body; a second thread leaves at once.
   void Sync();
 

@@ -65,6 +65,7 @@ class DevServer::Routes {
   explicit Routes(ServerState& state) : state_(state) {
     AddSessionMethods(methods_);
     AddFileMethods(methods_);
+    AddShareMethods(methods_);
     AddDownloadHandlers(handlers_);
     http_.set_keep_alive_max_count(100);
     // A kept-alive connection holds a thread while it idles; the client may keep

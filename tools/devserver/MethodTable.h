@@ -42,5 +42,6 @@ class MethodTable {
 // The families. Each file registers what it answers.
 void AddSessionMethods(MethodTable& table);
 void AddFileMethods(MethodTable& table);
+void AddShareMethods(MethodTable& table);
 
 }  // namespace devserver

@@ -163,13 +163,13 @@ class SyncFixture : public ::testing::Test {
     loopThread = std::thread([this] { loop.Run(); });
     Drain();  // the loop thread is the main thread from here on
     app = std::make_unique<AppDelegate>(AppDelegate::Dependencies{
-        clock, loop, status, connection, dispatcher, "9.9.9",
+        clock, loop, status, connection, &dispatcher, "9.9.9",
         [this] {
           auto queues = std::make_unique<FakeServerQueues>();
           server = queues.get();
           return queues;
         },
-        nullptr});
+        nullptr, nullptr});
   }
   ~SyncFixture() override {
     app.reset();

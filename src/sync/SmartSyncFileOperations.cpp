@@ -1,0 +1,551 @@
+#include "SmartSyncFileOperations.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+
+#include "AppDelegate.h"
+#include "AsyncFileCommonPart.h"
+#include "AsyncFileDownloader.h"
+#include "CVConfiguration.h"
+#include "CVEventLogger.h"
+#include "CVHandler.h"
+#include "CVIPRestriction.h"
+#include "CVSelectiveSync.h"
+#include "CVSelectiveSyncRule.h"
+#include "CVStaticHelpers.h"
+#include "IconOverlayInFinderStaticMethods.h"
+#include "MyParser.h"
+#include "ServerFileOperations.h"
+#include "ServerXMLParser.h"
+#include "SmartSync.h"
+#include "SyncListener.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+constexpr const char* kClass = "SmartSync";
+
+void Log(const std::string& method, const std::string& text) {
+  CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - " + method + " -> " + text);
+}
+
+std::string LastComponent(const std::string& path) {
+  auto slash = path.find_last_of('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
+
+std::int32_t SiteIndex(const std::string& name) {
+  auto sites = CVConfiguration::Instance().SitesCopy();
+  for (std::size_t i = 0; i < sites.size(); ++i) {
+    if (sites[i]->Name == name) return static_cast<std::int32_t>(i);
+  }
+  return 0;
+}
+}  // namespace
+
+SmartSyncFileOperations::SmartSyncFileOperations(AppDelegate& app, ServerFileOperations& server)
+    : app_(app), server_(server) {}
+
+SmartSyncFileOperations::~SmartSyncFileOperations() = default;
+
+void SmartSyncFileOperations::StopCurrentAction() { server_.StopCurrentAction(); }
+
+void SmartSyncFileOperations::Pause(std::chrono::milliseconds duration) { app_.clock().Sleep(duration); }
+
+void SmartSyncFileOperations::MarkInProgress(const std::string& path, bool isFolder) {
+  app_.AddFileInProgress(path);
+  if (!isFolder) return;
+  // Everything the store knows below a folder is the sync's own too.
+  if (auto site = CVSelectiveSync::GetSelectiveSyncSiteForLocalPath(path)) {
+    for (const auto& child : site->GetArrayFilesFoldersForFolder(path)) {
+      app_.AddFileInProgress(child);
+      app_.AddFileInProgress(MyParser::GetFileCVTempForFileLocalPath(child));
+    }
+  }
+}
+
+bool SmartSyncFileOperations::MoveAside(const std::string& from, const std::string& to) {
+  // Never over an existing file: the copy's name was free when it was chosen, and
+  // if something took it since, the move fails instead of destroying it.
+  if (syscall(SYS_renameat2, AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), 1 /* RENAME_NOREPLACE */) == 0) {
+    return true;
+  }
+  Log("MoveAside", "could not move " + from + " to " + to + ": " + std::strerror(errno));
+  return false;
+}
+
+void SmartSyncFileOperations::Forget(const std::shared_ptr<CVSelectiveSyncSite>& site,
+                                     const CVFileWithAction& item) {
+  if (!site) return;
+  if (item.isFolder) {
+    site->removeSyncItemsAndRulesForFolder(item.nFilePath);
+  } else {
+    site->removeSyncItemAndRule(item.nFilePath);
+  }
+}
+
+std::optional<std::vector<std::string>> SmartSyncFileOperations::GetFileInfo(const std::string& localPath) {
+  auto site = CVStaticHelpers::GetSpSiteForLocalPath(localPath);
+  if (!site) return std::nullopt;
+  return CVHandler::Instance().GetFileInfo(CVStaticHelpers::serverPathFromLocalPath(localPath), site->Name);
+}
+
+std::string SmartSyncFileOperations::GetFileInfoReturnForPath(const std::string& localPath) {
+  auto site = CVStaticHelpers::GetSpSiteForLocalPath(localPath);
+  if (!site) return "";
+  return CVHandler::Instance().GetFileInfoReturnForPath(CVStaticHelpers::serverPathFromLocalPath(localPath),
+                                                        site->Name);
+}
+
+std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, CVFileWithAction& item) {
+  Log("PerformNextFileOperation", "Next File Operation " + item.nFilePath);
+  auto storage = CVStaticHelpers::GetSpSiteForLocalPath(item.nFilePath);
+  if (!storage) return SYNC_RETURN_OK;  // no storage: the entry stays where it is
+  auto site = CVSelectiveSync::Instance().GetSiteRulesByName(storage->Name);
+  SyncListener::SendSyncNumberChangedNotification(SiteIndex(storage->Name));
+  SyncListener::SendFileInProgressChangedNotification(LastComponent(item.nFilePath), item.fileSize,
+                                                      item.fileAction);
+  std::int32_t result = SYNC_RETURN_NO_OPERATION;
+  auto markBusy = [&] { WriteState(item.nFilePath, "1", item.isFolder); };
+  try {
+    switch (item.fileAction) {
+      case FWA_UploadToServer:
+      case FWA_DeleteOnServerAndUploadToServer:
+        Log("PerformNextFileOperation",
+            "(FWA_UploadToServer||FWA_DeleteOnServerAndUploadToServer) for file: " + item.nFilePath + " ");
+        markBusy();
+        result = PerformUploadToServer(sync, item);
+        if (result == SYNC_RETURN_OK) {
+          WriteState(item.nFilePath, "0", item.isFolder);
+          if (site && !item.oldFilePath.empty()) {
+            site->renameSyncItemAndRule(item.oldFilePath, item.nFilePath, item.isFolder);
+          } else if (site) {
+            site->addSyncItem(item.isFolder, item.nFilePath);
+            site->addSyncRule(CVSelectiveSyncRule::syncAll, item.nFilePath);
+          }
+        } else {
+          WriteState(item.nFilePath, "2", item.isFolder);
+          if (result == SYNC_RETURN_LOCKED) Pause(300ms);
+        }
+        break;
+      case FWA_DeleteOnServer:
+        Log("PerformNextFileOperation", "(FWA_DeleteOnServer) for file: " + item.nFilePath + " ");
+        if (site && !site->IsCanDeleteFile(item.nFilePath)) {
+          Log("PerformNextFileOperation",
+              "___This File Delete on server but selective sync non checked___ : " + item.nFilePath);
+          result = SYNC_RETURN_OK;
+        } else {
+          result = PerformDeleteOnServer(sync, item);
+          Log("PerformNextFileOperation", "Result Delete on server " + std::to_string(result));
+          RemoveState(item.nFilePath);
+          if (result == SYNC_RETURN_OK) Forget(site, item);
+        }
+        break;
+      case FWA_DownloadFromServer:
+        Log("PerformNextFileOperation", "(FWA_DownloadFromServer) for file: " + item.nFilePath + " ");
+        markBusy();
+        result = PerformDownloadFromServer(sync, item);
+        if (result == SYNC_RETURN_OK) {
+          WriteState(item.nFilePath, "", item.isFolder);
+          if (site) site->addSyncItem(item.isFolder, item.nFilePath);
+        } else {
+          WriteState(item.nFilePath, "2", item.isFolder);
+        }
+        Pause(200ms);
+        break;
+      case FWA_DeleteLocally:
+        Log("PerformNextFileOperation", "(FWA_DeleteLocally) for file: " + item.nFilePath + " ");
+        result = PerformDeleteLocally(sync, item, site);
+        RemoveState(item.nFilePath);
+        if (result == SYNC_RETURN_STATE_CHANGED) {
+          // Deleted because the server no longer has it: the store forgets it too.
+          Forget(site, item);
+          result = SYNC_RETURN_OK;
+        }
+        break;
+      case FWA_CreateLocalCopyAndDownloadFromServer1:
+      case FWA_CreateLocalCopyAndDownloadFromServer2:
+        Log("PerformNextFileOperation",
+            "(FWA_CreateLocalCopyAndDownloadFromServer1||FWA_CreateLocalCopyAndDownloadFromServer2) for file: " +
+                item.nFilePath + " ");
+        markBusy();
+        result = PerformCreateLocalCopyAndDownloadFromServer(sync, item, item.fileSize, item.dateModified);
+        if (result == SYNC_RETURN_OK) {
+          WriteState(item.nFilePath, "", item.isFolder);
+          if (site) site->addSyncItem(item.isFolder, item.nFilePath);
+        } else {
+          WriteState(item.nFilePath, "2", item.isFolder);
+        }
+        Pause(10ms);
+        break;
+      case FWA_CreateAndUploadLocalCopy:
+        Log("PerformNextFileOperation", "(FWA_CreateAndUploadLocalCopy) for file: " + item.nFilePath + " ");
+        markBusy();
+        result = PerformCreateAndUploadLocalCopy(sync, item);
+        if (result == SYNC_RETURN_OK) {
+          WriteState(item.nFilePath, "", item.isFolder);
+          if (site) site->addSyncItem(item.isFolder, item.nFilePath);
+        } else {
+          WriteState(item.nFilePath, "2", item.isFolder);
+        }
+        Pause(10ms);
+        break;
+      case FWA_RenameFileOnServer: {
+        result = PerformRenameFileOnServer(sync, item, site);
+        if (result == SYNC_RETURN_RENAME_SOURCE_GONE) {
+          result = CVStaticHelpers::ExistsInAnyForm(item.nFilePath) ? PerformUploadToServer(sync, item)
+                                                                    : SYNC_RETURN_OK;
+        }
+        if (result != SYNC_RETURN_OK) {
+          WriteState(item.nFilePath, "2", item.isFolder);
+        } else {
+          WriteState(item.nFilePath, "", item.isFolder);
+          if (site) site->renameSyncItemAndRule(item.oldFilePath, item.nFilePath, item.isFolder);
+        }
+        RemoveState(item.oldFilePath);
+        break;
+      }
+      default:
+        break;
+    }
+  } catch (const std::exception& failure) {
+    CVEventLogger::LogException(kClass, "PerformNextFileOperation", failure.what());
+    result = SYNC_RETURN_FAILED;
+  }
+
+  sync.write_log_inforamtion(item, false);
+  // Time for the file system to deliver the events of this operation, so that
+  // the watcher still takes them for the sync's own.
+  Pause(400ms);
+  {
+    std::lock_guard<std::recursive_mutex> lock(app_.FilesInProgressLock);
+    app_.filesInProgress.clear();
+  }
+  Log("PerformNextFileOperation", "Result code: ((( " + std::to_string(result) + " )))");
+
+  auto finish = [&] {
+    if (item.isFSWAction) {
+      AsyncFileCommonPart::RemoveFromNewFiles(item);
+      sync.RemoveFileFromFSWArrayQueue();
+    }
+  };
+  bool exists = CVStaticHelpers::ExistsInAnyForm(item.nFilePath);
+  if (result == SYNC_RETURN_OK || result == SYNC_RETURN_SIZE_CHANGED) {
+    finish();
+  } else if (item.attemptsCount >= 3 && item.fileAction != FWA_UploadToServer) {
+    if (item.fileAction == FWA_RenameFileOnServer && item.isFSWAction) QueueUploadOfGivenUpRename(sync, item);
+    finish();
+  } else if (result == SYNC_RETURN_LOCKED) {
+    Log("PerformNextFileOperation",
+        "Return SYNC_RETURN_LOCKED, waiting for the next round for file: " + item.nFilePath);
+  } else if (result == SYNC_RETURN_STATE_CHANGED && item.fileAction == FWA_UploadToServer &&
+             item.isFSWAction && !exists) {
+    CVEventLogger::WriteMainLogMessage("<WARNING> Upload (-6) for file: " + item.nFilePath);
+    AsyncFileCommonPart::RemoveFromNewFiles(item);
+    sync.RemoveFileFromFSWArrayQueue();
+  } else if (result == SYNC_RETURN_STATE_CHANGED && item.fileAction == FWA_DeleteOnServer &&
+             item.isFSWAction && exists) {
+    CVEventLogger::WriteMainLogMessage("<WARNING> Delete On Server (-6) for file: " + item.nFilePath);
+    sync.RemoveFileFromFSWArrayQueue();
+  } else if (result == SYNC_RETURN_STATE_CHANGED) {
+    // stays for the next round
+  } else if (result == SYNC_RETURN_RESTRICTED) {
+    Log("PerformNextFileOperation", "Restricted file/folder: " + item.nFilePath);
+    CVIPRestriction::Instance().AddNodeIfNoSuchWitServerPathFile(item.nFilePath,
+                                                                 CVStaticHelpers::FormatDateTime(0));
+    AsyncFileCommonPart::RemoveFromNewFiles(item);
+    if (item.isFSWAction) sync.RemoveFileFromFSWArrayQueue();
+  } else {
+    sync.write_log_inforamtion(item, true);
+    CVEventLogger::WriteMainLogMessage("!!! OPERATION FAILED !!! " + std::to_string(result));
+    if (result == SYNC_RETURN_FAILED) sync.syncedWithSomeErrors = true;
+  }
+  CVSelectiveSync::Instance().SaveConfigXML();
+  return result;
+}
+
+void SmartSyncFileOperations::QueueUploadOfGivenUpRename(SmartSync& sync, const CVFileWithAction& item) {
+  // A rename given up after its attempts would lose the file on the server when
+  // something stands at the new path: send that as a new file instead.
+  if (!CVStaticHelpers::ExistsInAnyForm(item.nFilePath)) return;
+  NFQ_File entry;
+  entry.fileAction = NFQ_Created;
+  entry.isFolder = item.isFolder;
+  entry.oldFilePath = item.nFilePath;
+  entry.nFilePath = item.nFilePath;
+  {
+    std::lock_guard<std::mutex> lock(sync.fswQueue().FSW_FQ_Lock);
+    sync.fswQueue().FQ_FilteredQueue.push_back(entry);
+  }
+  AsyncFileCommonPart::ChangeNewFiles(entry, NFQ_Created);
+  Log("PerformNextFileOperation", "rename given up, queued as a new file: " + item.nFilePath);
+}
+
+bool SmartSyncFileOperations::CheckNextFileOnServer(const CVFileWithAction& item,
+                                                    const std::optional<std::vector<std::string>>& serverData) {
+  try {
+    if (!serverData || serverData->empty()) return true;
+    ServerXMLParser parser;
+    auto records = parser.readDownloadedFiles();
+    if (!records) return false;
+    std::string wanted = CVStaticHelpers::PrecomposedForm(item.nFilePath);
+    for (const auto& record : *records) {
+      if (CVStaticHelpers::PrecomposedForm(record.localPath) != wanted) continue;
+      if (serverData->size() < 3) return false;
+      return record.size == std::stoll((*serverData)[2]);
+    }
+    return false;
+  } catch (const std::exception& failure) {
+    CVEventLogger::LogException(kClass, "CheckNextFileOnServer", failure.what());
+    return false;
+  }
+}
+
+std::int32_t SmartSyncFileOperations::PerformUploadToServer(SmartSync& sync, CVFileWithAction& item) {
+  try {
+    Log("PerformUploadToServer", "Upload to server:  " + item.nFilePath);
+    app_.AddFileInProgress(item.nFilePath);
+    if (!CVStaticHelpers::ExistsInAnyForm(item.nFilePath)) return SYNC_RETURN_STATE_CHANGED;
+    struct stat info {};
+    if (lstat(item.nFilePath.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+      // Links are never followed: what they point at may lie outside the storage.
+      Log("PerformUploadToServer", "symbolic link skipped: " + item.nFilePath);
+      return SYNC_RETURN_OK;
+    }
+    if (!item.isFolder && CVStaticHelpers::isFileLockedPreUploadCheck(item.nFilePath, app_.clock())) {
+      return SYNC_RETURN_LOCKED;
+    }
+    auto serverData = GetFileInfo(item.nFilePath);
+    if (!sync.syncMainThreadShouldRun) return SYNC_RETURN_LOCKED;
+    if (item.isFolder) return server_.CreateFolderOnServer(item);
+    if (CVStaticHelpers::isFileLockedPreUploadCheck(item.nFilePath, app_.clock())) {
+      return SYNC_RETURN_STATE_CHANGED;
+    }
+    if (!sync.syncMainThreadShouldRun) return SYNC_RETURN_LOCKED;
+    if (!CheckNextFileOnServer(item, serverData)) return PerformCreateAndUploadLocalCopy(sync, item);
+    if (!sync.syncMainThreadShouldRun) return SYNC_RETURN_LOCKED;
+    if (SmartSync::CheckFileNameStringState(item.nFilePath) == 1) {
+      item.nFilePath = CVStaticHelpers::PrecomposedForm(item.nFilePath);
+      CVEventLogger::WriteMainLogMessage("(PerformUploadToServer)");
+    }
+    std::int32_t result = server_.UploadFileToServer(item);
+    return result == SYNC_RETURN_SERVER_NOT_FOUND ? SYNC_RETURN_LOCKED : result;
+  } catch (const std::exception& failure) {
+    CVEventLogger::WriteExceptionsLog(std::string("PerformUploadToServer: ") + failure.what());
+    return SYNC_RETURN_FAILED;
+  }
+}
+
+std::int32_t SmartSyncFileOperations::PerformCreateAndUploadLocalCopy(SmartSync&, CVFileWithAction& item) {
+  try {
+    Log("PerformCreateAndUploadLocalCopy", "Create and upload local copy:  " + item.nFilePath);
+    std::string original = item.nFilePath;
+    std::string copy = CVStaticHelpers::getLocalCopyName(original);
+    app_.AddFileInProgress(original);
+    app_.AddFileInProgress(copy);
+    if (!MoveAside(original, copy)) return SYNC_RETURN_LOCKED;
+    if (SmartSync::CheckFileNameStringState(original) == 1) {
+      copy = CVStaticHelpers::PrecomposedForm(copy);
+      CVEventLogger::WriteMainLogMessage("(PerformCreateAndUploadLocalCopy)");
+    }
+    item.nFilePath = copy;
+    std::int32_t result = server_.UploadFileToServer(item);
+    if (auto site = CVSelectiveSync::GetSelectiveSyncSiteForLocalPath(copy)) {
+      site->addSyncItem(false, copy);
+      site->addSyncRule(CVSelectiveSyncRule::syncAll, copy);
+    }
+    return result;
+  } catch (const std::exception& failure) {
+    CVEventLogger::LogException(kClass, "PerformCreateAndUploadLocalCopy", failure.what());
+    return SYNC_RETURN_FAILED;
+  }
+}
+
+std::int32_t SmartSyncFileOperations::PerformCreateLocalCopyAndDownloadFromServer(
+    SmartSync& sync, CVFileWithAction& item, std::int64_t, std::int64_t) {
+  std::string original = item.nFilePath;
+  std::string copy;
+  std::int32_t result = SYNC_RETURN_FAILED;
+  try {
+    Log("PerformCreateLocalCopyAndDownloadFromServer", "Create local copy and download from server " + original);
+    copy = CVStaticHelpers::getLocalCopyName(original);
+    app_.AddFileInProgress(original);
+    app_.AddFileInProgress(copy);
+    if (!MoveAside(original, copy)) {
+      // Nothing is downloaded over the user's file.
+      result = SYNC_RETURN_LOCKED;
+    } else if (!DownloadFile(item)) {
+      result = SYNC_RETURN_LOCKED;  // the user's content waits under the copy's name
+    } else if (CVStaticHelpers::FileSame(copy, original)) {
+      std::error_code error;
+      std::filesystem::remove(copy, error);
+      AsyncFileCommonPart::WriteToDownloadedFiles(item, false);
+      result = SYNC_RETURN_OK;
+    } else {
+      NFQ_File entry;
+      entry.nFilePath = copy;
+      entry.fileAction = NFQ_Created;
+      entry.isFolder = false;
+      CVFileWithAction upload = SmartSync::CreateCVFileWithActionFromNFQFile(entry);
+      if (SmartSync::CheckFileNameStringState(original) == 1) {
+        upload.nFilePath = CVStaticHelpers::PrecomposedForm(copy);
+        CVEventLogger::WriteMainLogMessage("(PerformCreateLocalCopyAndDownloadFromServer)");
+      }
+      result = server_.UploadFileToServer(upload);
+      if (auto site = CVSelectiveSync::GetSelectiveSyncSiteForLocalPath(copy)) {
+        site->addSyncItem(false, copy);
+        site->addSyncRule(CVSelectiveSyncRule::syncAll, copy);
+      }
+    }
+  } catch (const std::exception& failure) {
+    CVEventLogger::LogException(kClass, "PerformCreateLocalCopyAndDownloadFromServer", failure.what());
+    result = SYNC_RETURN_FAILED;
+  }
+  (void)sync;
+  Pause(400ms);
+  app_.RemoveFileInProgress(original);
+  if (!copy.empty()) app_.RemoveFileInProgress(copy);
+  return result;
+}
+
+std::int32_t SmartSyncFileOperations::PerformDownloadFromServer(SmartSync&, CVFileWithAction& item) {
+  try {
+    app_.AddFileInProgress(item.nFilePath);
+    app_.AddFileInProgress(MyParser::GetFileCVTempForFileLocalPath(item.nFilePath));
+    if (item.isFolder) {
+      std::error_code error;
+      std::filesystem::create_directories(item.nFilePath, error);
+      if (!error) {
+        AsyncFileCommonPart::WriteToDownloadedFiles(item, false);
+        return SYNC_RETURN_OK;
+      }
+      Log("PerformDownloadFromServer", "Download folder not success: " + item.nFilePath);
+    } else {
+      if (DownloadFile(item)) return SYNC_RETURN_OK;
+      Log("PerformDownloadFromServer", "Download file not success: " + item.nFilePath);
+    }
+    std::string reply = GetFileInfoReturnForPath(item.nFilePath);
+    if (StartsWith(reply, "-100;") || StartsWith(reply, "-6;")) {
+      AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
+      return SYNC_RETURN_OK;
+    }
+    Log("PerformDownloadFromServer", "File not delete on server: " + item.nFilePath + ", code error: " + reply);
+    return SYNC_RETURN_LOCKED;
+  } catch (const std::exception& failure) {
+    CVEventLogger::LogException(kClass, "PerformDownloadFromServer", failure.what());
+    return SYNC_RETURN_LOCKED;
+  }
+}
+
+std::int32_t SmartSyncFileOperations::PerformDeleteLocally(SmartSync&, CVFileWithAction& item,
+                                                           const std::shared_ptr<CVSelectiveSyncSite>& site) {
+  app_.AddFileInProgress(item.nFilePath);
+  bool checked = site && site->IsCheckedRuleForLocalPath(item.nFilePath);
+  if (checked) Log("PerformDeleteLocally", "Delete locally call SERVER for path: " + item.nFilePath);
+  bool removed = true;
+  if (!CVStaticHelpers::ExistsInAnyForm(item.nFilePath)) {
+    Pause(1ms);
+    Log("PerformDeleteLocally", "File/Folder not exist! Or exist could not be determined! " + item.nFilePath);
+  } else {
+    if (item.isFolder) MarkInProgress(item.nFilePath, true);
+    if (!CVStaticHelpers::MoveFileToTrash(item.nFilePath) && CVStaticHelpers::ExistsInAnyForm(item.nFilePath)) {
+      Log("PerformDeleteLocally", "Error delete locally for path: " + item.nFilePath);
+      removed = false;
+    }
+    Pause(400ms);
+  }
+  if (item.isFSWAction) {
+    Log("PerformDeleteLocally",
+        "Not standart situation, file action TRUE!!! this not correct handle for file: " + item.nFilePath);
+  }
+  if (!removed) {
+    Log("PerformDeleteLocally",
+        "Delete locally not correct, to file/folder not access, will try later for path: " + item.nFilePath);
+    return SYNC_RETURN_LOCKED;
+  }
+  AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
+  return checked ? SYNC_RETURN_STATE_CHANGED : SYNC_RETURN_OK;
+}
+
+std::int32_t SmartSyncFileOperations::PerformDeleteOnServer(SmartSync&, CVFileWithAction& item) {
+  try {
+    Log("PerformDeleteOnServer", "Delete on server:  " + item.nFilePath);
+    if (CVStaticHelpers::ExistsInAnyForm(item.nFilePath)) {
+      Log("PerformDeleteOnServer", "Not delete (exist) file/folder: " + item.nFilePath);
+      return SYNC_RETURN_STATE_CHANGED;
+    }
+    if (SmartSync::CheckFileNameStringState(item.nFilePath) == 1) {
+      item.nFilePath = CVStaticHelpers::PrecomposedForm(item.nFilePath);
+      CVEventLogger::WriteMainLogMessage("(PerformDeleteOnServer)");
+    }
+    std::int32_t result = item.isFolder ? server_.DeleteFolderOnServer(item) : server_.DeleteFileOnServer(item);
+    if (result == SYNC_RETURN_OK) {
+      AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
+      return SYNC_RETURN_OK;
+    }
+    std::string reply = GetFileInfoReturnForPath(item.nFilePath);
+    if (StartsWith(reply, "-100;") || StartsWith(reply, "-6;")) {
+      AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
+      return SYNC_RETURN_OK;
+    }
+    Log("PerformDeleteOnServer", "File not delete on server: " + item.nFilePath + ", code error: " + reply);
+    return result;
+  } catch (const std::exception& failure) {
+    CVEventLogger::LogException(kClass, "PerformDeleteOnServer", failure.what());
+    return SYNC_RETURN_FAILED;
+  }
+}
+
+std::int32_t SmartSyncFileOperations::PerformRenameFileOnServer(SmartSync&, CVFileWithAction& item,
+                                                                const std::shared_ptr<CVSelectiveSyncSite>&) {
+  Log("PerformRenameFileOnServer", "Rename on server:  " + item.nFilePath);
+  MarkInProgress(item.nFilePath, item.isFolder);
+  MarkInProgress(item.oldFilePath, item.isFolder);
+  if (SmartSync::CheckFileNameStringState(item.oldFilePath) == 1) {
+    item.oldFilePath = CVStaticHelpers::PrecomposedForm(item.oldFilePath);
+    item.nFilePath = CVStaticHelpers::PrecomposedForm(item.nFilePath);
+    CVEventLogger::WriteMainLogMessage("(PerformRenameFileOnServer)");
+  }
+  return server_.RenameFileOnServer(item);
+}
+
+bool SmartSyncFileOperations::DownloadFile(CVFileWithAction& item) {
+  // A fresh downloader for each download, kept where a stop from another thread finds it.
+  auto downloader = std::make_shared<AsyncFileDownloader>(app_.sharedClock());
+  {
+    std::lock_guard<std::mutex> lock(downloaderLock_);
+    cvAFD_ = downloader;
+  }
+  bool arrived = downloader->DownloadFile(item);
+  std::lock_guard<std::mutex> lock(downloaderLock_);
+  if (cvAFD_ == downloader) cvAFD_.reset();
+  return arrived;
+}
+
+void SmartSyncFileOperations::StopDownloading() {
+  std::shared_ptr<AsyncFileDownloader> downloader;
+  {
+    std::lock_guard<std::mutex> lock(downloaderLock_);
+    downloader = cvAFD_;
+  }
+  if (downloader) downloader->StopDownloading();
+}
+
+void SmartSyncFileOperations::WriteState(const std::string& path, const std::string& state, bool isFolder) {
+  IconOverlayInFinderStaticMethods::WriteFileStateToClonnedTreeForPath(path, state, isFolder);
+  IconOverlayInFinderStaticMethods::RefreshFinderUsingScriptBridge(path);
+}
+
+void SmartSyncFileOperations::RemoveState(const std::string& path) {
+  IconOverlayInFinderStaticMethods::RemoveFromClonnedPathsTree(path);
+  IconOverlayInFinderStaticMethods::RefreshFinderUsingScriptBridge(path);
+}

@@ -1,0 +1,72 @@
+#pragma once
+// SmartSyncFileOperations: carries out one work item of the main loop, with all
+// that goes around the transfer: the path is marked as the sync's own so that the
+// watcher keeps quiet, the file's state is written for the file manager, the
+// selective sync store learns the item, and the result decides whether a local
+// queue entry is finished or stays for the next round. Conflicts never overwrite:
+// the user's content moves aside under a local copy name first.
+// Runs on the main loop thread; Stop* may come from another thread.
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "FileOperationDispatcher.h"
+#include "SyncRecords.h"
+
+class AppDelegate;
+class CVSelectiveSyncSite;
+class ServerFileOperations;
+class AsyncFileDownloader;
+
+class SmartSyncFileOperations : public FileOperationDispatcher {
+ public:
+  SmartSyncFileOperations(AppDelegate& app, ServerFileOperations& server);
+  ~SmartSyncFileOperations() override;
+
+  std::int32_t PerformNextFileOperation(SmartSync& sync, CVFileWithAction& item) override;
+  void StopCurrentAction() override;
+  void StopDownloading() override;
+
+  std::int32_t PerformUploadToServer(SmartSync& sync, CVFileWithAction& item);
+  std::int32_t PerformDeleteOnServer(SmartSync& sync, CVFileWithAction& item);
+  std::int32_t PerformDownloadFromServer(SmartSync& sync, CVFileWithAction& item);
+  std::int32_t PerformDeleteLocally(SmartSync& sync, CVFileWithAction& item,
+                                    const std::shared_ptr<CVSelectiveSyncSite>& WithSSSite);
+  std::int32_t PerformRenameFileOnServer(SmartSync& sync, CVFileWithAction& item,
+                                         const std::shared_ptr<CVSelectiveSyncSite>& WithSite);
+  std::int32_t PerformCreateAndUploadLocalCopy(SmartSync& sync, CVFileWithAction& item);
+  std::int32_t PerformCreateLocalCopyAndDownloadFromServer(SmartSync& sync, CVFileWithAction& item,
+                                                           std::int64_t oldFileSize,
+                                                           std::int64_t oldModifiedDate);
+  // True when an upload may overwrite what the server holds: the server has
+  // nothing there, or what this client last saw (by size).
+  bool CheckNextFileOnServer(const CVFileWithAction& item,
+                             const std::optional<std::vector<std::string>>& serverData);
+
+ protected:
+  // The server and transfer calls, here so that tests can put fakes in their place.
+  virtual bool DownloadFile(CVFileWithAction& item);
+  virtual std::optional<std::vector<std::string>> GetFileInfo(const std::string& localPath);
+  virtual std::string GetFileInfoReturnForPath(const std::string& localPath);
+
+ private:
+  // Moves the file aside without ever replacing what stands at copyPath.
+  static bool MoveAside(const std::string& from, const std::string& to);
+  void MarkInProgress(const std::string& path, bool isFolder);
+  void WriteState(const std::string& path, const std::string& state, bool isFolder);
+  void RemoveState(const std::string& path);
+  void Pause(std::chrono::milliseconds duration);
+  void Forget(const std::shared_ptr<CVSelectiveSyncSite>& site, const CVFileWithAction& item);
+  void QueueUploadOfGivenUpRename(SmartSync& sync, const CVFileWithAction& item);
+
+  AppDelegate& app_;
+  ServerFileOperations& server_;
+  std::mutex downloaderLock_;
+  std::shared_ptr<AsyncFileDownloader> cvAFD_;
+};
