@@ -9,11 +9,15 @@ server="$PWD/$build/tools/devserver/corvalink-devserver"
 work=$(mktemp -d /tmp/corvalink-demo-XXXXXX)
 home="$work/home"
 storage="$work/server/Docs"
-mkdir -p "$home" "$storage/Reports/2026" "$storage/Empty folder"
+mkdir -p "$home" "$storage/Reports/2026" "$storage/Empty folder" "$storage/Fotos/Été 2026" "$storage/Private"
 printf 'Quarterly figures\n' > "$storage/Reports/2026/Q3 results.txt"
 printf 'Meeting notes: a&b, 50%% done\n' > "$storage/Reports/notes #1.txt"
 printf 'Grüße aus Köln\n' > "$storage/Grüße.txt"
-head -c 300000 /dev/urandom > "$storage/photo.bin"
+for i in $(seq 1 20); do printf 'line %s of a compressible text\n' $(seq 1 400) > "$storage/Reports/log $i.txt"; done
+head -c 300000 /dev/urandom > "$storage/Fotos/Été 2026/plage.jpg"
+head -c $((20 * 1024 * 1024)) /dev/urandom > "$storage/big archive.bin"
+: > "$storage/empty.txt"
+printf 'not for this machine\n' > "$storage/Private/secret.txt"
 
 echo "== Local server, storage Docs in $storage"
 "$server" --listen 127.0.0.1:0 --user alice:secret --storage "Docs=$storage" --verbose \
@@ -58,6 +62,22 @@ cat > "$settings/Configuration.xml" <<XML
 </Configuration>
 XML
 sed 's/<Password>.*<\/Password>/<Password>******<\/Password>/' "$settings/Configuration.xml" | sed 's/^/   /'
+echo "== Selective sync: all of Docs, but not Docs/Private (a new storage syncs nothing until told)"
+cat > "$settings/SelectiveSync.xml" <<XML
+<?xml version="1.0" encoding="UTF-8"?>
+<SelectiveSync>
+  <Sites>
+    <StorageRules>
+      <Name>Docs</Name>
+      <SyncRules>
+        <SyncRule><ItemUrl>Docs</ItemUrl><Rule>syncAll</Rule></SyncRule>
+        <SyncRule><ItemUrl>Docs/Private</ItemUrl><Rule>syncNone</Rule></SyncRule>
+      </SyncRules>
+      <SyncItems/>
+    </StorageRules>
+  </Sites>
+</SelectiveSync>
+XML
 
 echo
 echo "== corvalink-sync --headless --once"
@@ -66,18 +86,33 @@ code=$?
 echo "   exit code: $code (0: everything in step)"
 
 echo
+echo "== Both trees side by side (server | client), with sizes"
+(cd "$storage" && find . -mindepth 1 | sort | while read -r p; do
+   if [ -d "$p" ]; then echo "$p/"; else echo "$p $(stat -c %s "$p")"; fi; done) > "$work/server.tree"
+(cd "$home/Corvalink/Docs" 2>/dev/null && find . -mindepth 1 | sort | while read -r p; do
+   if [ -d "$p" ]; then echo "$p/"; else echo "$p $(stat -c %s "$p")"; fi; done) > "$work/client.tree"
+diff -y -W 110 "$work/server.tree" "$work/client.tree" | sed 's/^/   /'
+if diff -rq "$storage" "$home/Corvalink/Docs" --exclude=Private > /dev/null 2>&1 \
+   && [ ! -e "$home/Corvalink/Docs/Private" ]; then
+  echo "   => identical byte for byte (Private stays on the server by its rule)"
+else
+  echo "   => the trees differ:"; diff -rq "$storage" "$home/Corvalink/Docs" | sed 's/^/      /'
+fi
+echo
+echo "== DownloadedFiles.xml holds $(grep -c '<DownloadedFile>' "$settings/DownloadedFiles.xml" 2>/dev/null || echo 0) records"
+echo
 echo "== Configuration.xml is now enciphered (first bytes):"
 head -c 48 "$settings/Configuration.xml" | xxd | sed 's/^/   /'
 echo
 echo "== The requests the local server answered:"
-sed 's/^/   /' "$work/server.requests"
+sort "$work/server.requests" | uniq -c | sort -rn | sed 's/^/   /'
 echo
-echo "== What the client wrote under ~/Corvalink:"
-(cd "$home" && find Corvalink | sort | sed 's/^/   /')
+echo "== What the client wrote under ~/Corvalink/.Settings:"
+(cd "$home" && find Corvalink/.Settings -maxdepth 2 | sort | sed 's/^/   /')
 echo
 log=$(find "$settings/CVLogger/CVMainLogs" -name 'LOG *_1.txt' | head -1)
 echo "== Main log: $log"
-grep -E "Application started|CheckCVConnection|DEVSTATUS|Status:|Last synchronization|Fill_NFQ|SyncNowSeparatedSelector|Application ended" "$log" | sed 's/^/   /'
+grep -E "Application started|DEVSTATUS|Status:|Last synchronization|_SRV|OPERATION FAILED|Application ended" "$log" | head -40 | sed 's/^/   /'
 echo
 echo "Everything of this run is in $work"
 exit $code
