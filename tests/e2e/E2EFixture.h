@@ -1,0 +1,48 @@
+#pragma once
+// E2ETest: corvalink-devserver and headless clients as real processes on a real
+// file system, with the scaled clock. Each client has a home of its own; the
+// server keeps its storage as a plain folder, so a test changes the server side
+// by changing that folder.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "ChildProcess.h"
+
+class E2ETest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Starts the server over the storage folder "Docs".
+  void StartServer(const std::vector<std::string>& extra = {});
+  void StopServer();
+  // Makes a client home with the account and the storage Docs synced whole,
+  // except the given folders (relative to the storage) left unticked.
+  std::string MakeClientHome(const std::string& name, const std::vector<std::string>& unticked = {});
+  std::unique_ptr<ChildProcess> StartClient(const std::string& home, bool once = false);
+
+  std::filesystem::path ServerDocs() const { return root_ / "server" / "Docs"; }
+  static std::filesystem::path ClientDocs(const std::string& home) {
+    return std::filesystem::path(home) / "Corvalink" / "Docs";
+  }
+  static void Write(const std::filesystem::path& path, const std::string& content);
+  static std::string Read(const std::filesystem::path& path);
+  // A listing of a tree with every file's bytes, for byte-for-byte comparison.
+  static std::map<std::string, std::string> Tree(const std::filesystem::path& folder,
+                                                 const std::vector<std::string>& skip = {});
+  static bool WaitFor(const std::function<bool()>& condition,
+                      std::chrono::milliseconds limit = std::chrono::seconds(60));
+  // Lines of the client's logs that report exceptions.
+  static std::string ExceptionLog(const std::string& home);
+
+  std::filesystem::path root_;
+  std::string serverUrl_;
+  std::unique_ptr<ChildProcess> server_;
+};
