@@ -1,6 +1,5 @@
 #include "CVSelectiveSync.h"
 
-#include <utf8proc.h>
 
 #include <algorithm>
 #include <cctype>
@@ -35,20 +34,6 @@ bool IsAscii(const std::string& text) {
   return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x80; });
 }
 
-// The text in the given normalisation form; the text itself when it is not UTF-8.
-std::string Normalized(const std::string& text, int options) {
-  utf8proc_uint8_t* out = nullptr;
-  utf8proc_ssize_t length =
-      utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
-                   static_cast<utf8proc_ssize_t>(text.size()), &out, static_cast<utf8proc_option_t>(options));
-  if (length < 0 || !out) {
-    std::free(out);
-    return text;
-  }
-  std::string result(reinterpret_cast<const char*>(out), static_cast<std::size_t>(length));
-  std::free(out);
-  return result;
-}
 
 // One storage as the reader assembles it.
 struct SiteParts {
@@ -320,8 +305,7 @@ std::optional<CVSelectiveSyncRule> CVSelectiveSync::FindSyncRule(const CVSyncRul
     if (auto found = dictionary.find(level); found != dictionary.end()) return found->second;
     // A name may come composed from the server and decomposed from the disk.
     if (!IsAscii(level)) {
-      for (int form : {UTF8PROC_STABLE | UTF8PROC_COMPOSE, UTF8PROC_STABLE | UTF8PROC_DECOMPOSE}) {
-        std::string other = Normalized(level, form);
+      for (const std::string& other : {CVStaticHelpers::PrecomposedForm(level), CVStaticHelpers::DecomposedForm(level)}) {
         if (other == level) continue;
         if (auto found = dictionary.find(other); found != dictionary.end()) return found->second;
       }

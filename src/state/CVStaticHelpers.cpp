@@ -509,11 +509,15 @@ bool CVStaticHelpers::RenameSite(const std::string& oldName, const std::string& 
 
 namespace {
 std::string Normalised(const std::string& text, utf8proc_option_t form) {
+  if (std::all_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x80; })) return text;
   utf8proc_uint8_t* result = nullptr;
   utf8proc_ssize_t length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
                                          static_cast<utf8proc_ssize_t>(text.size()), &result,
                                          static_cast<utf8proc_option_t>(UTF8PROC_STABLE | form));
-  if (length < 0 || !result) return text;
+  if (length < 0 || !result) {
+    std::free(result);
+    return text;
+  }
   std::string normalised(reinterpret_cast<const char*>(result), static_cast<std::size_t>(length));
   std::free(result);
   return normalised;

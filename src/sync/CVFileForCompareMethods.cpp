@@ -1,11 +1,11 @@
 #include "CVFileForCompareMethods.h"
 
 #include <sys/stat.h>
-#include <utf8proc.h>
 
 #include <algorithm>
 #include <cstdlib>
 
+#include "CVStaticHelpers.h"
 #include "ServerXMLParser.h"
 
 namespace {
@@ -14,21 +14,6 @@ bool IsAscii(const std::string& text) {
   return std::all_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x80; });
 }
 
-// The text in a normalisation form; the text itself when it is not UTF-8.
-std::string Normalized(const std::string& text, int options) {
-  if (IsAscii(text)) return text;
-  utf8proc_uint8_t* out = nullptr;
-  utf8proc_ssize_t length =
-      utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
-                   static_cast<utf8proc_ssize_t>(text.size()), &out, static_cast<utf8proc_option_t>(options));
-  if (length < 0 || !out) {
-    std::free(out);
-    return text;
-  }
-  std::string result(reinterpret_cast<const char*>(out), static_cast<std::size_t>(length));
-  std::free(out);
-  return result;
-}
 
 CVFileForCompare FromStat(const std::string& path, const struct stat& info, const std::string& siteSource) {
   CVFileForCompare record;
@@ -59,11 +44,11 @@ std::optional<std::size_t> CVFileForCompareMethods::PathIndex::Find(const std::s
 }
 
 std::string CVFileForCompareMethods::NormalizedPath(const std::string& path) {
-  return Normalized(path, UTF8PROC_STABLE | UTF8PROC_COMPOSE);
+  return CVStaticHelpers::PrecomposedForm(path);
 }
 
 std::string CVFileForCompareMethods::DecomposedPath(const std::string& path) {
-  return Normalized(path, UTF8PROC_STABLE | UTF8PROC_DECOMPOSE);
+  return CVStaticHelpers::DecomposedForm(path);
 }
 
 bool CVFileForCompareMethods::IsSamePath(const std::string& a, const std::string& b) {

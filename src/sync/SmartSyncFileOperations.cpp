@@ -433,17 +433,23 @@ std::int32_t SmartSyncFileOperations::PerformDownloadFromServer(SmartSync&, CVFi
       if (DownloadFile(item)) return SYNC_RETURN_OK;
       Log("PerformDownloadFromServer", "Download file not success: " + item.nFilePath);
     }
-    std::string reply = GetFileInfoReturnForPath(item.nFilePath);
-    if (StartsWith(reply, "-100;") || StartsWith(reply, "-6;")) {
-      AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
-      return SYNC_RETURN_OK;
-    }
-    Log("PerformDownloadFromServer", "File not delete on server: " + item.nFilePath + ", code error: " + reply);
+    if (ForgetIfGoneFromServer(item, "PerformDownloadFromServer")) return SYNC_RETURN_OK;
     return SYNC_RETURN_LOCKED;
   } catch (const std::exception& failure) {
     CVEventLogger::LogException(kClass, "PerformDownloadFromServer", failure.what());
     return SYNC_RETURN_LOCKED;
   }
+}
+
+bool SmartSyncFileOperations::ForgetIfGoneFromServer(const CVFileWithAction& item, const char* method) {
+  // After a failed transfer the server is asked whether the item is still there.
+  std::string reply = GetFileInfoReturnForPath(item.nFilePath);
+  if (StartsWith(reply, "-100;") || StartsWith(reply, "-6;")) {
+    AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
+    return true;
+  }
+  Log(method, "File not delete on server: " + item.nFilePath + ", code error: " + reply);
+  return false;
 }
 
 std::int32_t SmartSyncFileOperations::PerformDeleteLocally(SmartSync&, CVFileWithAction& item,
@@ -492,12 +498,7 @@ std::int32_t SmartSyncFileOperations::PerformDeleteOnServer(SmartSync&, CVFileWi
       AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
       return SYNC_RETURN_OK;
     }
-    std::string reply = GetFileInfoReturnForPath(item.nFilePath);
-    if (StartsWith(reply, "-100;") || StartsWith(reply, "-6;")) {
-      AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
-      return SYNC_RETURN_OK;
-    }
-    Log("PerformDeleteOnServer", "File not delete on server: " + item.nFilePath + ", code error: " + reply);
+    if (ForgetIfGoneFromServer(item, "PerformDeleteOnServer")) return SYNC_RETURN_OK;
     return result;
   } catch (const std::exception& failure) {
     CVEventLogger::LogException(kClass, "PerformDeleteOnServer", failure.what());

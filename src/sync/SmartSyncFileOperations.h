@@ -64,6 +64,8 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   void Pause(std::chrono::milliseconds duration);
   void Forget(const std::shared_ptr<CVSelectiveSyncSite>& site, const CVFileWithAction& item);
   void QueueUploadOfGivenUpRename(SmartSync& sync, const CVFileWithAction& item);
+  // True (and the record forgotten) when the server no longer has the item.
+  bool ForgetIfGoneFromServer(const CVFileWithAction& item, const char* method);
 
   AppDelegate& app_;
   ServerFileOperations& server_;
