@@ -48,7 +48,8 @@ int HeadlessApp::Run() {
         clock, loop, status, connection, nullptr, CORVALINK_VERSION, nullptr, nullptr,
         [&serverFileOperations](AppDelegate& owner) {
           return std::make_unique<SmartSyncFileOperations>(owner, serverFileOperations);
-        }});
+        },
+        nullptr});
     if (signalFd >= 0) {
       loop.AddReadWatch(signalFd, [&] {
         signalfd_siginfo info;

@@ -3,7 +3,10 @@
 #include <uuid/uuid.h>
 
 #include <exception>
+#include <sys/stat.h>
+
 #include <filesystem>
+#include <future>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -53,7 +56,8 @@ AppDelegate::AppDelegate(Dependencies d)
       dispatcher_(d.dispatcher),
       version_(std::move(d.version)),
       makeServerQueues_(std::move(d.makeServerQueues)),
-      makeFSWQueues_(std::move(d.makeFSWQueues)) {
+      makeFSWQueues_(std::move(d.makeFSWQueues)),
+      makeEventStream_(std::move(d.makeEventStream)) {
   if (d.makeDispatcher) {
     ownDispatcher_ = d.makeDispatcher(*this);
     dispatcher_ = ownDispatcher_.get();
@@ -65,6 +69,7 @@ AppDelegate::~AppDelegate() {
     mainLoop_.CancelTimer(syncTimer_);
     mainLoop_.CancelTimer(fswTimer_);
   }
+  if (stream) stream->Stop();
   if (mainSyncObject_) mainSyncObject_->StopMainSyncThread();
   workers_.JoinAll();
   SyncListener::SetSyncNewEnableHandler(nullptr);
@@ -486,12 +491,161 @@ void AppDelegate::FSWTimerSeparatedThread() {
 }
 
 void AppDelegate::StartFSWsForCorvalink() {
-  CVEventLogger::WriteMainLogMessage(
-      "StartFSWsForCorvalink: the file system watcher is not part of this build; local changes "
-      "are found by the comparison");
+  RunOnMainAndWait([this] {
+    try {
+      const std::string root = CVStaticHelpers::GenerateRootPathForStorages() + "/";
+      std::vector<std::string> folders;
+      for (const auto& site : CVConfiguration::Instance().SitesCopy()) {
+        const std::string path = root + site->Name;
+        std::error_code error;
+        std::filesystem::create_directories(path, error);
+        if (error) {
+          CVEventLogger::WriteMainLogMessage("StartFSWsForCorvalink: cannot make " + path + ": " + error.message());
+          continue;
+        }
+        folders.push_back(path);
+      }
+      if (folders.empty()) return;
+      if (!makeEventStream_) {
+        CVEventLogger::WriteMainLogMessage(
+            "StartFSWsForCorvalink: no file system event stream in this run; local changes are found by the "
+            "comparison");
+        return;
+      }
+      if (stream) stream->Stop();
+      stream = makeEventStream_([this](const std::vector<FileEvent>& events) { FSWEventsCallback(events); },
+                                [this](FileEventTrouble trouble, const std::string& detail) {
+                                  FSWStreamTrouble(trouble, detail);
+                                });
+      if (!stream || !stream->Start(folders)) {
+        CVEventLogger::WriteMainLogMessage("Error occured during create of FSW stream: no folder could be watched");
+        stream.reset();
+      }
+    } catch (const std::exception& error) {
+      CVEventLogger::WriteMainLogMessage(std::string("Error occured during create of FSW stream: ") + error.what());
+    }
+  });
 }
 
-void AppDelegate::StopFSWsForStorages() {}
+void AppDelegate::StopFSWsForStorages() {
+  RunOnMainAndWait([this] {
+    try {
+      if (!stream) return;
+      stream->Stop();
+      stream.reset();
+    } catch (const std::exception& error) {
+      CVEventLogger::WriteMainLogMessage(std::string("Error occurred during stop of FSW stream: ") + error.what());
+    }
+  });
+}
+
+void AppDelegate::RunOnMainAndWait(const std::function<void()>& work) {
+  if (mainLoop_.IsMainThread()) {
+    work();
+    return;
+  }
+  // The stream lives on the main thread: its callbacks run there, so it is made
+  // and ended there too. Only workers wait here, never the main thread.
+  auto done = std::make_shared<std::promise<void>>();
+  auto finished = done->get_future();
+  mainLoop_.Post([work, done] {
+    work();
+    done->set_value();
+  });
+  finished.wait();
+}
+
+namespace {
+// Events on these never reach the queue: the system's own files, partial
+// downloads and hidden files.
+bool IsSkippedEventPath(const std::string& path) {
+  auto endsWith = [&](const std::string& suffix) {
+    return path.size() >= suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0;
+  };
+  if (endsWith("/.DS_Store") || endsWith(".cvtemp")) return true;
+  std::size_t slash = path.rfind('/');
+  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  return !name.empty() && name.front() == '.';
+}
+
+bool SomethingStandsAt(const std::string& path) {
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0;
+}
+}  // namespace
+
+void AppDelegate::FSWEventsCallback(const std::vector<FileEvent>& events) {
+  bool added = false;
+  SmartSync* sync = mainSyncObject_.get();
+  if (!sync) return;
+  try {
+    for (std::size_t i = 0; i < events.size(); ++i) {
+      std::string path = events[i].path;
+      const std::uint32_t flags = events[i].flags;
+      const bool isFolder = (flags & fileevents::kIsDir) != 0;
+      std::string target;
+      bool pair = false;
+      if ((flags & fileevents::kRenamed) && events.size() >= 2 && i + 1 < events.size() &&
+          events[i + 1].id == events[i].id + 1) {
+        target = events[i + 1].path;
+        ++i;
+        pair = !IsSkippedEventPath(target);
+        if (!pair) target.clear();
+      }
+      std::int32_t code;
+      if (IsSkippedEventPath(path)) {
+        // An editor's save: a hidden temporary or swap file renamed over the
+        // document. It is a change of the document, not nothing.
+        if (!pair) continue;
+        path = target;
+        target.clear();
+        pair = false;
+        code = NFQ_Modified;
+        if (IsFileInProgress(path)) continue;
+      } else {
+        if (IsFileInProgress(path) || (pair && IsFileInProgress(target))) continue;
+        if (pair) {
+          code = NFQ_Renamed;
+        } else {
+          const bool exists = SomethingStandsAt(path);
+          if ((flags & fileevents::kCreated) && exists) {
+            code = NFQ_Created;
+          } else if ((flags & fileevents::kRemoved) && !exists) {
+            code = NFQ_Deleted;
+          } else if (flags & fileevents::kRenamed) {
+            code = exists ? NFQ_Modified : NFQ_Deleted;
+          } else if (flags & fileevents::kModified) {
+            code = NFQ_Modified;
+          } else {
+            continue;
+          }
+        }
+      }
+      sync->fswQueue().AddFSWPath(path, isFolder, target, code);
+      added = true;
+    }
+  } catch (const std::exception& error) {
+    CVEventLogger::WriteMainLogMessage(std::string("FSW -> ") + error.what());
+  }
+  if (added) NoteFSWEvent();
+}
+
+void AppDelegate::FSWStreamTrouble(FileEventTrouble trouble, const std::string& detail) {
+  CVEventLogger::WriteMainLogMessage("FSW trouble -> " + detail);
+  std::string text;
+  if (trouble == FileEventTrouble::Overflow) {
+    text = "Too many changes came at once to follow them one by one. Corvalink Sync compares all "
+           "storages with the server now.";
+  } else {
+    text = "Corvalink Sync cannot watch every folder for changes: the system's limit of watched folders "
+           "is reached. Changes there are found by the regular comparison. To raise the limit, set "
+           "fs.inotify.max_user_watches higher (for example with sysctl) and restart Corvalink Sync.";
+  }
+  mainLoop_.RunOnMain([&status = status_, text] { UIFunctions::ShowNotificationInTrayWithTitle(status, "Corvalink Sync", text); });
+  // Lost events: the next pass compares everything, new local files included.
+  if (SmartSync* sync = mainSyncObject_.get()) sync->serverQueue().firstTimeSyncPerformed = false;
+  ResetSyncTime();
+}
 
 void AppDelegate::NoteFSWEvent() {
   lastFWSEventTimeStamp = SteadyNanos(clock_);
@@ -553,7 +707,30 @@ void AppDelegate::RemoveFileInProgress(const std::string& path) {
 
 bool AppDelegate::IsFileInProgress(const std::string& path) {
   std::lock_guard<std::recursive_mutex> lock(FilesInProgressLock);
-  return filesInProgress.count(path) > 0;
+  if (filesInProgress.count(path) > 0) return true;
+  auto recent = recentOwnPaths_.find(path);
+  if (recent == recentOwnPaths_.end()) return false;
+  if (recent->second > std::chrono::duration_cast<std::chrono::nanoseconds>(
+                           std::chrono::steady_clock::now().time_since_epoch())
+                           .count()) {
+    return true;
+  }
+  recentOwnPaths_.erase(recent);
+  return false;
+}
+
+void AppDelegate::ReleaseFilesInProgress() {
+  // Real time, not the program's scaled time: the kernel delivers at its own pace.
+  const std::int64_t now =
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+          .count();
+  const std::int64_t until = now + std::chrono::nanoseconds(kOwnPathsGrace).count();
+  std::lock_guard<std::recursive_mutex> lock(FilesInProgressLock);
+  for (auto it = recentOwnPaths_.begin(); it != recentOwnPaths_.end();) {
+    it = it->second <= now ? recentOwnPaths_.erase(it) : std::next(it);
+  }
+  for (const auto& [path, mark] : filesInProgress) recentOwnPaths_[path] = until;
+  filesInProgress.clear();
 }
 
 void AppDelegate::SetPassFinishedHandler(std::function<void(PassOutcome)> handler) {

@@ -13,8 +13,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "Clock.h"
+#include "FileEventStream.h"
 #include "MainLoop.h"
 #include "WorkerThreads.h"
 
@@ -39,6 +41,10 @@ class AppDelegate {
     std::function<std::unique_ptr<SERVER_Queues>()> makeServerQueues;
     std::function<std::unique_ptr<FSW_Queues>()> makeFSWQueues;
     std::function<std::unique_ptr<FileOperationDispatcher>(AppDelegate&)> makeDispatcher;
+    // Builds the stream of file system events; without it local changes are
+    // found only by the comparison.
+    std::function<std::unique_ptr<FileEventStream>(FileEventStream::BatchCallback, FileEventStream::TroubleCallback)>
+        makeEventStream;
   };
 
   // How a pass ended, for whoever waits on one (the --once run).
@@ -87,6 +93,10 @@ class AppDelegate {
   void StopFSWsForStorages();
   // Records that a watcher event was queued now.
   void NoteFSWEvent();
+  // The events callback: one batch of the stream, on the main thread.
+  void FSWEventsCallback(const std::vector<FileEvent>& events);
+  // The stream lost events or cannot watch every folder.
+  void FSWStreamTrouble(FileEventTrouble trouble, const std::string& detail);
 
   // A change of the storage list: stop the watcher and the loop, change, restart.
   // Blocks; run it on a worker thread, never on the main thread.
@@ -102,6 +112,10 @@ class AppDelegate {
   void AddFileInProgress(const std::string& path);
   void RemoveFileInProgress(const std::string& path);
   bool IsFileInProgress(const std::string& path);
+  // After an operation: its paths stay the sync's own for a short while, for the
+  // events the file system delivers late.
+  void ReleaseFilesInProgress();
+  static constexpr std::chrono::seconds kOwnPathsGrace{2};
 
   void SetPassFinishedHandler(std::function<void(PassOutcome)> handler);
 
@@ -133,6 +147,7 @@ class AppDelegate {
 
  private:
   void ReportPass(PassOutcome outcome);
+  void RunOnMainAndWait(const std::function<void()>& work);
 
   const Clock& clock_;
   MainLoop& mainLoop_;
@@ -147,6 +162,12 @@ class AppDelegate {
   std::unique_ptr<SmartSync> mainSyncObject_;
   MainLoop::TimerId syncTimer_ = 0;
   MainLoop::TimerId fswTimer_ = 0;
+  std::function<std::unique_ptr<FileEventStream>(FileEventStream::BatchCallback, FileEventStream::TroubleCallback)>
+      makeEventStream_;
+  std::unique_ptr<FileEventStream> stream;
+  // Paths of finished operations and when they stop counting as the sync's own
+  // (steady nanoseconds); guarded by FilesInProgressLock.
+  std::map<std::string, std::int64_t> recentOwnPaths_;
   bool timersRunning_ = false;
 
   std::mutex versionLock_;

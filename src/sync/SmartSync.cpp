@@ -25,7 +25,7 @@ SmartSync::SmartSync(AppDelegate& app, FileOperationDispatcher& dispatcher,
                      std::unique_ptr<FSW_Queues> fswQueue)
     : app_(app),
       dispatcher_(dispatcher),
-      fswQueue_(fswQueue ? std::move(fswQueue) : std::make_unique<FSW_Queues>()),
+      fswQueue_(fswQueue ? std::move(fswQueue) : std::make_unique<FSW_Queues>(&app.needToRestartNFQ)),
       serverQueue_(serverQueue ? std::move(serverQueue) : std::make_unique<SERVER_Queues>()) {
   // The listing waits on the application's clock and ends when the loop is stopped.
   serverQueue_->SetListingContext(&app_.clock(), [this] { return !syncMainThreadShouldRun; });

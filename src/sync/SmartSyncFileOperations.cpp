@@ -226,10 +226,7 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
   // Time for the file system to deliver the events of this operation, so that
   // the watcher still takes them for the sync's own.
   Pause(400ms);
-  {
-    std::lock_guard<std::recursive_mutex> lock(app_.FilesInProgressLock);
-    app_.filesInProgress.clear();
-  }
+  app_.ReleaseFilesInProgress();
   Log("PerformNextFileOperation", "Result code: ((( " + std::to_string(result) + " )))");
 
   auto finish = [&] {

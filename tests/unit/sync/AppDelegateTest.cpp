@@ -1,7 +1,10 @@
+#include <fstream>
+
 #include "CVEventLogger.h"
 #include "SyncFixture.h"
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using namespace std::chrono_literals;
 
 class AppDelegateTest : public SyncFixture {
@@ -220,4 +223,121 @@ TEST_F(AppDelegateTest, FilterTickWaitsForFiveQuietSeconds) {
   EXPECT_FALSE(s.fswQueueInProcess);
   std::lock_guard<std::mutex> lock(s.fswQueue().FSW_FQ_Lock);
   EXPECT_EQ(s.fswQueueIndex, 0);  // the loop goes over the queue from its front
+}
+
+// The events callback: batches as the stream delivers them, judged by the disk.
+class WatcherCallbackTest : public AppDelegateTest {
+ protected:
+  WatcherCallbackTest() {
+    AddStorage("Docs");
+    app->CreateSyncEngine();
+  }
+  std::string Path(const std::string& relative) { return home.root() + "/Docs/" + relative; }
+  void Touch(const std::string& relative) {
+    std::filesystem::create_directories(std::filesystem::path(Path(relative)).parent_path());
+    std::ofstream(Path(relative)) << "x";
+  }
+  static FileEvent Event(std::string path, std::uint32_t flags, std::uint64_t id) {
+    return FileEvent{std::move(path), flags, id};
+  }
+  // The raw queue as "code:path>target".
+  std::vector<std::string> Raw() {
+    std::vector<std::string> out;
+    std::lock_guard<std::mutex> lock(sync().fswQueue().FSW_NFQ_Lock);
+    for (const auto& entry : sync().fswQueue().NF_Queue) {
+      std::string text = std::to_string(entry.fileAction) + ":" + entry.oldFilePath.substr(home.root().size() + 6);
+      if (!entry.nFilePath.empty()) text += ">" + entry.nFilePath.substr(home.root().size() + 6);
+      out.push_back(text);
+    }
+    return out;
+  }
+};
+
+TEST_F(WatcherCallbackTest, RenamePairsOnlyByNeighbourIdsAndHiddenNamesFollowTheSaveRules) {
+  using namespace fileevents;
+  Touch("b.txt");
+  Touch("doc.txt");
+  Touch("moved.txt");
+  app->FSWEventsCallback({
+      Event(Path("a.txt"), kRenamed, 10), Event(Path("b.txt"), kRenamed, 11),       // a pair
+      Event(Path("c.txt"), kRenamed, 20), Event(Path("moved.txt"), kRenamed, 22),  // two lone halves
+      Event(Path("d.txt"), kRenamed, 30), Event(Path(".d.txt.swp"), kRenamed, 31), // hidden target
+      Event(Path(".goutputstream-X1"), kRenamed, 40), Event(Path("doc.txt"), kRenamed, 41),  // editor save
+      Event(Path(".DS_Store"), kModified, 50),
+  });
+  EXPECT_THAT(Raw(), ElementsAre("2:a.txt>b.txt", "1:c.txt", "3:moved.txt", "1:d.txt", "3:doc.txt"));
+  // A lone renamed event is never a pair, even in a batch of its own.
+  app->FSWEventsCallback({Event(Path("moved.txt"), kRenamed, 60)});
+  EXPECT_EQ(Raw().back(), "3:moved.txt");
+  EXPECT_TRUE(app->fswEventsHappened);
+}
+
+TEST_F(WatcherCallbackTest, FlagsSayWhatHappenedAndTheDiskWhatStandsNow) {
+  using namespace fileevents;
+  Touch("here.txt");
+  app->FSWEventsCallback({
+      Event(Path("here.txt"), kCreated, 1),
+      Event(Path("gone.txt"), kCreated, 3),              // created and gone already: dropped
+      Event(Path("gone.txt"), kCreated | kModified, 5),  // with the modified flag: a change
+      Event(Path("gone.txt"), kCreated | kRemoved, 7),   // created and removed, gone: removed
+      Event(Path("here.txt"), kRemoved, 9),              // removed, but something stands there
+      Event(Path("dir"), kRemoved | kIsDir, 11),
+  });
+  EXPECT_THAT(Raw(), ElementsAre("0:here.txt", "3:gone.txt", "1:gone.txt", "1:dir"));
+  std::lock_guard<std::mutex> lock(sync().fswQueue().FSW_NFQ_Lock);
+  EXPECT_TRUE(sync().fswQueue().NF_Queue.back().isFolder);
+}
+
+TEST_F(WatcherCallbackTest, TheSyncsOwnWritesMakeNoEntryForAWhileAfterTheOperation) {
+  using namespace fileevents;
+  Touch("down.txt");
+  app->AddFileInProgress(Path("down.txt"));
+  app->FSWEventsCallback({Event(Path(".down.txt.cvtemp"), kRenamed, 1), Event(Path("down.txt"), kRenamed, 2)});
+  app->FSWEventsCallback({Event(Path("down.txt"), kModified, 5)});
+  EXPECT_THAT(Raw(), IsEmpty());
+  EXPECT_FALSE(app->fswEventsHappened);
+
+  // Late events of a finished operation still count as its own.
+  app->ReleaseFilesInProgress();
+  EXPECT_TRUE(app->IsFileInProgress(Path("down.txt")));
+  app->FSWEventsCallback({Event(Path("down.txt"), kModified, 7)});
+  EXPECT_THAT(Raw(), IsEmpty());
+}
+
+class FakeEventStream : public FileEventStream {
+ public:
+  explicit FakeEventStream(std::vector<std::vector<std::string>>& starts) : starts_(starts) {}
+  bool Start(const std::vector<std::string>& folders) override {
+    starts_.push_back(folders);
+    running_ = true;
+    return true;
+  }
+  void Stop() override { running_ = false; }
+  bool IsRunning() const override { return running_; }
+
+ private:
+  std::vector<std::vector<std::string>>& starts_;
+  bool running_ = false;
+};
+
+TEST_F(AppDelegateTest, WatcherCoversEveryStorageFolderAndNoneWithoutStorages) {
+  std::vector<std::vector<std::string>> starts;
+  int made = 0;
+  AppDelegate::Dependencies deps{clock, loop, status, connection, &dispatcher, "9.9.9", nullptr, nullptr, nullptr, nullptr};
+  deps.makeEventStream = [&](FileEventStream::BatchCallback, FileEventStream::TroubleCallback) {
+    ++made;
+    return std::make_unique<FakeEventStream>(starts);
+  };
+  AppDelegate watched(std::move(deps));
+  watched.StartFSWsForCorvalink();
+  EXPECT_EQ(made, 0);
+  watched.StopFSWsForStorages();
+
+  AddStorage("Docs");
+  AddStorage("Team");
+  watched.StartFSWsForCorvalink();
+  ASSERT_EQ(starts.size(), 1u);
+  EXPECT_THAT(starts[0], ElementsAre(home.root() + "/Docs", home.root() + "/Team"));
+  EXPECT_TRUE(std::filesystem::is_directory(home.root() + "/Team"));  // made when missing
+  watched.StopFSWsForStorages();
 }

@@ -169,7 +169,7 @@ class SyncFixture : public ::testing::Test {
           server = queues.get();
           return queues;
         },
-        nullptr, nullptr});
+        nullptr, nullptr, nullptr});
   }
   ~SyncFixture() override {
     app.reset();
