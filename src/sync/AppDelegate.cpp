@@ -705,31 +705,44 @@ void AppDelegate::RemoveFileInProgress(const std::string& path) {
   filesInProgress.erase(path);
 }
 
+namespace {
+std::int64_t SteadyNowNanos() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// What stands at a path, as far as telling the sync's own write from a later one goes.
+std::string DiskState(const std::string& path) {
+  struct stat info {};
+  if (::lstat(path.c_str(), &info) != 0) return "none";
+  return std::to_string(info.st_mode & S_IFMT) + ":" + std::to_string(info.st_size) + ":" +
+         std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec);
+}
+}  // namespace
+
 bool AppDelegate::IsFileInProgress(const std::string& path) {
   std::lock_guard<std::recursive_mutex> lock(FilesInProgressLock);
   if (filesInProgress.count(path) > 0) return true;
   auto recent = recentOwnPaths_.find(path);
   if (recent == recentOwnPaths_.end()) return false;
-  if (recent->second > std::chrono::duration_cast<std::chrono::nanoseconds>(
-                           std::chrono::steady_clock::now().time_since_epoch())
-                           .count()) {
-    return true;
+  if (recent->second.until <= SteadyNowNanos()) {
+    recentOwnPaths_.erase(recent);
+    return false;
   }
-  recentOwnPaths_.erase(recent);
-  return false;
+  // A late event of the sync's own write finds the disk as the operation left it;
+  // a user's change made meanwhile does not, and must not be lost.
+  return DiskState(path) == recent->second.state;
 }
 
 void AppDelegate::ReleaseFilesInProgress() {
   // Real time, not the program's scaled time: the kernel delivers at its own pace.
-  const std::int64_t now =
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-          .count();
+  const std::int64_t now = SteadyNowNanos();
   const std::int64_t until = now + std::chrono::nanoseconds(kOwnPathsGrace).count();
   std::lock_guard<std::recursive_mutex> lock(FilesInProgressLock);
   for (auto it = recentOwnPaths_.begin(); it != recentOwnPaths_.end();) {
-    it = it->second <= now ? recentOwnPaths_.erase(it) : std::next(it);
+    it = it->second.until <= now ? recentOwnPaths_.erase(it) : std::next(it);
   }
-  for (const auto& [path, mark] : filesInProgress) recentOwnPaths_[path] = until;
+  for (const auto& entry : filesInProgress) recentOwnPaths_[entry.first] = OwnPath{until, DiskState(entry.first)};
   filesInProgress.clear();
 }
 

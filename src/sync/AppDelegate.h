@@ -165,9 +165,13 @@ class AppDelegate {
   std::function<std::unique_ptr<FileEventStream>(FileEventStream::BatchCallback, FileEventStream::TroubleCallback)>
       makeEventStream_;
   std::unique_ptr<FileEventStream> stream;
-  // Paths of finished operations and when they stop counting as the sync's own
-  // (steady nanoseconds); guarded by FilesInProgressLock.
-  std::map<std::string, std::int64_t> recentOwnPaths_;
+  // Paths of finished operations: until when (steady nanoseconds) and in which
+  // state of the disk they still count as the sync's own. Guarded by FilesInProgressLock.
+  struct OwnPath {
+    std::int64_t until = 0;
+    std::string state;
+  };
+  std::map<std::string, OwnPath> recentOwnPaths_;
   bool timersRunning_ = false;
 
   std::mutex versionLock_;

@@ -302,6 +302,10 @@ TEST_F(WatcherCallbackTest, TheSyncsOwnWritesMakeNoEntryForAWhileAfterTheOperati
   EXPECT_TRUE(app->IsFileInProgress(Path("down.txt")));
   app->FSWEventsCallback({Event(Path("down.txt"), kModified, 7)});
   EXPECT_THAT(Raw(), IsEmpty());
+  // ...but not once the user has changed the file since.
+  std::ofstream(Path("down.txt"), std::ios::app) << "more";
+  app->FSWEventsCallback({Event(Path("down.txt"), kModified, 9)});
+  EXPECT_THAT(Raw(), ElementsAre("3:down.txt"));
 }
 
 class FakeEventStream : public FileEventStream {
