@@ -16,6 +16,7 @@
 #include "ServerFileOperations.h"
 #include "SmartSyncFileOperations.h"
 #include "HeadlessStatusSink.h"
+#include "InotifyEventStream.h"
 #include "PollMainLoop.h"
 #include "SessionConnectionService.h"
 #include "Version.h"
@@ -49,7 +50,14 @@ int HeadlessApp::Run() {
         [&serverFileOperations](AppDelegate& owner) {
           return std::make_unique<SmartSyncFileOperations>(owner, serverFileOperations);
         },
-        nullptr});
+        [&loop, &clock](FileEventStream::BatchCallback onBatch, FileEventStream::TroubleCallback onTrouble) {
+          // The hold for a rename's second half is real time, whatever the time scale.
+          auto hold = std::chrono::duration_cast<std::chrono::milliseconds>(
+              clock.Unscaled(std::chrono::milliseconds(250)));
+          return std::make_unique<InotifyEventStream>(
+              loop, std::move(onBatch), std::move(onTrouble),
+              [](const std::string& line) { CVEventLogger::WriteMainLogMessage("FSW stream -> " + line); }, hold);
+        }});
     if (signalFd >= 0) {
       loop.AddReadWatch(signalFd, [&] {
         signalfd_siginfo info;
