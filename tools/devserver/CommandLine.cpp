@@ -156,8 +156,8 @@ std::string UsageText() {
                             a storage (repeatable); type CIFS (default) has the location
                             \\devserver\NAME\, any other type https://devserver/NAME/;
                             user= limits it to some accounts; auth= gives it its own login
-  --state DIR               versions and temporary files (default: FOLDER.devserver-state beside
-                            each storage)
+  --state DIR               versions, pending upload parts and temporary files (default:
+                            FOLDER.devserver-state beside each storage)
   --location-host NAME      host part of the storage locations (default devserver)
   --version-reply TEXT      GetVersion's reply (default 6.1.0.0; 6.0.70 older login,
                             5.0.0 no part upload)
@@ -167,8 +167,11 @@ std::string UsageText() {
   --restricted STORAGE/PATH a path closed as by an IP restriction (repeatable)
   --upload-request GUID=USER an upload request that LoginEx accepts (repeatable)
   --fail NAME,COUNT,KIND    make the next COUNT calls ("*": all) of a method or handler fail;
-                            NAME "GetFiles", "share.asmx/Login", "DownloadStorageFile.ashx";
-                            KIND result=TEXT, status=CODE, delay=MS, drop=BYTES, drop
+                            NAME "GetFiles", "share.asmx/Login", "DownloadStorageFile.ashx",
+                            "UploadStorageFile.ashx", "GetHashes", "FinishPartialUpload"...;
+                            KIND result=TEXT, status=CODE, delay=MS, drop=BYTES, drop;
+                            an upload with drop=BYTES dies after BYTES of its body, nothing
+                            kept; with drop it is kept and its reply lost
   --verbose                 one line per request on stderr
   --help
 

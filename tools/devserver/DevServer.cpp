@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <libxml/parser.h>
 
+#include <cctype>
 #include <chrono>
 #include <stdexcept>
 
@@ -38,6 +39,24 @@ httplib::Headers SentHeaders(const httplib::Request& req) {
   return headers;
 }
 
+// A pattern for the library's router that matches a path ending in the
+// handler's name in any letter case, as the handler table matches it.
+std::string AnyCasePathPattern(const std::string& name) {
+  std::string pattern = "(.*/)?";
+  for (char c : name) {
+    const auto lower = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const auto upper = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    if (lower != upper) {
+      pattern += std::string("[") + lower + upper + "]";
+    } else if (std::isalnum(static_cast<unsigned char>(c))) {
+      pattern += c;
+    } else {
+      pattern += std::string("\\") + c;
+    }
+  }
+  return pattern;
+}
+
 RecordedRequest BaseRecord(const httplib::Request& req, const std::string& endpoint) {
   RecordedRequest record;
   record.endpoint = endpoint;
@@ -65,8 +84,11 @@ class DevServer::Routes {
   explicit Routes(ServerState& state) : state_(state) {
     AddSessionMethods(methods_);
     AddFileMethods(methods_);
+    AddFileChangeMethods(methods_);
+    AddUploadMethods(methods_);
     AddShareMethods(methods_);
     AddDownloadHandlers(handlers_);
+    AddUploadHandlers(handlers_);
     http_.set_keep_alive_max_count(100);
     // A kept-alive connection holds a thread while it idles; the client may keep
     // several, and tests start more.
@@ -85,6 +107,13 @@ class DevServer::Routes {
         });
     http_.Post(".*",
                [this](const httplib::Request& req, httplib::Response& res) { Route(req, res); });
+    // Handlers that read their own body are routed by the library before it
+    // reads a body into memory.
+    for (const auto& name : handlers_.BodyHandlerNames()) {
+      http_.Post(AnyCasePathPattern(name),
+                 [this](const httplib::Request& req, httplib::Response& res,
+                        const httplib::ContentReader& body) { RouteWithBody(req, res, body); });
+    }
   }
 
   RawRangeHttpServer& http() { return http_; }
@@ -152,7 +181,7 @@ class DevServer::Routes {
     }
     SoapReply reply;
     if (fault && fault->kind == Fault::Kind::Result) {
-      reply = SoapReply::Text(fault->result);
+      reply = methods_.ResultReply(endpoint, call.method, fault->result);
     } else if (const auto* method = methods_.Find(endpoint, call.method)) {
       try {
         reply = (*method)(state_, call);
@@ -170,8 +199,7 @@ class DevServer::Routes {
              DropOf(fault));
   }
 
-  void Handler(const std::string& name, const HttpHandler& handler, const httplib::Request& req,
-               httplib::Response& res) {
+  void RecordHandlerRequest(const std::string& name, const httplib::Request& req) {
     auto record = BaseRecord(req, name);
     record.name = name;
     for (const auto& [field, value] : req.params) record.fields.emplace(field, value);
@@ -179,7 +207,34 @@ class DevServer::Routes {
     state_.requests().Record(record);
     state_.Log("POST " + name + " path=" + FormField(req, "path") +
                " Range=" + req.get_header_value(kRawRangeHeader));
+  }
 
+  void RouteWithBody(const httplib::Request& req, httplib::Response& res,
+                     const httplib::ContentReader& body) {
+    std::string name;
+    const auto* handler = handlers_.FindBodyHandler(LastSegment(req.path), &name);
+    if (!handler) {
+      DiscardBody(body);
+      SendBody(res, 404, "", "text/plain", std::nullopt);
+      return;
+    }
+    RecordHandlerRequest(name, req);
+    const auto fault = state_.faults().Take(name, name);
+    if (!Delay(fault)) return;
+    if (fault && (fault->kind == Fault::Kind::Status || fault->kind == Fault::Kind::Result)) {
+      // The body is read all the same: the connection must reach the next request.
+      DiscardBody(body);
+      const bool status = fault->kind == Fault::Kind::Status;
+      SendBody(res, status ? fault->status : 200, status ? "" : fault->result, "text/plain",
+               std::nullopt);
+      return;
+    }
+    (*handler)(state_, req, res, body, DropOf(fault));
+  }
+
+  void Handler(const std::string& name, const HttpHandler& handler, const httplib::Request& req,
+               httplib::Response& res) {
+    RecordHandlerRequest(name, req);
     const auto fault = state_.faults().Take(name, name);
     if (!Delay(fault)) return;
     if (fault && fault->kind == Fault::Kind::Status) {
@@ -255,6 +310,10 @@ std::optional<RecordedRequest> DevServer::LastRequest(const std::string& name) c
   return state_->requests().Last(name);
 }
 
+std::vector<RecordedRequest> DevServer::Requests(const std::string& name) const {
+  return state_->requests().Recent(name);
+}
+
 int DevServer::CallCount(const std::string& name) const { return state_->requests().Count(name); }
 
 void DevServer::ClearRequests() { state_->requests().Clear(); }
@@ -310,6 +369,13 @@ std::vector<VersionRecord> DevServer::Versions(const std::string& storage,
   auto components = SplitRelativePath(relativePath);
   if (!components) throw std::invalid_argument("bad path " + relativePath);
   return Need(*state_, storage).versions().List(JoinRelativePath(*components));
+}
+
+std::optional<PendingSet> DevServer::PendingParts(const std::string& storage,
+                                                  const std::string& relativePath) const {
+  auto components = SplitRelativePath(relativePath);
+  if (!components) throw std::invalid_argument("bad path " + relativePath);
+  return Need(*state_, storage).pending().Find(JoinRelativePath(*components));
 }
 
 }  // namespace devserver

@@ -13,6 +13,7 @@
 //   server.FailNext("GetFiles", devserver::Fault::Result("-100;Busy"));
 //   server.FailNext("DownloadStorageFile.ashx", devserver::Fault::Drop(1024));
 //   ... server.LastRequest("DownloadStorageFile.ashx")->Header("Range") ...
+//   ... for (auto& part : server.Requests("UploadStorageFile.ashx")) part.Header("Range") ...
 //
 // The server serves on its own threads from Start() until Stop() or destruction.
 
@@ -25,6 +26,7 @@
 #include <vector>
 
 #include "Faults.h"
+#include "PendingUploads.h"
 #include "RequestRecorder.h"
 #include "ServerOptions.h"
 #include "VersionStore.h"
@@ -55,10 +57,13 @@ class DevServer {
   std::string BaseUrl() const;
 
   // Faults and recorded requests, by method ("GetFiles"), qualified method
-  // ("share.asmx/Login") or handler ("DownloadStorageFile.ashx").
+  // ("share.asmx/Login") or handler ("DownloadStorageFile.ashx",
+  // "UploadStorageFile.ashx"; see Fault::Drop for what a drop does to an upload).
   void FailNext(const std::string& name, Fault fault, int count = 1);
   void ClearFaults();
   std::optional<RecordedRequest> LastRequest(const std::string& name) const;
+  // The recent requests, oldest first: the parts an upload sent, in order.
+  std::vector<RecordedRequest> Requests(const std::string& name) const;
   int CallCount(const std::string& name) const;
   void ClearRequests();
 
@@ -86,6 +91,10 @@ class DevServer {
                   const std::string& owner = {});
   std::vector<VersionRecord> Versions(const std::string& storage,
                                       const std::string& relativePath) const;
+  // The parts of a part upload that wait for FinishPartialUpload; nothing
+  // when none wait.
+  std::optional<PendingSet> PendingParts(const std::string& storage,
+                                         const std::string& relativePath) const;
 
   ServerState& state() { return *state_; }
 

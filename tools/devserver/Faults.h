@@ -20,7 +20,8 @@ struct Fault {
     Result,  // a SOAP method answers this result string instead of running
     Status,  // the call answers this HTTP status instead of running
     Delay,   // the call waits, then runs and answers as usual
-    Drop,    // the call runs, but its connection closes part way through the reply
+    Drop,    // the call runs, but its connection closes part way through the reply;
+             // for an upload, part way through the request's body (see below)
   };
 
   Kind kind = Kind::Result;
@@ -29,6 +30,9 @@ struct Fault {
   std::chrono::milliseconds delay{0};
   // Drop: the headers and this many body bytes go out before the close;
   // nothing at all (not even the headers) when empty, or when the body is.
+  // An upload's reply has no body, so there the count cuts the request: the
+  // connection dies once this many body bytes came in, and nothing is kept.
+  // Without a count the upload is kept and only its reply is lost.
   std::optional<std::size_t> dropAfterBodyBytes;
 
   static Fault Result(std::string text);

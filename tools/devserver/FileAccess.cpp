@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include "ResultTexts.h"
+
 namespace devserver {
 
 std::variant<FileTarget, AccessError> ResolveFileAccess(ServerState& state,
@@ -12,6 +14,15 @@ std::variant<FileTarget, AccessError> ResolveFileAccess(ServerState& state,
   auto path = state.storages().Resolve(owner->user, serverPath);
   if (!path) return AccessError::NotFound;
   return FileTarget{std::move(*owner), std::move(*path)};
+}
+
+std::variant<FileTarget, SoapReply> ResolveCallTarget(ServerState& state, const std::string& token,
+                                                      const std::string& serverPath) {
+  auto access = ResolveFileAccess(state, token, serverPath);
+  if (auto* error = std::get_if<AccessError>(&access)) {
+    return SoapReply::Text(*error == AccessError::BadToken ? kInvalidToken : kNotFound);
+  }
+  return std::get<FileTarget>(std::move(access));
 }
 
 std::optional<EntryStat> StatEntry(const std::filesystem::path& local) {

@@ -13,6 +13,7 @@
 #include <variant>
 
 #include "ServerState.h"
+#include "SoapEnvelope.h"
 
 namespace devserver {
 
@@ -27,6 +28,11 @@ enum class AccessError { BadToken, NotFound };
 std::variant<FileTarget, AccessError> ResolveFileAccess(ServerState& state,
                                                         const std::string& token,
                                                         const std::string& serverPath);
+
+// For SOAP calls: the target, or the reply that ends the call ("-1;Invalid
+// token", "-6;File/Folder not found;").
+std::variant<FileTarget, SoapReply> ResolveCallTarget(ServerState& state, const std::string& token,
+                                                      const std::string& serverPath);
 
 struct EntryStat {
   bool isFolder = false;

@@ -20,11 +20,7 @@ constexpr const char* kUnlistableName = "-10000;A name in the folder cannot be l
 
 // The call's target, or the reply that ends the call.
 std::variant<FileTarget, SoapReply> Target(ServerState& state, const SoapCall& call) {
-  auto access = ResolveFileAccess(state, call.Text("Token"), call.Text("Path"));
-  if (auto* error = std::get_if<AccessError>(&access)) {
-    return SoapReply::Text(*error == AccessError::BadToken ? kInvalidToken : kNotFound);
-  }
-  return std::get<FileTarget>(std::move(access));
+  return ResolveCallTarget(state, call.Text("Token"), call.Text("Path"));
 }
 
 // xs:boolean, as the service description types the parameter.

@@ -110,4 +110,26 @@ const HttpHandler* HandlerTable::Find(std::string_view name, std::string* canoni
   return &it->second.second;
 }
 
+void HandlerTable::AddBodyHandler(const std::string& name, BodyHandler handler) {
+  bodyHandlers_[AsciiLower(name)] = {name, std::move(handler)};
+}
+
+const BodyHandler* HandlerTable::FindBodyHandler(std::string_view name,
+                                                 std::string* canonicalName) const {
+  const auto it = bodyHandlers_.find(AsciiLower(name));
+  if (it == bodyHandlers_.end()) return nullptr;
+  if (canonicalName) *canonicalName = it->second.first;
+  return &it->second.second;
+}
+
+std::vector<std::string> HandlerTable::BodyHandlerNames() const {
+  std::vector<std::string> names;
+  for (const auto& [key, entry] : bodyHandlers_) names.push_back(entry.first);
+  return names;
+}
+
+bool DiscardBody(const httplib::ContentReader& body) {
+  return body([](const char*, std::size_t) { return true; });
+}
+
 }  // namespace devserver

@@ -23,13 +23,21 @@ std::optional<Endpoint> EndpointForName(std::string_view fileName) {
   return std::nullopt;
 }
 
-void MethodTable::Add(Endpoint endpoint, const std::string& method, SoapMethod handler) {
-  methods_[{endpoint, method}] = std::move(handler);
+void MethodTable::Add(Endpoint endpoint, const std::string& method, SoapMethod handler,
+                      ResultForm form) {
+  methods_[{endpoint, method}] = Row{std::move(handler), std::move(form)};
 }
 
 const SoapMethod* MethodTable::Find(Endpoint endpoint, const std::string& method) const {
   const auto it = methods_.find({endpoint, method});
-  return it == methods_.end() ? nullptr : &it->second;
+  return it == methods_.end() ? nullptr : &it->second.handler;
+}
+
+SoapReply MethodTable::ResultReply(Endpoint endpoint, const std::string& method,
+                                   std::string text) const {
+  const auto it = methods_.find({endpoint, method});
+  if (it == methods_.end() || !it->second.form) return SoapReply::Text(std::move(text));
+  return it->second.form(std::move(text));
 }
 
 }  // namespace devserver

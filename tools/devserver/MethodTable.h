@@ -28,20 +28,32 @@ const char* EndpointName(Endpoint endpoint);
 std::optional<Endpoint> EndpointForName(std::string_view fileName);
 
 using SoapMethod = std::function<SoapReply(ServerState&, const SoapCall&)>;
+// How a result string is put in a method's reply, for methods whose reply is
+// not the plain result element (GetHashes answers in <string> elements). Used
+// for injected results, so that they reach the client as real ones would.
+using ResultForm = std::function<SoapReply(std::string text)>;
 
 class MethodTable {
  public:
-  void Add(Endpoint endpoint, const std::string& method, SoapMethod handler);
+  // No form: the text in the <method>Result element.
+  void Add(Endpoint endpoint, const std::string& method, SoapMethod handler, ResultForm form = {});
   // Method names are case-sensitive, as in the service description.
   const SoapMethod* Find(Endpoint endpoint, const std::string& method) const;
+  SoapReply ResultReply(Endpoint endpoint, const std::string& method, std::string text) const;
 
  private:
-  std::map<std::pair<Endpoint, std::string>, SoapMethod> methods_;
+  struct Row {
+    SoapMethod handler;
+    ResultForm form;
+  };
+  std::map<std::pair<Endpoint, std::string>, Row> methods_;
 };
 
 // The families. Each file registers what it answers.
 void AddSessionMethods(MethodTable& table);
 void AddFileMethods(MethodTable& table);
+void AddFileChangeMethods(MethodTable& table);
+void AddUploadMethods(MethodTable& table);
 void AddShareMethods(MethodTable& table);
 
 }  // namespace devserver

@@ -41,16 +41,25 @@ void RequestRecorder::Record(const RecordedRequest& request) {
     keys.push_back(Key(request.endpoint + "/" + request.name));
   }
   for (const auto& key : keys) {
-    last_[key] = request;
+    auto& recent = recent_[key];
+    recent.push_back(request);
+    if (recent.size() > kHistory) recent.pop_front();
     ++counts_[key];
   }
 }
 
 std::optional<RecordedRequest> RequestRecorder::Last(const std::string& name) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  const auto it = last_.find(Key(name));
-  if (it == last_.end()) return std::nullopt;
-  return it->second;
+  const auto it = recent_.find(Key(name));
+  if (it == recent_.end() || it->second.empty()) return std::nullopt;
+  return it->second.back();
+}
+
+std::vector<RecordedRequest> RequestRecorder::Recent(const std::string& name) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto it = recent_.find(Key(name));
+  if (it == recent_.end()) return {};
+  return {it->second.begin(), it->second.end()};
 }
 
 int RequestRecorder::Count(const std::string& name) const {
@@ -61,7 +70,7 @@ int RequestRecorder::Count(const std::string& name) const {
 
 void RequestRecorder::Clear() {
   std::lock_guard<std::mutex> lock(mutex_);
-  last_.clear();
+  recent_.clear();
   counts_.clear();
 }
 

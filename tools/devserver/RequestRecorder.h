@@ -1,11 +1,12 @@
 #pragma once
-// RequestRecorder: keeps the last request of each SOAP method and handler, and
-// how many came, for tests to inspect what the client really sent (the raw
-// Range, form fields, the parameters of an envelope and their order-free
-// values). Thread-safe.
+// RequestRecorder: keeps the recent requests of each SOAP method and handler
+// (the last kHistory of them), and how many came, for tests to inspect what
+// the client really sent (the raw Range, form fields, the parameters of an
+// envelope and their order-free values). Thread-safe.
 
 #include <httplib.h>
 
+#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -39,14 +40,18 @@ class RequestRecorder {
   // Kept under its name and under "endpoint/name".
   void Record(const RecordedRequest& request);
   std::optional<RecordedRequest> Last(const std::string& name) const;
+  // Oldest first: the parts of an upload in the order they came.
+  std::vector<RecordedRequest> Recent(const std::string& name) const;
   int Count(const std::string& name) const;
   void Clear();
+
+  static constexpr std::size_t kHistory = 256;
 
  private:
   static std::string Key(const std::string& name);
 
   mutable std::mutex mutex_;
-  std::map<std::string, RecordedRequest> last_;
+  std::map<std::string, std::deque<RecordedRequest>> recent_;
   std::map<std::string, int> counts_;
 };
 

@@ -55,8 +55,9 @@ struct ServerOptions {
   std::string compressedTypes = "txt,doc,docx,xls,xlsx,ppt,pptx,pdf,xml,html,csv";
   std::int64_t partSizeKb = 1024;
 
-  // Versions and temporary files; each storage gets a folder NAME in it. Empty:
-  // a sibling "<folder>.devserver-state" of each storage's folder.
+  // Versions, pending upload parts and temporary files; each storage gets a
+  // folder NAME in it. Empty: a sibling "<folder>.devserver-state" of each
+  // storage's folder.
   std::filesystem::path stateDir;
   // The host part of the storage locations (\\HOST\NAME\, https://HOST/NAME/).
   std::string locationHost = "devserver";

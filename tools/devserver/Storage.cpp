@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <set>
@@ -24,12 +25,13 @@ void WriteWhole(const fs::path& path, std::string_view content) {
   if (!out.flush()) throw std::runtime_error("cannot write " + path.string());
 }
 
-void SetModified(const fs::path& path, std::int64_t seconds) {
+// The given seconds since 1970, or now.
+void SetModified(const fs::path& path, std::optional<std::int64_t> seconds) {
   timespec times[2];
   times[0].tv_sec = 0;
   times[0].tv_nsec = UTIME_OMIT;
-  times[1].tv_sec = static_cast<time_t>(seconds);
-  times[1].tv_nsec = 0;
+  times[1].tv_sec = seconds ? static_cast<time_t>(*seconds) : 0;
+  times[1].tv_nsec = seconds ? 0 : UTIME_NOW;
   if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
     throw std::system_error(errno, std::generic_category(), "utimensat " + path.string());
   }
@@ -83,7 +85,8 @@ bool IsServerTemporaryName(std::string_view name) {
 Storage::Storage(StorageConfig config, fs::path stateFolder, const std::string& locationHost)
     : config_(std::move(config)),
       stateFolder_(std::move(stateFolder)),
-      versions_(stateFolder_ / "versions") {
+      versions_(stateFolder_ / "versions"),
+      pending_(stateFolder_ / "pending") {
   location_ = isCifs() ? "\\\\" + locationHost + "\\" + config_.name + "\\"
                        : "https://" + locationHost + "/" + config_.name + "/";
 }
@@ -130,8 +133,33 @@ fs::path Storage::CheckedPath(const std::string& relativePath,
   return *local;
 }
 
+fs::path Storage::NewTemporaryPath() {
+  fs::create_directories(stateFolder_ / "tmp");
+  return stateFolder_ / "tmp" / NewLowerGuid();
+}
+
 void Storage::WriteFile(const std::string& relativePath, std::string_view content,
                         const std::string& owner, std::optional<std::int64_t> modified) {
+  const auto temporary = NewTemporaryPath();
+  try {
+    WriteWhole(temporary, content);
+  } catch (...) {
+    std::error_code ec;
+    fs::remove(temporary, ec);
+    throw;
+  }
+  InstallFile(relativePath, temporary, owner, modified);
+}
+
+void Storage::InstallFile(const std::string& relativePath, const fs::path& prepared,
+                          const std::string& owner, std::optional<std::int64_t> modified) {
+  struct RemoveOnExit {
+    const fs::path& path;
+    ~RemoveOnExit() {
+      std::error_code ec;
+      fs::remove(path, ec);
+    }
+  } cleanup{prepared};
   std::lock_guard<std::mutex> lock(writeMutex_);
   std::vector<std::string> components;
   const auto local = CheckedPath(relativePath, components);
@@ -142,24 +170,52 @@ void Storage::WriteFile(const std::string& relativePath, std::string_view conten
   if (fs::is_directory(status)) throw std::invalid_argument("a folder stands at " + relative);
   if (fs::is_regular_file(status)) versions_.Keep(relative, local, owner);
 
-  fs::create_directories(stateFolder_ / "tmp");
-  const auto temporary = stateFolder_ / "tmp" / NewLowerGuid();
-  WriteWhole(temporary, content);
-  if (modified) SetModified(temporary, *modified);
+  // The time is set before the rename, so that no listing sees the file with another.
+  SetModified(prepared, modified);
   std::error_code ec;
-  fs::rename(temporary, local, ec);
+  fs::rename(prepared, local, ec);
   if (ec == std::errc::cross_device_link) {
     // The state folder is on another file system: go through a temporary file
     // beside the target, which listings do not show.
     const auto beside = local.parent_path() / (std::string(kTemporaryPrefix) + NewLowerGuid());
-    fs::copy_file(temporary, beside);
-    if (modified) SetModified(beside, *modified);
-    fs::remove(temporary);
+    fs::copy_file(prepared, beside);
+    SetModified(beside, modified);
     fs::rename(beside, local);
   } else if (ec) {
-    fs::remove(temporary, ec);
     throw std::runtime_error("cannot move into place: " + relative);
   }
+}
+
+Storage::MoveOutcome Storage::Move(const std::string& fromRelative, const std::string& toRelative) {
+  std::lock_guard<std::mutex> lock(writeMutex_);
+  std::vector<std::string> from;
+  std::vector<std::string> to;
+  const auto source = CheckedPath(fromRelative, from);
+  const auto target = CheckedPath(toRelative, to);
+  if (from.empty() || to.empty()) throw std::invalid_argument("cannot move the storage's root");
+  const auto sourceStatus = fs::symlink_status(source);
+  if (!fs::is_regular_file(sourceStatus) && !fs::is_directory(sourceStatus)) {
+    return MoveOutcome::SourceMissing;
+  }
+  const auto targetStatus = fs::symlink_status(target);
+  if (fs::exists(targetStatus) || fs::is_symlink(targetStatus)) return MoveOutcome::TargetExists;
+  if (to.size() > from.size() && std::equal(from.begin(), from.end(), to.begin())) {
+    return MoveOutcome::IntoItself;
+  }
+  fs::create_directories(target.parent_path());
+  fs::rename(source, target);
+  return MoveOutcome::Moved;
+}
+
+Storage::FolderOutcome Storage::CreateFolder(const std::string& relativePath) {
+  std::lock_guard<std::mutex> lock(writeMutex_);
+  std::vector<std::string> components;
+  const auto local = CheckedPath(relativePath, components);
+  const auto status = fs::symlink_status(local);
+  if (fs::is_directory(status)) return FolderOutcome::Existed;
+  if (fs::exists(status) || fs::is_symlink(status)) return FolderOutcome::FileInTheWay;
+  fs::create_directories(local);
+  return FolderOutcome::Created;
 }
 
 void Storage::KeepTree(const fs::path& local, const std::string& relative,

@@ -1,7 +1,8 @@
 #pragma once
 // Storage: one storage location the server offers, kept as a plain folder tree
 // on disk, with its location as clients see it (\\devserver\NAME\ for CIFS,
-// https://devserver/NAME/ for the other types) and its version store.
+// https://devserver/NAME/ for the other types), its version store and the
+// parts of uploads in progress; both live in the storage's state folder.
 // StorageSet: all storages, and the resolution of a client's server path to a
 // file in one of the user's storages. Nothing a client sends may reach outside
 // a storage's folder: "." and ".." components, NUL bytes and symbolic links on
@@ -16,6 +17,8 @@
 #include <string_view>
 #include <vector>
 
+#include "PartHashCache.h"
+#include "PendingUploads.h"
 #include "ServerOptions.h"
 #include "VersionStore.h"
 
@@ -52,14 +55,34 @@ class Storage {
 
   VersionStore& versions() { return versions_; }
   const VersionStore& versions() const { return versions_; }
+  PendingUploads& pending() { return pending_; }
+  PartHashCache& partHashes() { return partHashes_; }
+
+  // A fresh name in the state folder's temporary area, on the same file system
+  // as the pending parts; nothing is created at it.
+  std::filesystem::path NewTemporaryPath();
 
   // Writes a file atomically, parents created; earlier content becomes a version.
   // `modified`: seconds since 1970 to give the file, else now. Throws on failure.
   void WriteFile(const std::string& relativePath, std::string_view content,
                  const std::string& owner, std::optional<std::int64_t> modified = std::nullopt);
+  // Moves a prepared file (from NewTemporaryPath) into place atomically, parents
+  // created; earlier content becomes a version. The file is taken over: it is
+  // gone afterwards, also when this throws. Modified time as for WriteFile.
+  void InstallFile(const std::string& relativePath, const std::filesystem::path& prepared,
+                   const std::string& owner, std::optional<std::int64_t> modified = std::nullopt);
   // Removes a file or a folder tree; each file removed is kept as a version.
   // False when there is nothing at the path.
   bool Remove(const std::string& relativePath, const std::string& owner);
+
+  enum class MoveOutcome { Moved, SourceMissing, TargetExists, IntoItself };
+  // Renames a file or a folder, the target's parents created; times and content
+  // stay as they are. Throws for a path that leaves the storage or names its root.
+  MoveOutcome Move(const std::string& fromRelative, const std::string& toRelative);
+
+  enum class FolderOutcome { Created, Existed, FileInTheWay };
+  // The folder and its missing parents. Throws for a path that leaves the storage.
+  FolderOutcome CreateFolder(const std::string& relativePath);
 
  private:
   std::filesystem::path CheckedPath(const std::string& relativePath,
@@ -71,6 +94,8 @@ class Storage {
   std::filesystem::path stateFolder_;
   std::string location_;
   VersionStore versions_;
+  PendingUploads pending_;
+  PartHashCache partHashes_;
   std::mutex writeMutex_;
 };
 

@@ -1,5 +1,6 @@
 #include "WireFormats.h"
 
+#include <openssl/evp.h>
 #include <uuid/uuid.h>
 #include <zlib.h>
 
@@ -75,6 +76,15 @@ std::string GzipMember(std::string_view data) {
   deflateEnd(&zs);
   if (rc != Z_STREAM_END) throw std::runtime_error("deflate did not finish");
   out.resize(written);
+  return out;
+}
+
+std::string Base64Encode(std::string_view bytes) {
+  std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+  const int written = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                                      reinterpret_cast<const unsigned char*>(bytes.data()),
+                                      static_cast<int>(bytes.size()));
+  out.resize(static_cast<std::size_t>(written));
   return out;
 }
 

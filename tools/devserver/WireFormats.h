@@ -21,6 +21,9 @@ std::string PercentEncode(std::string_view text, char keep);
 // One gzip member holding `data`.
 std::string GzipMember(std::string_view data);
 
+// Standard base64 with padding, as Content-MD5 and the part hashes carry MD5s.
+std::string Base64Encode(std::string_view bytes);
+
 // A new random GUID, 36 characters, lower case.
 std::string NewLowerGuid();
 

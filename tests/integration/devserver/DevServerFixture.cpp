@@ -88,25 +88,30 @@ std::string DevServerTest::Escape(const std::string& text) {
 }
 
 std::string DevServerTest::ElementText(const std::string& xml, const std::string& localName) {
+  const auto texts = ElementTexts(xml, localName);
+  return texts.empty() ? "<missing>" : texts.back();
+}
+
+std::vector<std::string> DevServerTest::ElementTexts(const std::string& xml,
+                                                     const std::string& localName) {
   xmlDoc* doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "reply.xml", nullptr,
                               XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
   EXPECT_NE(doc, nullptr) << "not well-formed: " << xml;
-  if (!doc) return "<missing>";
-  std::string found = "<missing>";
-  std::vector<xmlNode*> pending{xmlDocGetRootElement(doc)};
-  while (!pending.empty()) {
-    xmlNode* node = pending.back();
-    pending.pop_back();
+  if (!doc) return {};
+  std::vector<std::string> found;
+  // Depth first, in document order.
+  auto visit = [&](auto& self, xmlNode* node) -> void {
     for (; node; node = node->next) {
       if (node->type != XML_ELEMENT_NODE) continue;
       if (localName == reinterpret_cast<const char*>(node->name)) {
         xmlChar* content = xmlNodeGetContent(node);
-        found = content ? reinterpret_cast<const char*>(content) : "";
+        found.emplace_back(content ? reinterpret_cast<const char*>(content) : "");
         xmlFree(content);
       }
-      if (node->children) pending.push_back(node->children);
+      self(self, node->children);
     }
-  }
+  };
+  visit(visit, xmlDocGetRootElement(doc));
   xmlFreeDoc(doc);
   return found;
 }

@@ -39,6 +39,9 @@ class DevServerTest : public ::testing::Test {
   // The text of an element of a reply (unescaped by a real XML parser), or
   // "<missing>"; fails the test when the reply is not well-formed.
   static std::string ElementText(const std::string& xml, const std::string& localName);
+  // The texts of every element of that name, in document order.
+  static std::vector<std::string> ElementTexts(const std::string& xml,
+                                               const std::string& localName);
   // Escapes a value for an envelope, once.
   static std::string Escape(const std::string& text);
 
