@@ -13,7 +13,9 @@
 #include "ASIHTTPRequest.h"
 #include "CVConfiguration.h"
 #include "CVHandler.h"
-#include "ServerFileOperations.h"
+#include "AsyncFileMethods.h"
+#include "SERVER_Queues.h"
+#include "SmartSync.h"
 #include "SmartSyncFileOperations.h"
 #include "HeadlessStatusSink.h"
 #include "InotifyEventStream.h"
@@ -32,7 +34,7 @@ int HeadlessApp::Run() {
   PollMainLoop loop(clock);
   HeadlessStatusSink status(std::cout);
   SessionConnectionService connection;
-  NoServerFileOperations serverFileOperations;
+  AsyncFileMethods serverFileOperations(sharedClock);
   CVHandler::Instance().SetAppVersion(CORVALINK_VERSION);
   CVConfiguration::Instance().SetPartSizeSource([] { return CVHandler::Instance().GetPartSizeNSNumber(); });
 
@@ -58,6 +60,14 @@ int HeadlessApp::Run() {
               loop, std::move(onBatch), std::move(onTrouble),
               [](const std::string& line) { CVEventLogger::WriteMainLogMessage("FSW stream -> " + line); }, hold);
         }});
+    // What the server's file calls must tell the sync, and ask of it.
+    serverFileOperations.SetSyncMainThreadShouldRun([&app] {
+      SmartSync* sync = app.mainSyncObject();
+      return sync != nullptr && sync->syncMainThreadShouldRun.load();
+    });
+    serverFileOperations.SetFirstTimeSyncPerformedHandler([&app](bool performed) {
+      if (SmartSync* sync = app.mainSyncObject()) sync->serverQueue().firstTimeSyncPerformed = performed;
+    });
     if (signalFd >= 0) {
       loop.AddReadWatch(signalFd, [&] {
         signalfd_siginfo info;

@@ -603,8 +603,20 @@ void AppDelegate::FSWEventsCallback(const std::vector<FileEvent>& events) {
         code = NFQ_Modified;
         if (IsFileInProgress(path)) continue;
       } else {
-        if (IsFileInProgress(path) || (pair && IsFileInProgress(target))) continue;
-        if (pair) {
+        if (pair && IsFileInProgress(target)) continue;
+        bool takenOver = false;
+        if (IsFileInProgress(path)) {
+          if (!pair) continue;
+          // The user renamed what the sync was still writing: the old name is the
+          // sync's to mend, the new name is the user's and must not go unseen.
+          path = target;
+          target.clear();
+          pair = false;
+          takenOver = true;
+        }
+        if (takenOver) {
+          code = NFQ_Created;
+        } else if (pair) {
           code = NFQ_Renamed;
         } else {
           const bool exists = SomethingStandsAt(path);

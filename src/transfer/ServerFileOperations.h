@@ -18,18 +18,3 @@ class ServerFileOperations {
   // Ends a running operation at once; callable from another thread.
   virtual void StopCurrentAction() = 0;
 };
-
-// Stands in while this build cannot change the server's tree: every call leaves
-// its item for a later round (-5) and says why in the log.
-class NoServerFileOperations : public ServerFileOperations {
- public:
-  std::int32_t UploadFileToServer(CVFileWithAction& item) override;
-  std::int32_t RenameFileOnServer(CVFileWithAction& item) override;
-  std::int32_t CreateFolderOnServer(CVFileWithAction& item) override;
-  std::int32_t DeleteFileOnServer(CVFileWithAction& item) override;
-  std::int32_t DeleteFolderOnServer(CVFileWithAction& item) override;
-  void StopCurrentAction() override {}
-
- private:
-  static std::int32_t NotYet(const char* operation, const CVFileWithAction& item);
-};

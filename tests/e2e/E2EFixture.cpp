@@ -111,6 +111,11 @@ bool E2ETest::WaitFor(const std::function<bool()>& condition, std::chrono::milli
   return condition();
 }
 
+bool E2ETest::WaitForPassInStep(ChildProcess& client) {
+  const int before = client.CountExactLines("Status: in step");
+  return WaitFor([&] { return client.CountExactLines("Status: in step") >= before + 2; });
+}
+
 std::string E2ETest::ExceptionLog(const std::string& home) {
   std::string all;
   std::error_code error;

@@ -39,6 +39,9 @@ class E2ETest : public ::testing::Test {
                                                  const std::vector<std::string>& skip = {});
   static bool WaitFor(const std::function<bool()>& condition,
                       std::chrono::milliseconds limit = std::chrono::seconds(60));
+  // Waits until the client has ended a whole pass in step after this call: what
+  // the sync was writing is written, and a user's change now is the user's alone.
+  static bool WaitForPassInStep(ChildProcess& client);
   // Lines of the client's logs that report exceptions.
   static std::string ExceptionLog(const std::string& home);
 

@@ -302,6 +302,13 @@ TEST_F(WatcherCallbackTest, TheSyncsOwnWritesMakeNoEntryForAWhileAfterTheOperati
   EXPECT_TRUE(app->IsFileInProgress(Path("down.txt")));
   app->FSWEventsCallback({Event(Path("down.txt"), kModified, 7)});
   EXPECT_THAT(Raw(), IsEmpty());
+  // A rename of what the sync is still writing: the new name is the user's.
+  Touch("renamed by the user.txt");
+  app->AddFileInProgress(Path("fresh.txt"));
+  app->FSWEventsCallback({Event(Path("fresh.txt"), kRenamed, 3), Event(Path("renamed by the user.txt"), kRenamed, 4)});
+  EXPECT_THAT(Raw(), ElementsAre("0:renamed by the user.txt"));
+  app->RemoveFileInProgress(Path("fresh.txt"));
+  { std::lock_guard<std::mutex> lock(sync().fswQueue().FSW_NFQ_Lock); sync().fswQueue().NF_Queue.clear(); }
   // ...but not once the user has changed the file since.
   std::ofstream(Path("down.txt"), std::ios::app) << "more";
   app->FSWEventsCallback({Event(Path("down.txt"), kModified, 9)});
