@@ -99,6 +99,37 @@ else
   echo "   => the trees differ:"; diff -rq "$storage" "$home/Corvalink/Docs" | sed 's/^/      /'
 fi
 echo
+echo "== The client keeps running: a change on each side reaches the other"
+HOME="$home" "$client" --headless --time-scale 0.05 > "$work/client.out" 2>&1 &
+client_pid=$!
+trap 'kill $client_pid $server_pid 2>/dev/null; wait $client_pid $server_pid 2>/dev/null' EXIT
+for _ in $(seq 1 100); do grep -q "Status: in step" "$work/client.out" && break; sleep 0.1; done
+local_docs="$home/Corvalink/Docs"
+printf 'Written on this machine at %s\n' "$(date -u +%H:%M:%S)" > "$local_docs/Reports/from this machine.txt"
+mv "$local_docs/Reports/notes #1.txt" "$local_docs/Reports/notes #1 (renamed here).txt"
+printf 'Quarterly figures, corrected on the server\n' > "$storage/Reports/2026/Q3 results.txt"
+echo "   locally: a new file Reports/from this machine.txt, Reports/notes #1.txt renamed"
+echo "   on the server: Reports/2026/Q3 results.txt rewritten"
+arrived() {
+  [ -f "$storage/Reports/from this machine.txt" ] && [ -f "$storage/Reports/notes #1 (renamed here).txt" ] \
+    && [ ! -e "$storage/Reports/notes #1.txt" ] \
+    && cmp -s "$storage/Reports/2026/Q3 results.txt" "$local_docs/Reports/2026/Q3 results.txt"
+}
+for _ in $(seq 1 300); do arrived && break; sleep 0.1; done
+if arrived; then
+  echo "   => the server has: $(cat "$storage/Reports/from this machine.txt")"
+  echo "   => the server has Reports/notes #1 (renamed here).txt and no Reports/notes #1.txt"
+  echo "   => this machine has: $(cat "$local_docs/Reports/2026/Q3 results.txt")"
+else
+  echo "   => not in step after 30 seconds; see $work/client.out and the logs"; code=1
+fi
+kill $client_pid 2>/dev/null; wait $client_pid 2>/dev/null
+if diff -rq "$storage" "$local_docs" --exclude=Private > /dev/null 2>&1; then
+  echo "   => both trees identical byte for byte again"
+else
+  echo "   => the trees differ:"; diff -rq "$storage" "$local_docs" --exclude=Private | sed 's/^/      /'; code=1
+fi
+echo
 echo "== DownloadedFiles.xml holds $(grep -c '<DownloadedFile>' "$settings/DownloadedFiles.xml" 2>/dev/null || echo 0) records"
 echo
 echo "== Configuration.xml is now enciphered (first bytes):"
@@ -112,7 +143,7 @@ echo "== What the client wrote under ~/Corvalink/.Settings:"
 echo
 log=$(find "$settings/CVLogger/CVMainLogs" -name 'LOG *_1.txt' | head -1)
 echo "== Main log: $log"
-grep -E "Application started|DEVSTATUS|Status:|Last synchronization|_SRV|OPERATION FAILED|Application ended" "$log" | head -40 | sed 's/^/   /'
+grep -E "Application started|DEVSTATUS|Status:|Last synchronization|_SRV|_LOC|OPERATION FAILED|Application ended" "$log" | head -40 | sed 's/^/   /'
 echo
 echo "Everything of this run is in $work"
 exit $code

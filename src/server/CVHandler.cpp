@@ -48,10 +48,17 @@ CVHandler& CVHandler::Instance() {
 void CVHandler::ResetForTests() { Slot().reset(new CVHandler()); }
 
 void CVHandler::RegenWsURL() {
-  CVConnection& account = CVConfiguration::Instance().Corvalink;
-  if (account.Url.empty()) return;
-  if (account.Url.back() != '/') account.Url += "/";
-  std::string base = CVTextEscaping::URLDecodedString(account.Url);
+  CVConfiguration& config = CVConfiguration::Instance();
+  std::string stored;
+  {
+    // Every thread comes through here; the one fix of the stored URL happens once.
+    std::lock_guard<std::recursive_mutex> sites(config.fSpSitesLock);
+    CVConnection& account = config.Corvalink;
+    if (account.Url.empty()) return;
+    if (account.Url.back() != '/') account.Url += "/";
+    stored = account.Url;
+  }
+  std::string base = CVTextEscaping::URLDecodedString(stored);
   std::lock_guard<std::mutex> lock(lock_);
   url_ = base;
   wsUrl_ = base + "CorvalinkWS.asmx";

@@ -538,10 +538,14 @@ std::string CVStaticHelpers::DecomposedForm(const std::string& path) {
 }
 
 bool CVStaticHelpers::ExistsInAnyForm(const std::string& path) {
-  if (path.empty()) return false;
-  if (Stands(path)) return true;
+  return !path.empty() && Stands(ExistingForm(path));
+}
+
+std::string CVStaticHelpers::ExistingForm(const std::string& path) {
+  if (path.empty() || Stands(path)) return path;
   std::string composed = PrecomposedForm(path);
-  if (composed != path && Stands(composed)) return true;
+  if (composed != path && Stands(composed)) return composed;
   std::string decomposed = DecomposedForm(path);
-  return decomposed != path && Stands(decomposed);
+  if (decomposed != path && Stands(decomposed)) return decomposed;
+  return path;
 }

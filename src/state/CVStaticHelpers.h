@@ -92,6 +92,9 @@ class CVStaticHelpers {
   // Whether something (a link included) stands at the path as stored, or in its
   // composed or decomposed form: names on this disk are not normalised.
   static bool ExistsInAnyForm(const std::string& path);
+  // The form of the path under which something stands on the disk: as stored,
+  // composed or decomposed; the path as given when none does.
+  static std::string ExistingForm(const std::string& path);
   // Moves a storage's local folder to its new name and the records of the last
   // sync with it; on failure the records stay as they were. The sidebar entry is
   // moved through the handler the desktop installs.

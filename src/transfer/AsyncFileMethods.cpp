@@ -431,7 +431,9 @@ std::int32_t AsyncFileMethods::UploadFileToServer(CVFileWithAction& item) {
   try {
     auto target = Begin(method, item, kActionUpload);
     if (!target) return SYNC_RETURN_FAILED;
-    const std::string& path = item.nFilePath;
+    // The server gets the name as the sync holds it; the bytes come from the
+    // name as it stands on this disk, which does not normalise names.
+    const std::string path = CVStaticHelpers::ExistingForm(item.nFilePath);
     CVHandler& handler = CVHandler::Instance();
     for (int round = 0; round < kUploadPasses; ++round) {
       const std::string token = handler.CheckCVToken(target->siteName);
@@ -493,11 +495,12 @@ void AsyncFileMethods::RecordUpload(CVFileWithAction& item, const std::string& s
   item.dateModified = *modified;
   // The server's time goes onto the file only when the file is still what went
   // up; an edit made meanwhile keeps its own time and is seen as a change.
-  if (before && FileStamp(item.nFilePath) == before) {
+  const std::string onDisk = CVStaticHelpers::ExistingForm(item.nFilePath);
+  if (before && FileStamp(onDisk) == before) {
     struct timespec times[2] {};
     times[0].tv_nsec = UTIME_OMIT;
     times[1].tv_sec = static_cast<time_t>(*modified);
-    if (::utimensat(AT_FDCWD, item.nFilePath.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (::utimensat(AT_FDCWD, onDisk.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
       Log(method, "the modification time stays as it was for " + item.nFilePath + ": " + std::strerror(errno));
     }
   } else {

@@ -452,3 +452,16 @@ TEST(CVStaticHelpersRenameSite, MovesTheFolderAndOnlyItsRecordsAndPutsThemBackOn
   EXPECT_EQ((*again)[0].localPath, root + "/Papers/sub/a.txt");
   EXPECT_EQ((*again)[1].localPath, root + "/Docs2/b.txt");
 }
+
+TEST(CVStaticHelpersForms, TheFormThatStandsOnTheDiskIsFoundWhicheverFormIsAsked) {
+  TempHome home;
+  const std::string composed = home.path() + "/caf\xC3\xA9.txt";
+  const std::string decomposed = home.path() + "/cafe\xCC\x81.txt";
+  std::ofstream(decomposed) << "x";
+  EXPECT_TRUE(CVStaticHelpers::ExistsInAnyForm(composed));
+  EXPECT_EQ(CVStaticHelpers::ExistingForm(composed), decomposed);
+  EXPECT_EQ(CVStaticHelpers::ExistingForm(decomposed), decomposed);
+  const std::string missing = home.path() + "/na\xC3\xAFve.txt";
+  EXPECT_FALSE(CVStaticHelpers::ExistsInAnyForm(missing));
+  EXPECT_EQ(CVStaticHelpers::ExistingForm(missing), missing);
+}
