@@ -65,13 +65,15 @@ constexpr std::array<Pair, 5> kEntities = {
 
 }  // namespace
 
-std::string CVTextEscaping::URLEncodedString(const std::string& text) {
+std::string CVTextEscaping::URLEncodedString(const std::string& text) { return PercentEncoded(text, ""); }
+
+std::string CVTextEscaping::PercentEncoded(const std::string& text, std::string_view kept) {
   static constexpr char kHex[] = "0123456789ABCDEF";
   std::string escaped;
   escaped.reserve(text.size());
   for (unsigned char c : text) {
     if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
-        c == '.' || c == '_' || c == '~') {
+        c == '.' || c == '_' || c == '~' || (c != 0 && kept.find(static_cast<char>(c)) != std::string_view::npos)) {
       escaped += static_cast<char>(c);
     } else {
       escaped += '%';

@@ -3,6 +3,7 @@
 // request bodies. Stateless; any thread.
 
 #include <string>
+#include <string_view>
 
 class CVTextEscaping {
  public:
@@ -10,6 +11,8 @@ class CVTextEscaping {
   // stay as they are, so every reserved character ("!*'();:@&=+$,/?#[]") and
   // "%" are escaped. "" for "".
   static std::string URLEncodedString(const std::string& text);
+  // Percent-encoding that keeps the unreserved characters and those of kept.
+  static std::string PercentEncoded(const std::string& text, std::string_view kept);
   // Undoes percent escapes. A "%" without two hex digits stays as it is; when the
   // decoded bytes are no valid UTF-8 the text comes back unchanged.
   static std::string URLDecodedString(const std::string& text);

@@ -57,20 +57,8 @@ bool AsyncFileUploader::uploadResult() const {
 // --- Addresses ---
 
 std::string AsyncFileUploader::EncodedURL(const std::string& decodedURL) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  static constexpr std::string_view kKept = "-._~:/?#[]@!$&'()*+,;=";
-  std::string encoded;
-  for (unsigned char c : decodedURL) {
-    if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-        kKept.find(static_cast<char>(c)) != std::string_view::npos) {
-      encoded += static_cast<char>(c);
-    } else {
-      encoded += '%';
-      encoded += kHex[c >> 4];
-      encoded += kHex[c & 0x0F];
-    }
-  }
-  return encoded;
+  // Characters with a meaning in a URL stay; everything else is escaped.
+  return CVTextEscaping::PercentEncoded(decodedURL, ":/?#[]@!$&'()*+,;=");
 }
 
 std::string AsyncFileUploader::UploadURL(const std::string& decodedHandlerURL, const std::string& token,

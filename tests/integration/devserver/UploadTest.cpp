@@ -12,6 +12,7 @@
 
 #include "CommandLine.h"
 #include "DevServerFixture.h"
+#include "WireFormats.h"
 
 namespace fs = std::filesystem;
 
@@ -37,21 +38,8 @@ std::string Pattern(std::size_t size, unsigned seed = 7) {
 }
 
 // Every byte but the unreserved ones escaped, as the client encodes the query.
-std::string QueryEncode(const std::string& text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  for (char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (std::isalnum(byte) || c == '-' || c == '.' || c == '_' || c == '~') {
-      out += c;
-    } else {
-      out += '%';
-      out += kHex[byte >> 4];
-      out += kHex[byte & 0x0F];
-    }
-  }
-  return out;
-}
+// Every reserved character escaped, as the client sends the query.
+std::string QueryEncode(const std::string& text) { return devserver::PercentEncode(text, '\0'); }
 
 constexpr std::int64_t kPart = 1024;  // PartSize 1 KB
 
