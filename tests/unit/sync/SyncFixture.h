@@ -184,9 +184,11 @@ class SyncFixture : public ::testing::Test {
     std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
     config.fSpSites.push_back(site);
   }
+  // As a filter leaves the queue: the entry added, the loop's index back at the front.
   void AddLocal(const NFQ_File& entry) {
     std::lock_guard<std::mutex> lock(sync().fswQueue().FSW_FQ_Lock);
     sync().fswQueue().FQ_FilteredQueue.push_back(entry);
+    sync().fswQueueIndex = 0;
   }
   void RunPass() { app->SyncNowSeparatedSelector(std::make_shared<CancelFlag>()); }
   SmartSync& sync() { return *app->mainSyncObject(); }
