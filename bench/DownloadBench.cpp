@@ -21,36 +21,18 @@
 #include "CVHandler.h"
 #include "CVSelectiveSync.h"
 #include "CVStaticHelpers.h"
+#include "BenchSupport.h"
 #include "DevServer.h"
 
 namespace fs = std::filesystem;
+using bench::ConfigQuoted;
+using bench::LargeBytes;
+using bench::PeakMegabytes;
 
 namespace {
 
 constexpr int kSmallFiles = 2000;
 constexpr std::size_t kSmallSize = 4096;
-
-std::int64_t LargeBytes() {
-  const char* text = std::getenv("CV_BENCH_LARGE_MB");
-  long megabytes = text ? std::atol(text) : 1024;
-  return static_cast<std::int64_t>(megabytes > 0 ? megabytes : 1024) * 1024 * 1024;
-}
-
-double PeakMegabytes() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
-
-// A text inside double quotes of a curl configuration file, where "\" escapes.
-std::string ConfigQuoted(const std::string& text) {
-  std::string quoted;
-  for (char c : text) {
-    if (c == '\\' || c == '"') quoted += '\\';
-    quoted += c;
-  }
-  return quoted;
-}
 
 // One server and one client home for the whole run.
 struct World {
