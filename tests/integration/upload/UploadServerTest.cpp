@@ -179,6 +179,28 @@ TEST_F(UploadServerTest, TokensTheServerForgotAreRenewed) {
   EXPECT_EQ(ReadAll(OnServer("Docs", "parts.bin")), bytes);
 }
 
+TEST_F(UploadServerTest, ATokenRefusedBetweenThePartsIsRenewedAndTheUploadGoesOn) {
+  const std::string bytes = Bytes(4 * kPart + 7);
+  CVFileWithAction item = LocalFile("Docs", "midway.bin", bytes);
+  // The first part is held up while every token is forgotten: the parts after it
+  // meet a refused token.
+  server_->FailNext("UploadStorageFile.ashx", devserver::Fault::Delay(std::chrono::seconds(1)));
+  std::thread forget([&] {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (server_->CallCount("UploadStorageFile.ashx") == 0 && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::yield();
+    }
+    server_->InvalidateAllTokens();
+  });
+  const std::int32_t result = methods_->UploadFileToServer(item);
+  forget.join();
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(ReadAll(OnServer("Docs", "midway.bin")), bytes);
+  EXPECT_FALSE(server_->PendingParts("Docs", "midway.bin"));
+  // Five parts, one of them refused once and sent again with the new token.
+  EXPECT_EQ(server_->CallCount("UploadStorageFile.ashx"), 6);
+}
+
 TEST_F(UploadServerTest, AStopEndsAnUploadTheServerHoldsUp) {
   server_->FailNext("UploadStorageFile.ashx", devserver::Fault::Delay(std::chrono::seconds(6)));
   CVFileWithAction item = LocalFile("Docs", "held.bin", Bytes(5 * kPart / 2));
