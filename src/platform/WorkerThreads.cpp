@@ -46,3 +46,40 @@ std::size_t WorkerThreads::Running() {
   ReapLocked();
   return workers_.size();
 }
+
+namespace {
+thread_local CancelFlag* tBoundFlag = nullptr;
+}  // namespace
+
+void CancelFlag::Cancel() {
+  std::map<HookId, std::function<void()>> hooks;
+  {
+    std::lock_guard<std::mutex> lock(hooksLock_);
+    cancelled_ = true;
+    hooks.swap(hooks_);
+  }
+  // Outside the lock: a hook may wait for the call it ends, and that call
+  // removes its hook on the way out.
+  for (auto& [id, hook] : hooks) hook();
+}
+
+CancelFlag::HookId CancelFlag::AddHook(std::function<void()> hook) {
+  std::lock_guard<std::mutex> lock(hooksLock_);
+  if (cancelled_) return 0;
+  HookId id = nextHook_++;
+  hooks_.emplace(id, std::move(hook));
+  return id;
+}
+
+void CancelFlag::RemoveHook(HookId id) {
+  std::lock_guard<std::mutex> lock(hooksLock_);
+  hooks_.erase(id);
+}
+
+CancelFlag* CancelFlag::ForThisThread() { return tBoundFlag; }
+
+bool CancelFlag::ThisThreadCancelled() { return tBoundFlag != nullptr && tBoundFlag->IsCancelled(); }
+
+CancelFlag::Binding::Binding(CancelFlag& flag) : previous_(tBoundFlag) { tBoundFlag = &flag; }
+
+CancelFlag::Binding::~Binding() { tBoundFlag = previous_; }

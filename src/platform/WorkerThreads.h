@@ -5,8 +5,10 @@
 // at each start.
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -35,11 +37,46 @@ class WorkerThreads {
 };
 
 // A flag by which the starter of a job asks it to give up at its next check.
+// A thread working for the job binds the flag to itself (Binding), so that a
+// call blocked deep below (a request on the wire) can hang a hook on it and end
+// at once when the flag is raised, instead of at its own time-out.
 class CancelFlag {
  public:
-  void Cancel() { cancelled_ = true; }
+  using HookId = std::uint64_t;
+
+  // Raises the flag and runs the hooks waiting on it, each once, on this thread.
+  void Cancel();
   bool IsCancelled() const { return cancelled_; }
+  // Lowers the flag for the job's next piece of work.
+  void Reset() { cancelled_ = false; }
+
+  // Keeps hook until Cancel or RemoveHook. 0, and nothing kept, when the flag is
+  // raised already: the caller then gives up by itself.
+  HookId AddHook(std::function<void()> hook);
+  // A hook that Cancel has taken may still be running when this returns.
+  void RemoveHook(HookId id);
+
+  // The flag bound to the calling thread; null when none is.
+  static CancelFlag* ForThisThread();
+  // True when the calling thread's flag is raised.
+  static bool ThisThreadCancelled();
+
+  // Binds a flag to the calling thread for its lifetime; the previous binding
+  // comes back after it.
+  class Binding {
+   public:
+    explicit Binding(CancelFlag& flag);
+    ~Binding();
+    Binding(const Binding&) = delete;
+    Binding& operator=(const Binding&) = delete;
+
+   private:
+    CancelFlag* previous_;
+  };
 
  private:
   std::atomic<bool> cancelled_{false};
+  std::mutex hooksLock_;
+  std::map<HookId, std::function<void()>> hooks_;
+  HookId nextHook_ = 1;
 };

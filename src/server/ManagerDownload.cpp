@@ -18,6 +18,7 @@
 #include "Clock.h"
 #include "MyParser.h"
 #include "WSCommonMethods.h"
+#include "WorkerThreads.h"
 
 namespace {
 
@@ -388,7 +389,9 @@ std::optional<std::vector<CVFileForCompare>> ManagerDownload::GetFileListFromSer
     const std::string& serverURL, CVSharepoint& site, bool recursive, bool uploadRequest,
     bool WithCanStopped) {
   Run run;
-  run.stop = [&] { return WithCanStopped && stopRequested_ && stopRequested_(); };
+  run.stop = [&] {
+    return CancelFlag::ThisThreadCancelled() || (WithCanStopped && stopRequested_ && stopRequested_());
+  };
   if (run.stop()) return std::nullopt;
 
   CVEventLogger::LogMethodRun(kClass, kListing);

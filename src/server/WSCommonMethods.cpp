@@ -4,6 +4,7 @@
 
 #include "ASIHTTPRequest.h"
 #include "CVEventLogger.h"
+#include "WorkerThreads.h"
 
 namespace {
 constexpr const char* kClass = "WSCommonMethods";
@@ -48,6 +49,26 @@ std::shared_ptr<ASIHTTPRequest> WSCommonMethods::CreateASIHTTPRequestForMethod(
   return request;
 }
 
+bool WSCommonMethods::RunUnlessCancelled(const std::shared_ptr<ASIHTTPRequest>& request,
+                                          const std::string& methodName) {
+  CancelFlag* flag = CancelFlag::ForThisThread();
+  CancelFlag::HookId hook = 0;
+  if (flag) {
+    hook = flag->AddHook([request] { request->cancel(); });
+    if (hook == 0) {
+      CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - " + methodName + " -> not sent, the work was stopped");
+      return false;
+    }
+  }
+  request->startSynchronous();
+  if (flag) flag->RemoveHook(hook);
+  if (flag && flag->IsCancelled()) {
+    CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - " + methodName + " -> ended, the work was stopped");
+    return false;
+  }
+  return true;
+}
+
 std::string WSCommonMethods::ProcessWebServiceRequest(const std::vector<std::string>& values,
                                                       const std::vector<std::string>& forKeys,
                                                       const std::string& methodName,
@@ -56,7 +77,7 @@ std::string WSCommonMethods::ProcessWebServiceRequest(const std::vector<std::str
   try {
     auto request = CreateASIHTTPRequestForMethod(methodName, Zip(values, forKeys), withUrl);
     request->setValidatesSecureCertificate(false);
-    request->startSynchronous();
+    if (!RunUnlessCancelled(request, methodName)) return kCancelledReply;
     int status = request->responseStatusCode();
     auto error = request->error();
     std::string statusMessage = request->responseStatusMessage();
@@ -93,7 +114,7 @@ std::optional<std::string> WSCommonMethods::ProcessDataWebServiceRequest(
     auto request = CreateASIHTTPRequestForMethod(methodName, Zip(values, forKeys), withUrl);
     request->setTimeOutSeconds(DataCallTimeOut(methodName));
     request->setValidatesSecureCertificate(false);
-    request->startSynchronous();
+    if (!RunUnlessCancelled(request, methodName)) return std::nullopt;
     status = request->responseStatusCode();
     return request->responseData();
   } catch (const std::exception& failure) {

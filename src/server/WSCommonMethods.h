@@ -2,7 +2,9 @@
 // WSCommonMethods: every SOAP call of the client goes through here. The envelope
 // is written by hand, byte for byte; the request runs synchronously on the calling
 // thread. String calls give the whole reply text or a text starting with "err";
-// data calls give the reply's bytes whatever the status, or nothing.
+// data calls give the reply's bytes whatever the status, or nothing. A call made
+// on a thread with a cancel flag bound (CancelFlag::Binding) ends at once when the
+// flag is raised, and is not sent at all when it is raised already.
 //
 // Values are inserted as they are: the caller escapes plain text once with
 // AddSpecialSymbols, and XML fragments (Options, MD5...) go in raw.
@@ -31,12 +33,15 @@ class WSCommonMethods {
   static std::shared_ptr<ASIHTTPRequest> CreateASIHTTPRequestForMethod(
       const std::string& methodName, const Parameters& parameters, const std::string& withURL);
 
-  // The whole reply text, or "errOther...", "errNon200...", "errException".
+  static constexpr const char* kCancelledReply = "errCancelled";
+
+  // The whole reply text, or "errOther...", "errNon200...", "errException", or
+  // kCancelledReply.
   static std::string ProcessWebServiceRequest(const std::vector<std::string>& values,
                                               const std::vector<std::string>& forKeys,
                                               const std::string& methodName,
                                               const std::string& withUrl);
-  // The reply's bytes whatever the status; nothing after an exception.
+  // The reply's bytes whatever the status; nothing after an exception or a cancel.
   static std::optional<std::string> ProcessDataWebServiceRequest(
       const std::vector<std::string>& values, const std::vector<std::string>& forKeys,
       const std::string& methodName, const std::string& withUrl);
@@ -45,5 +50,8 @@ class WSCommonMethods {
   static double DataCallTimeOut(const std::string& methodName);
 
  private:
+  // Runs request on this thread under the thread's cancel flag; false, with
+  // nothing sent, when the flag is raised already or is raised during the call.
+  static bool RunUnlessCancelled(const std::shared_ptr<ASIHTTPRequest>& request, const std::string& methodName);
   static Parameters Zip(const std::vector<std::string>& values, const std::vector<std::string>& keys);
 };

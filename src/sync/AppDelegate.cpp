@@ -224,6 +224,8 @@ void AppDelegate::SyncNow() {
 void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
   SmartSync* sync = mainSyncObject_.get();
   if (!sync) return;
+  // A stop ends the pass's server calls at once (login, probe, listing).
+  CancelFlag::Binding cancelBinding(*pass);
   FSW_Queues& fsw = sync->fswQueue();
   SERVER_Queues& server = sync->serverQueue();
 
@@ -424,6 +426,11 @@ bool AppDelegate::CheckCVConnection() {
       if (attempt == 0) connection_.RemoveCVToken(ConnectionService::kMainTokenGuid);
     }
     isCheckingConnection = false;
+    if (!succeeded && CancelFlag::ThisThreadCancelled()) {
+      // Stopped on the way, not refused: the state stays as it was.
+      CVEventLogger::WriteMainLogMessage("CheckCVConnection stopped before an answer came");
+      return !isAppOffline;
+    }
     if (!succeeded && !isAppOffline.exchange(true)) {
       SetTooltip("Corvalink offline. Please check network connection or Corvalink credentials.");
       mainLoop_.RunOnMain([&status = status_] { UIFunctions::NotificationOffline(status); });

@@ -36,6 +36,7 @@ SmartSync::~SmartSync() {
     std::lock_guard<std::mutex> lock(Sync_Lock);
     syncMainThreadShouldRun = false;
   }
+  operationCancel_.Cancel();
   dispatcher_.StopCurrentAction();
   dispatcher_.StopDownloading();
   loopThreads_.JoinAll();
@@ -54,14 +55,17 @@ void SmartSync::RunSyncThread() {
 
 void SmartSync::SetStoragesThread(std::shared_ptr<CancelFlag> pass) {
   std::lock_guard<std::mutex> lock(passLock_);
-  storagesSyncThread_ = std::move(pass);
+  std::erase_if(storagesSyncThreads_, [](const std::weak_ptr<CancelFlag>& flag) { return flag.expired(); });
+  storagesSyncThreads_.push_back(std::move(pass));
 }
 
 void SmartSync::StopMainSyncThread() {
   {
     std::lock_guard<std::mutex> lock(passLock_);
-    if (storagesSyncThread_) storagesSyncThread_->Cancel();
-    storagesSyncThread_.reset();
+    for (auto& weak : storagesSyncThreads_) {
+      if (auto pass = weak.lock()) pass->Cancel();
+    }
+    storagesSyncThreads_.clear();
   }
   {
     std::lock_guard<std::mutex> lock(Sync_Lock);
@@ -83,6 +87,7 @@ void SmartSync::StopMainSyncThread() {
 }
 
 void SmartSync::StopCurrentOperation() {
+  operationCancel_.Cancel();
   std::int32_t action = currentAction;
   switch (action) {
     case 0: case 1: case 3: case 4: case 5: case 8:
@@ -278,8 +283,12 @@ void SmartSync::Sync() {
   }
 
   bool workDone = false;
+  CancelFlag::Binding cancelBinding(operationCancel_);
   for (;;) {
     try {
+      // Lowered before the test of the run flag: a stop sets the flag first and
+      // raises this one after, so no stop is lost here.
+      operationCancel_.Reset();
       {
         std::lock_guard<std::mutex> lock(Sync_Lock);
         if (!syncMainThreadShouldRun) {

@@ -32,13 +32,15 @@ class SmartSync {
 
   // Starts the loop thread unless one runs.
   void RunSyncThread();
-  // Stops the running operation and the loop, and waits until the loop has ended.
+  // Stops the running operation, the passes and the loop, and waits until the
+  // loop has ended.
   void StopMainSyncThread();
-  // Asks the running transfer to end; returns at once.
+  // Asks the running transfer or server call to end; returns at once.
   void StopCurrentOperation();
   // Blocks until the loop has emptied the server queue (sqInProcess clear), or the
   // pass is cancelled.
   void WaitForSQProcessEnding(const CancelFlag* cancel = nullptr);
+  // A pass that has started; StopMainSyncThread raises its flag while it runs.
   void SetStoragesThread(std::shared_ptr<CancelFlag> pass);
 
   std::optional<CVFileWithAction> GetNextFileForProcessing();
@@ -110,6 +112,11 @@ class SmartSync {
   std::mutex nameLock_;
   std::string currentStorageName_;
   std::mutex passLock_;
-  std::shared_ptr<CancelFlag> storagesSyncThread_;
+  // Every pass that may still run: a tick starts a new pass thread even while
+  // one runs (it leaves at once), and a stop must reach the one that works.
+  std::vector<std::weak_ptr<CancelFlag>> storagesSyncThreads_;
+  // Raised by StopCurrentOperation, lowered before each item: ends the web
+  // service call in flight on the loop thread.
+  CancelFlag operationCancel_;
   WorkerThreads loopThreads_;
 };

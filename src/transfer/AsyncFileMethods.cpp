@@ -276,7 +276,10 @@ std::int32_t AsyncFileMethods::TokenLoop(const Target& target,
   CVHandler& handler = CVHandler::Instance();
   std::int32_t code = SYNC_RETURN_FAILED;
   for (int round = 0; round < kTokenPasses; ++round) {
+    // A stopped call tells nothing of the server: the item stays for later.
+    if (Stopped()) return SYNC_RETURN_LOCKED;
     const std::string token = handler.CheckCVToken(target.siteName);
+    if (Stopped()) return SYNC_RETURN_LOCKED;
     if (token.empty() || StartsWith(token, "err")) {
       handler.RemoveCVToken(target.siteName);
       continue;
@@ -284,6 +287,7 @@ std::int32_t AsyncFileMethods::TokenLoop(const Target& target,
     mobileClient = std::make_shared<MobileClientWS>();
     PassResult result = pass(token);
     code = result.code;
+    if (code != SYNC_RETURN_OK && code != SYNC_RETURN_RENAME_SOURCE_GONE && Stopped()) return SYNC_RETURN_LOCKED;
     if (!result.badToken) return code;
     handler.RemoveCVToken(target.siteName);
   }

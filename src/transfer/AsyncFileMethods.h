@@ -27,6 +27,7 @@
 #include "CVSharepoint.h"
 #include "ServerFileOperations.h"
 #include "SyncRecords.h"
+#include "WorkerThreads.h"
 
 class AsyncFileUploader;
 class Clock;
@@ -164,7 +165,7 @@ class AsyncFileMethods : public ServerFileOperations {
   void DropUploader(const std::shared_ptr<AsyncFileUploader>& uploader);
   // Sleeps on the clock unless a stop comes first; false after a stop.
   bool PauseUnlessStopped(std::chrono::nanoseconds duration);
-  bool Stopped() const { return actionWasStoppedByUser_; }
+  bool Stopped() const { return actionWasStoppedByUser_ || CancelFlag::ThisThreadCancelled(); }
   // After an upload: the server's time and size into the record, and the time
   // onto the local file when the file is still what went up.
   void RecordUpload(CVFileWithAction& item, const std::string& servPath, const std::string& siteName,

@@ -65,8 +65,9 @@ std::string E2ETest::MakeClientHome(const std::string& name, const std::vector<s
   return home.string();
 }
 
-std::unique_ptr<ChildProcess> E2ETest::StartClient(const std::string& home, bool once) {
-  std::vector<std::string> arguments{"--headless", "--time-scale", "0.01"};
+std::unique_ptr<ChildProcess> E2ETest::StartClient(const std::string& home, bool once,
+                                                   const std::string& timeScale) {
+  std::vector<std::string> arguments{"--headless", "--time-scale", timeScale};
   if (once) arguments.push_back("--once");
   // Trash and desktop files stay inside the test's home.
   return std::make_unique<ChildProcess>(

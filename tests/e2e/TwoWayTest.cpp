@@ -184,3 +184,36 @@ TEST_F(E2ETest, ARestrictedFolderClosesTheListingButEmptiesNothingAndLocalChange
   EXPECT_EQ(a->Wait(30s), 0);
   EXPECT_EQ(ExceptionLog(alice), "");
 }
+
+// A server that holds its replies does not hold the client: a quit ends the
+// calls in flight, the listing of a pass as well as an item's server call, and
+// the change they were for goes up after the next start. The client runs on the
+// user's time here, so that its time-outs (minutes) cannot end the calls first.
+TEST_F(E2ETest, AQuitEndsCallsTheServerHoldsAndTheirWorkIsDoneAfterTheRestart) {
+  Write(ServerDocs() / "report.txt", "quarterly\n");
+  StartServer({"--fail", "GetFiles,1,delay=600000", "--fail", "MoveFile,1,delay=600000"});
+  std::string alice = MakeClientHome("alice");
+  Write(ClientDocs(alice) / "report.txt", "quarterly\n");
+
+  auto a = StartClient(alice, false, "1");
+  ASSERT_TRUE(server_->WaitForLine("GetFiles", 30s)) << server_->Output();
+  a->Signal(SIGTERM);
+  EXPECT_EQ(a->Wait(15s), 0) << a->Output();
+
+  a = StartClient(alice, false, "1");
+  ASSERT_TRUE(WaitForPassInStep(*a)) << a->Output();
+  fs::rename(ClientDocs(alice) / "report.txt", ClientDocs(alice) / "report 2026.txt");
+  ASSERT_TRUE(server_->WaitForLine("MoveFile", 60s)) << a->Output();
+  a->Signal(SIGTERM);
+  EXPECT_EQ(a->Wait(15s), 0) << a->Output();
+  EXPECT_TRUE(fs::exists(ServerDocs() / "report.txt"));
+
+  a = StartClient(alice);
+  ASSERT_TRUE(WaitFor([&] {
+    return fs::exists(ServerDocs() / "report 2026.txt") && Tree(ClientDocs(alice)) == Tree(ServerDocs());
+  })) << a->Output();
+  EXPECT_FALSE(fs::exists(ServerDocs() / "report.txt"));
+  a->Signal(SIGTERM);
+  EXPECT_EQ(a->Wait(30s), 0);
+  EXPECT_EQ(ExceptionLog(alice), "");
+}

@@ -1,12 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <regex>
+#include <thread>
 
 #include "CVConfiguration.h"
 #include "CVHandler.h"
 #include "ClientServerFixture.h"
 #include "CorvalinkWS.h"
 #include "WSCommonMethods.h"
+#include "WorkerThreads.h"
 
 using devserver::Fault;
 
@@ -159,4 +162,31 @@ TEST_F(SessionTest, TransportFailuresComeBackAsErrTexts) {
   EXPECT_EQ(handler().CheckCVToken(CVHandler::kMainTokenKey), "");
   reply = CorvalinkWS().GetDeviceStatus("x", handler().wsUrl());
   EXPECT_EQ(reply.rfind("errNon200 status code: (0)", 0), 0u) << reply;
+}
+
+// A call held by the server ends as soon as its thread's work is stopped, not at
+// its time-out; once stopped, the thread sends nothing more.
+TEST_F(SessionTest, AStoppedThreadsCallEndsAtOnceAndNothingMoreIsSent) {
+  const std::string token = handler().CheckCVToken(CVHandler::kMainTokenKey);
+  ASSERT_FALSE(token.empty());
+  const std::string url = server_->BaseUrl() + "/share.asmx";
+  server_->FailNext("GetDeviceStatus", Fault::Delay(std::chrono::minutes(10)));
+  CancelFlag flag;
+  std::string reply;
+  std::thread caller([&] {
+    CancelFlag::Binding binding(flag);
+    reply = WSCommonMethods::ProcessWebServiceRequest({token}, {"Token"}, "GetDeviceStatus", url);
+  });
+  for (int waited = 0; server_->CallCount("GetDeviceStatus") == 0 && waited < 500; ++waited) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  ASSERT_EQ(server_->CallCount("GetDeviceStatus"), 1);
+  flag.Cancel();
+  caller.join();  // would hang for the whole delay without the cancel
+  EXPECT_EQ(reply, WSCommonMethods::kCancelledReply);
+
+  CancelFlag::Binding binding(flag);
+  EXPECT_EQ(WSCommonMethods::ProcessDataWebServiceRequest({token}, {"Token"}, "GetDeviceStatus", url),
+            std::nullopt);
+  EXPECT_EQ(server_->CallCount("GetDeviceStatus"), 1);
 }
