@@ -51,6 +51,12 @@ int ReadSource(void* context, char* buffer, int length) {
 
 int CloseSource(void*) { return 0; }
 
+int AppendToText(void* context, const char* bytes, int length) {
+  if (length <= 0) return 0;
+  static_cast<std::string*>(context)->append(bytes, static_cast<std::size_t>(length));
+  return length;
+}
+
 std::string ElementName(const xmlChar* name) { return name ? reinterpret_cast<const char*>(name) : ""; }
 
 // A callback that throws would unwind through C frames: stop the parser instead.
@@ -140,9 +146,12 @@ std::optional<CVStateXMLFile::ParseError> CVStateXMLFile::Parse(std::string_view
 
 CVStateXMLFile::Writer::Writer() {
   EnsureLibraryReady();
-  buffer_ = xmlBufferCreate();
-  if (buffer_) writer_ = xmlNewTextWriterMemory(buffer_, 0);
+  // The writer's own output buffer hands the text over in pieces; a memory buffer
+  // of libxml2 would grow by a few bytes per write and copy itself each time.
+  xmlOutputBufferPtr output = xmlOutputBufferCreateIO(AppendToText, nullptr, &text_, nullptr);
+  if (output) writer_ = xmlNewTextWriter(output);  // owns output from here on
   if (!writer_) {
+    if (output) xmlOutputBufferClose(output);
     failure_ = "the XML writer cannot be made";
     return;
   }
@@ -153,7 +162,6 @@ CVStateXMLFile::Writer::Writer() {
 
 CVStateXMLFile::Writer::~Writer() {
   if (writer_) xmlFreeTextWriter(writer_);
-  if (buffer_) xmlBufferFree(buffer_);
 }
 
 void CVStateXMLFile::Writer::Check(int result, const char* step) {
@@ -179,12 +187,11 @@ void CVStateXMLFile::Writer::WriteElement(const char* name, const std::string& t
 std::optional<std::string> CVStateXMLFile::Writer::Finish() {
   if (failure_.empty()) Check(xmlTextWriterEndDocument(writer_), "the end");
   if (writer_) {
-    xmlFreeTextWriter(writer_);  // flushes into the buffer
+    xmlFreeTextWriter(writer_);  // flushes the rest into text_
     writer_ = nullptr;
   }
   if (!failure_.empty()) return std::nullopt;
-  return std::string(reinterpret_cast<const char*>(xmlBufferContent(buffer_)),
-                     static_cast<std::size_t>(xmlBufferLength(buffer_)));
+  return std::move(text_);
 }
 
 bool CVStateXMLFile::IsXMLText(std::string_view text) {

@@ -83,7 +83,7 @@ class CVStateXMLFile {
    private:
     void Check(int result, const char* step);
 
-    xmlBufferPtr buffer_ = nullptr;
+    std::string text_;
     xmlTextWriterPtr writer_ = nullptr;
     std::string failure_;
   };
