@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <libxml/parser.h>
 #include <libxml/xmlerror.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utf8proc.h>
 
@@ -15,6 +16,7 @@
 #include <functional>
 #include <mutex>
 
+#include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
 
 namespace {
@@ -51,10 +53,22 @@ int ReadSource(void* context, char* buffer, int length) {
 
 int CloseSource(void*) { return 0; }
 
-int AppendToText(void* context, const char* bytes, int length) {
-  if (length <= 0) return 0;
-  static_cast<std::string*>(context)->append(bytes, static_cast<std::size_t>(length));
-  return length;
+// An open file read in pieces as the parser asks for them; a failed read ends
+// the parse and is remembered, so that it is not taken for a broken document.
+struct FileSource {
+  int fd;
+  int readError = 0;
+};
+
+int ReadFileSource(void* context, char* buffer, int length) {
+  auto* source = static_cast<FileSource*>(context);
+  for (;;) {
+    ssize_t got = read(source->fd, buffer, static_cast<std::size_t>(std::max(length, 0)));
+    if (got >= 0) return static_cast<int>(got);
+    if (errno == EINTR) continue;
+    source->readError = errno;
+    return -1;
+  }
 }
 
 std::string ElementName(const xmlChar* name) { return name ? reinterpret_cast<const char*>(name) : ""; }
@@ -115,6 +129,19 @@ void OnError(void* context, xmlErrorPtr error) {
 }  // namespace
 
 std::optional<CVStateXMLFile::ParseError> CVStateXMLFile::Parse(std::string_view text, const Events& events) {
+  Source source{text};
+  return ParseFrom(ReadSource, &source, events);
+}
+
+std::optional<CVStateXMLFile::ParseError> CVStateXMLFile::ParseFile(int fd, const Events& events, int& readError) {
+  FileSource source{fd};
+  auto error = ParseFrom(ReadFileSource, &source, events);
+  readError = source.readError;
+  return error;
+}
+
+std::optional<CVStateXMLFile::ParseError> CVStateXMLFile::ParseFrom(int (*read)(void*, char*, int), void* source,
+                                                                    const Events& events) {
   EnsureLibraryReady();
   // Only the callbacks we need: no tree, no entity loading, no DTD.
   xmlSAXHandler handler{};
@@ -127,9 +154,8 @@ std::optional<CVStateXMLFile::ParseError> CVStateXMLFile::Parse(std::string_view
 
   ParseState state;
   state.events = &events;
-  Source source{text};
   xmlParserCtxtPtr context =
-      xmlCreateIOParserCtxt(&handler, &state, ReadSource, CloseSource, &source, XML_CHAR_ENCODING_NONE);
+      xmlCreateIOParserCtxt(&handler, &state, read, CloseSource, source, XML_CHAR_ENCODING_NONE);
   if (!context) return ParseError{-1, "the parser could not be created", 0, 0};
   state.context = context;
   xmlCtxtUseOptions(context, XML_PARSE_NONET);
@@ -144,11 +170,26 @@ std::optional<CVStateXMLFile::ParseError> CVStateXMLFile::Parse(std::string_view
   return state.error;
 }
 
-CVStateXMLFile::Writer::Writer() {
+int CVStateXMLFile::Writer::Append(void* context, const char* bytes, int length) {
+  auto* self = static_cast<Writer*>(context);
+  if (length <= 0) return 0;
+  std::string_view piece(bytes, static_cast<std::size_t>(length));
+  if (!self->sink_) {
+    self->text_.append(piece);
+    return length;
+  }
+  if (self->sinkFailed_ || !self->sink_(piece)) {
+    self->sinkFailed_ = true;
+    return -1;
+  }
+  return length;
+}
+
+CVStateXMLFile::Writer::Writer(Sink sink) : sink_(std::move(sink)) {
   EnsureLibraryReady();
   // The writer's own output buffer hands the text over in pieces; a memory buffer
   // of libxml2 would grow by a few bytes per write and copy itself each time.
-  xmlOutputBufferPtr output = xmlOutputBufferCreateIO(AppendToText, nullptr, &text_, nullptr);
+  xmlOutputBufferPtr output = xmlOutputBufferCreateIO(Append, nullptr, this, nullptr);
   if (output) writer_ = xmlNewTextWriter(output);  // owns output from here on
   if (!writer_) {
     if (output) xmlOutputBufferClose(output);
@@ -187,9 +228,10 @@ void CVStateXMLFile::Writer::WriteElement(const char* name, const std::string& t
 std::optional<std::string> CVStateXMLFile::Writer::Finish() {
   if (failure_.empty()) Check(xmlTextWriterEndDocument(writer_), "the end");
   if (writer_) {
-    xmlFreeTextWriter(writer_);  // flushes the rest into text_
+    xmlFreeTextWriter(writer_);  // flushes the rest
     writer_ = nullptr;
   }
+  if (sinkFailed_ && failure_.empty()) failure_ = "the document could not be handed on";
   if (!failure_.empty()) return std::nullopt;
   return std::move(text_);
 }
@@ -245,6 +287,24 @@ std::string CVStateXMLFile::TrimLayout(std::string_view text) {
   return std::string(text.substr(begin, end - begin));
 }
 
+bool CVStateXMLFile::ReadDescriptor(int fd, std::string& bytes, int* readError) {
+  bytes.clear();
+  struct stat info {};
+  if (fstat(fd, &info) == 0 && info.st_size > 0) bytes.reserve(static_cast<std::size_t>(info.st_size));
+  char buffer[65536];
+  while (true) {
+    ssize_t got = read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      if (readError) *readError = errno;
+      bytes.clear();
+      return false;
+    }
+    if (got == 0) return true;
+    bytes.append(buffer, static_cast<std::size_t>(got));
+  }
+}
+
 StateFileRead CVStateXMLFile::ReadFile(const std::string& path, std::string& bytes, std::string& error) {
   bytes.clear();
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -253,21 +313,12 @@ StateFileRead CVStateXMLFile::ReadFile(const std::string& path, std::string& byt
     error = std::strerror(errno);
     return StateFileRead::Unreadable;
   }
-  char buffer[65536];
-  while (true) {
-    ssize_t got = read(fd, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
-      error = std::strerror(errno);
-      close(fd);
-      bytes.clear();
-      return StateFileRead::Unreadable;
-    }
-    if (got == 0) break;
-    bytes.append(buffer, static_cast<std::size_t>(got));
-  }
+  int readError = 0;
+  bool whole = ReadDescriptor(fd, bytes, &readError);
   close(fd);
-  return StateFileRead::Whole;
+  if (whole) return StateFileRead::Whole;
+  error = std::strerror(readError);
+  return StateFileRead::Unreadable;
 }
 
 std::optional<std::string> CVStateXMLFile::ReadWholeFile(const std::string& path) {
@@ -280,6 +331,20 @@ std::optional<std::string> CVStateXMLFile::ReadWholeFile(const std::string& path
 bool CVStateXMLFile::Save(const std::string& path, const std::string& bytes) {
   CVStaticHelpers::CreateSettingsFolder();
   return CVStaticHelpers::WriteFileAtomically(path, bytes, 0600);
+}
+
+bool CVStateXMLFile::SaveStreamed(const std::string& path, const std::function<void(Writer&)>& write) {
+  CVStaticHelpers::CreateSettingsFolder();
+  return CVStaticHelpers::WriteFileAtomically(
+      path,
+      [&](const CVStaticHelpers::AppendBytes& append) {
+        Writer writer(append);
+        write(writer);
+        if (writer.Finish()) return true;
+        CVEventLogger::WriteMainLogMessage("CVStateXMLFile - SaveStreamed -> " + path + ": " + writer.failure());
+        return false;
+      },
+      0600);
 }
 
 CVStateXMLFile::StoreRead CVStateXMLFile::ReadStore(const std::string& path, const Events& events) {

@@ -50,8 +50,13 @@ class CVStateXMLFile {
   // was read whole, else its first error; the events before the error have been
   // delivered, and the parser goes on past errors it can recover from.
   static std::optional<ParseError> Parse(std::string_view text, const Events& events);
+  // The same over an open file from its offset, read in pieces: a large file
+  // never stands whole in memory. readError: the errno of a failed read, which
+  // ends the parse with an error; 0 when every read went through.
+  static std::optional<ParseError> ParseFile(int fd, const Events& events, int& readError);
 
-  // A UTF-8 document built in memory, indented two spaces per level.
+  // A UTF-8 document, indented two spaces per level, built in memory or handed
+  // piece by piece to a sink.
   class Writer {
    public:
     struct Attribute {
@@ -64,7 +69,11 @@ class CVStateXMLFile {
         {"xmlns:xsi", "http://www.w3.org/2001/XMLSchema-instance"},
     };
 
-    Writer();
+    using Sink = std::function<bool(std::string_view bytes)>;
+
+    // sink: takes the document in pieces as it is written (false when it cannot,
+    // which fails the writer); without one the document is kept in memory.
+    explicit Writer(Sink sink = nullptr);
     ~Writer();
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
@@ -74,15 +83,18 @@ class CVStateXMLFile {
     void EndElement();
     // A leaf element holding text, escaped as XML needs.
     void WriteElement(const char* name, const std::string& text);
-    // Closes what is still open and gives the document's bytes; nothing when any
-    // step failed.
+    // Closes what is still open and gives the document's bytes (empty with a
+    // sink); nothing when any step failed.
     std::optional<std::string> Finish();
     // The step that failed first, for a log line; "" while none has.
     const std::string& failure() const { return failure_; }
 
    private:
+    static int Append(void* context, const char* bytes, int length);
     void Check(int result, const char* step);
 
+    Sink sink_;
+    bool sinkFailed_ = false;
     std::string text_;
     xmlTextWriterPtr writer_ = nullptr;
     std::string failure_;
@@ -102,12 +114,18 @@ class CVStateXMLFile {
   // Missing when nothing stands at path; Unreadable (with error) when its bytes
   // cannot be read whole; else Whole with bytes.
   static StateFileRead ReadFile(const std::string& path, std::string& bytes, std::string& error);
+  // The rest of an open file from its offset; false (errno in readError) when a read failed.
+  static bool ReadDescriptor(int fd, std::string& bytes, int* readError = nullptr);
   // The whole file; nothing when it is missing or cannot be read.
   static std::optional<std::string> ReadWholeFile(const std::string& path);
   // Makes ".Settings" where it is missing and replaces the file with bytes, mode
   // 0600: readers see the old file or the new one, never a part. False (logged)
   // when the old file stays as it was.
   [[nodiscard]] static bool Save(const std::string& path, const std::string& bytes);
+  // The same with the document that write gives to the writer, streamed into the
+  // new file: a large document never stands whole in memory. False (logged) when
+  // the writer failed or the file could not be written; the old file stays.
+  [[nodiscard]] static bool SaveStreamed(const std::string& path, const std::function<void(Writer&)>& write);
 
   // How the read of a store went that keeps its state in memory and writes its
   // file back whole.
@@ -132,4 +150,7 @@ class CVStateXMLFile {
   // For a file whose bytes could not be read: the file itself is moved aside,
   // under a name of the same form that no other copy has.
   static std::string KeepBrokenCopy(const std::string& path);
+ private:
+  // Parses what read (libxml2's input callback) gives from source.
+  static std::optional<ParseError> ParseFrom(int (*read)(void*, char*, int), void* source, const Events& events);
 };

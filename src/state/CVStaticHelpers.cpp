@@ -374,6 +374,12 @@ std::string CVStaticHelpers::humanReadableListFromArray(const std::vector<std::s
 
 bool CVStaticHelpers::WriteFileAtomically(const std::string& path, std::string_view bytes,
                                           mode_t mode) {
+  return WriteFileAtomically(path, [bytes](const AppendBytes& append) { return append(bytes); }, mode);
+}
+
+bool CVStaticHelpers::WriteFileAtomically(const std::string& path,
+                                          const std::function<bool(const AppendBytes& append)>& fill,
+                                          mode_t mode) {
   fs::path target(path);
   std::string folder = target.parent_path().empty() ? "." : target.parent_path().string();
   std::string temp = folder + "/." + target.filename().string() + ".XXXXXX";
@@ -391,16 +397,34 @@ bool CVStaticHelpers::WriteFileAtomically(const std::string& path, std::string_v
     close(fd);
     return fail("cannot set the mode of", code, true);
   }
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t written = write(fd, bytes.data() + done, bytes.size() - done);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      int code = errno;
-      close(fd);
-      return fail("cannot write", code, true);
+  int writeError = 0;
+  auto append = [&](std::string_view bytes) {
+    while (writeError == 0 && !bytes.empty()) {
+      ssize_t written = write(fd, bytes.data(), bytes.size());
+      if (written < 0) {
+        if (errno != EINTR) writeError = errno;
+        continue;
+      }
+      bytes.remove_prefix(static_cast<std::size_t>(written));
     }
-    done += static_cast<std::size_t>(written);
+    return writeError == 0;
+  };
+  bool filled = false;
+  try {
+    filled = fill(append);
+  } catch (...) {
+    close(fd);
+    unlink(temp.c_str());
+    throw;
+  }
+  if (writeError != 0) {
+    close(fd);
+    return fail("cannot write", writeError, true);
+  }
+  if (!filled) {
+    close(fd);
+    unlink(temp.c_str());
+    return false;  // the producer has said why
   }
   if (fsync(fd) != 0) {
     int code = errno;

@@ -113,6 +113,13 @@ class CVStaticHelpers {
   // file is left as it was.
   [[nodiscard]] static bool WriteFileAtomically(const std::string& path, std::string_view bytes,
                                                 mode_t mode);
+  // The same with content that fill produces piece by piece through append
+  // (false once a write failed), so that a large file never stands whole in
+  // memory. The old file stays when fill returns false.
+  using AppendBytes = std::function<bool(std::string_view bytes)>;
+  [[nodiscard]] static bool WriteFileAtomically(const std::string& path,
+                                                const std::function<bool(const AppendBytes& append)>& fill,
+                                                mode_t mode);
 
   // The sources of identity and Trash; nullptr brings back the machine's own.
   // The application and tests install theirs before use.

@@ -1,7 +1,6 @@
 #include "NewFilesParser.h"
 
 #include <exception>
-#include <stdexcept>
 
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
@@ -50,8 +49,7 @@ std::recursive_mutex& NewFilesParser::newFilesLock() {
   return lock;
 }
 
-std::string NewFilesParser::NewFilesXMLText(const std::vector<NFQ_File>& array) {
-  CVStateXMLFile::Writer writer;
+void NewFilesParser::WriteNewFilesXML(CVStateXMLFile::Writer& writer, const std::vector<NFQ_File>& array) {
   writer.StartElement("NewFiles", CVStateXMLFile::Writer::kSchemaNamespaces);
   for (const auto& record : array) {
     if (!CVStateXMLFile::IsXMLText(record.nFilePath) || !CVStateXMLFile::IsXMLText(record.oldFilePath)) {
@@ -69,17 +67,16 @@ std::string NewFilesParser::NewFilesXMLText(const std::vector<NFQ_File>& array) 
     writer.WriteElement("attemptCount", std::to_string(record.attemptCount));
     writer.EndElement();
   }
-  auto text = writer.Finish();
-  if (!text) throw std::runtime_error(writer.failure());
-  return *text;
 }
 
 bool NewFilesParser::saveNewFilesXML(const std::vector<NFQ_File>& array) {
   try {
-    std::string text = NewFilesXMLText(array);
     std::lock_guard<std::recursive_mutex> lock(newFilesLock());
     // Replaced in one step, never removed first: a crash leaves the old file or the new one.
-    if (CVStateXMLFile::Save(NewFilesXMLPath(), text)) return true;
+    if (CVStateXMLFile::SaveStreamed(NewFilesXMLPath(),
+                                     [&](CVStateXMLFile::Writer& writer) { WriteNewFilesXML(writer, array); })) {
+      return true;
+    }
     CVEventLogger::LogException(kClassName, "saveNewFilesXML", "NewFiles.xml could not be written; the old file stays");
     return false;
   } catch (const std::exception& exception) {

@@ -35,8 +35,8 @@ class NewFilesParser {
 
  private:
   // The document of array; records whose paths cannot stand in XML are left
-  // out, each with a line in the log. Throws when the writer fails.
-  static std::string NewFilesXMLText(const std::vector<NFQ_File>& array);
+  // out, each with a line in the log.
+  static void WriteNewFilesXML(CVStateXMLFile::Writer& writer, const std::vector<NFQ_File>& array);
 
   StateFileRead lastRead_ = StateFileRead::Missing;
 };

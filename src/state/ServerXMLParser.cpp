@@ -2,7 +2,6 @@
 
 #include <exception>
 #include <mutex>
-#include <stdexcept>
 
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
@@ -81,8 +80,7 @@ std::optional<std::vector<CVFileForCompare>> ServerXMLParser::readDownloadedFile
       lastRead_);
 }
 
-std::string ServerXMLParser::DownloadedXMLText(const std::vector<CVFileForCompare>& array) {
-  CVStateXMLFile::Writer writer;
+void ServerXMLParser::WriteDownloadedXML(CVStateXMLFile::Writer& writer, const std::vector<CVFileForCompare>& array) {
   writer.StartElement("DownloadedFiles", CVStateXMLFile::Writer::kSchemaNamespaces);
   for (const auto& record : array) {
     if (record.deleted) continue;
@@ -103,17 +101,16 @@ std::string ServerXMLParser::DownloadedXMLText(const std::vector<CVFileForCompar
     writer.WriteElement("fileStatus", std::to_string(record.fileStatus));
     writer.EndElement();
   }
-  auto text = writer.Finish();
-  if (!text) throw std::runtime_error(writer.failure());
-  return *text;
 }
 
 bool ServerXMLParser::saveDownloadedXML(const std::vector<CVFileForCompare>& array) {
   try {
-    std::string text = DownloadedXMLText(array);
     std::lock_guard<std::recursive_mutex> lock(DownloadedXMLStaticMethods::downloadedFilesLock());
     // Replaced in one step, never removed first: a crash leaves the old file or the new one.
-    if (CVStateXMLFile::Save(CVStaticHelpers::GenerateDownloadedXMLPath(), text)) return true;
+    if (CVStateXMLFile::SaveStreamed(CVStaticHelpers::GenerateDownloadedXMLPath(),
+                                     [&](CVStateXMLFile::Writer& writer) { WriteDownloadedXML(writer, array); })) {
+      return true;
+    }
     CVEventLogger::LogException(kClassName, "saveDownloadedXML",
                                 "DownloadedFiles.xml could not be written; the old file stays");
     return false;

@@ -31,8 +31,8 @@ class ServerXMLParser {
 
  private:
   // The document of array; records whose paths cannot stand in XML are left
-  // out, each with a line in the log. Throws when the writer fails.
-  static std::string DownloadedXMLText(const std::vector<CVFileForCompare>& array);
+  // out, each with a line in the log.
+  static void WriteDownloadedXML(CVStateXMLFile::Writer& writer, const std::vector<CVFileForCompare>& array);
 
   StateFileRead lastRead_ = StateFileRead::Missing;
 };

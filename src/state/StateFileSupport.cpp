@@ -1,10 +1,16 @@
 #include "StateFileSupport.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstring>
 #include <exception>
 
 #include "CVEventLogger.h"
+#include "CVStateXMLFile.h"
 #include "CVStaticHelpers.h"
 
 namespace {
@@ -52,18 +58,23 @@ bool ReadWholeNumber(const StateFileSupport::RecordFile& file, std::string_view 
 StateFileRead StateFileSupport::ReadRecordFile(const RecordFile& file, const RecordEvents& events) {
   try {
     CVStaticHelpers::CreateSettingsFolder();
-    std::string bytes;
-    std::string error;
-    StateFileRead state;
+    // Opened under the lock: a save replaces the file by a rename, so what is
+    // open stays the whole file of this moment, read in pieces after the lock.
+    int fd = -1;
     {
       std::lock_guard<std::recursive_mutex> lock(*file.lock);
-      state = CVStateXMLFile::ReadFile(file.path, bytes, error);
+      fd = open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
     }
-    if (state == StateFileRead::Missing) return state;
-    if (state == StateFileRead::Unreadable) {
-      CVEventLogger::LogException(file.className, file.method, "cannot read " + file.path + ": " + error);
-      return state;
+    if (fd < 0) {
+      if (errno == ENOENT) return StateFileRead::Missing;
+      CVEventLogger::LogException(file.className, file.method,
+                                  "cannot read " + file.path + ": " + std::strerror(errno));
+      return StateFileRead::Unreadable;
     }
+    struct Closer {
+      int fd;
+      ~Closer() { close(fd); }
+    } closer{fd};
 
     bool wrongValues = false;
     CVStateXMLFile::Events xml;
@@ -82,7 +93,14 @@ StateFileRead StateFileSupport::ReadRecordFile(const RecordFile& file, const Rec
         CVEventLogger::LogException(file.className, file.method, exception.what());
       }
     };
-    auto parseError = CVStateXMLFile::Parse(bytes, xml);
+    int readError = 0;
+    auto parseError = CVStateXMLFile::ParseFile(fd, xml, readError);
+    if (readError != 0) {
+      // Not a broken document but an unread one: nobody may save over it.
+      CVEventLogger::LogException(file.className, file.method,
+                                  "cannot read " + file.path + ": " + std::strerror(readError));
+      return StateFileRead::Unreadable;
+    }
     if (parseError) {
       file.logParseError("Error " + std::to_string(parseError->code) + ", Description: " + parseError->description +
                          ", Line: " + std::to_string(parseError->line) +
@@ -90,8 +108,10 @@ StateFileRead StateFileSupport::ReadRecordFile(const RecordFile& file, const Rec
     }
     if (!parseError && !wrongValues) return StateFileRead::Whole;
 
-    // An empty file holds nothing to keep.
-    std::string copy = bytes.empty() ? "" : CVStateXMLFile::KeepBrokenCopy(file.path, bytes);
+    // The copy is of the file as it was read; an empty file holds nothing to keep.
+    std::string bytes;
+    bool reread = lseek(fd, 0, SEEK_SET) == 0 && CVStateXMLFile::ReadDescriptor(fd, bytes);
+    std::string copy = !reread || bytes.empty() ? "" : CVStateXMLFile::KeepBrokenCopy(file.path, bytes);
     CVEventLogger::LogException(file.className, file.method,
                                 std::to_string(events.count()) + " records read; " +
                                     (copy.empty() ? "the file as it was could not be kept"

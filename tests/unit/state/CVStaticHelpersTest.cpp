@@ -10,6 +10,7 @@
 #include <memory>
 #include <regex>
 #include <set>
+#include <stdexcept>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -416,6 +417,25 @@ TEST(CVStaticHelpers, WriteFileAtomicallyReplacesWholeWithTheGivenMode) {
   EXPECT_FALSE(CVStaticHelpers::WriteFileAtomically(folder + "/busy", "x", 0600));
   EXPECT_TRUE(fs::is_directory(folder + "/busy"));
   std::set<std::string> names;
+  for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename());
+  EXPECT_EQ(names, (std::set<std::string>{"State.xml", "empty", "busy"}));
+
+  // Streamed content: pieces land in order; a producer that gives up half way
+  // (or throws) leaves the old file and no temporary one.
+  auto pieces = [](const CVStaticHelpers::AppendBytes& append) {
+    return append("one ") && append("") && append("two");
+  };
+  ASSERT_TRUE(CVStaticHelpers::WriteFileAtomically(file, pieces, 0600));
+  EXPECT_EQ(ReadFile(file), "one two");
+  auto givesUp = [](const CVStaticHelpers::AppendBytes& append) { return append("half") && false; };
+  EXPECT_FALSE(CVStaticHelpers::WriteFileAtomically(file, givesUp, 0600));
+  auto throws = [](const CVStaticHelpers::AppendBytes& append) -> bool {
+    append("half");
+    throw std::runtime_error("no more");
+  };
+  EXPECT_THROW((void)CVStaticHelpers::WriteFileAtomically(file, throws, 0600), std::runtime_error);
+  EXPECT_EQ(ReadFile(file), "one two");
+  names.clear();
   for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename());
   EXPECT_EQ(names, (std::set<std::string>{"State.xml", "empty", "busy"}));
 }
