@@ -55,20 +55,35 @@ int CloseSource(void*) { return 0; }
 
 // An open file read in pieces as the parser asks for them; a failed read ends
 // the parse and is remembered, so that it is not taken for a broken document.
+// The parser asks for a few kilobytes at a time; the file is read in larger pieces.
 struct FileSource {
-  int fd;
+  int fd = -1;
   int readError = 0;
+  std::string buffer;
+  std::size_t used = 0;
 };
 
 int ReadFileSource(void* context, char* buffer, int length) {
   auto* source = static_cast<FileSource*>(context);
-  for (;;) {
-    ssize_t got = read(source->fd, buffer, static_cast<std::size_t>(std::max(length, 0)));
-    if (got >= 0) return static_cast<int>(got);
-    if (errno == EINTR) continue;
-    source->readError = errno;
-    return -1;
+  if (source->used == source->buffer.size()) {
+    source->buffer.resize(64 * 1024);
+    source->used = 0;
+    for (;;) {
+      ssize_t got = read(source->fd, source->buffer.data(), source->buffer.size());
+      if (got >= 0) {
+        source->buffer.resize(static_cast<std::size_t>(got));
+        break;
+      }
+      if (errno == EINTR) continue;
+      source->readError = errno;
+      source->buffer.clear();
+      return -1;
+    }
   }
+  std::size_t count = std::min(static_cast<std::size_t>(std::max(length, 0)), source->buffer.size() - source->used);
+  std::memcpy(buffer, source->buffer.data() + source->used, count);
+  source->used += count;
+  return static_cast<int>(count);
 }
 
 std::string ElementName(const xmlChar* name) { return name ? reinterpret_cast<const char*>(name) : ""; }
@@ -134,7 +149,8 @@ std::optional<CVStateXMLFile::ParseError> CVStateXMLFile::Parse(std::string_view
 }
 
 std::optional<CVStateXMLFile::ParseError> CVStateXMLFile::ParseFile(int fd, const Events& events, int& readError) {
-  FileSource source{fd};
+  FileSource source;
+  source.fd = fd;
   auto error = ParseFrom(ReadFileSource, &source, events);
   readError = source.readError;
   return error;

@@ -398,7 +398,7 @@ bool CVStaticHelpers::WriteFileAtomically(const std::string& path,
     return fail("cannot set the mode of", code, true);
   }
   int writeError = 0;
-  auto append = [&](std::string_view bytes) {
+  auto writeOut = [&](std::string_view bytes) {
     while (writeError == 0 && !bytes.empty()) {
       ssize_t written = write(fd, bytes.data(), bytes.size());
       if (written < 0) {
@@ -409,9 +409,21 @@ bool CVStaticHelpers::WriteFileAtomically(const std::string& path,
     }
     return writeError == 0;
   };
+  // Small pieces are gathered, so that a large file costs few writes.
+  constexpr std::size_t kGather = 64 * 1024;
+  std::string gathered;
+  auto append = [&](std::string_view bytes) {
+    if (gathered.size() + bytes.size() < kGather) {
+      gathered.append(bytes);
+      return writeError == 0;
+    }
+    bool written = writeOut(gathered) && writeOut(bytes);
+    gathered.clear();
+    return written;
+  };
   bool filled = false;
   try {
-    filled = fill(append);
+    filled = fill(append) && writeOut(gathered);
   } catch (...) {
     close(fd);
     unlink(temp.c_str());
