@@ -369,7 +369,7 @@ ManagerDownload::Next ManagerDownload::Attempt(const Run& run, bool& offline,
     // An upload request sends no path, and an empty record would name nothing.
     if (!run.path.empty()) {
       CVIPRestriction::Instance().AddNodeIfNoSuchWitServerPathFile(
-          run.path, DateTextOf(CVConfiguration::Instance().Corvalink.LastSync));
+          run.path, DateTextOf(CVConfiguration::Instance().LastSync()));
     }
     offline = false;
     return Next::Finish;

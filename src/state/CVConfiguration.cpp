@@ -364,15 +364,27 @@ void CVConfiguration::ParseDocument(const std::string& text) {
   (void)CVStateXMLFile::Parse(text, events);
 }
 
+std::int64_t CVConfiguration::LastSync() {
+  std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
+  return Corvalink.LastSync;
+}
+
+void CVConfiguration::SetLastSync(std::int64_t seconds) {
+  std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
+  Corvalink.LastSync = seconds;
+}
+
 std::string CVConfiguration::SaveConfigXML() {
   std::lock_guard<std::mutex> saving(saveLock_);
   std::vector<CVSharepoint> sites;
+  CVConnection account;
   {
     std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
     for (const auto& site : fSpSites) sites.push_back(*site);
+    account = Corvalink;
   }
   DocumentWriter doc;
-  WriteAccount(doc, Corvalink, false);
+  WriteAccount(doc, account, false);
   doc.Start("SpSites");
   for (const auto& site : sites) WriteSite(doc, site);
   doc.End();

@@ -37,7 +37,12 @@ class CVConfiguration {
   // never calls the server itself. Without one the part size is 0.
   void SetPartSizeSource(std::function<std::int64_t()> source);
 
+  // The account; fields that threads share (LastSync, SyncCV) are read and
+  // written under fSpSitesLock.
   CVConnection Corvalink;
+  // Corvalink.LastSync under fSpSitesLock.
+  std::int64_t LastSync();
+  void SetLastSync(std::int64_t seconds);
   std::vector<SitePtr> fSpSites;
   std::vector<SitePtr> fSpSitestUploadRequest;
   bool fIsInAutomaticStartup = false;

@@ -328,7 +328,7 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
           SyncListener::SendSyncStateChangedNotification(0);
           outcome = PassOutcome::WithErrors;
         } else {
-          config.Corvalink.LastSync = passDate;
+          config.SetLastSync(passDate);
           config.SaveConfigXML();
           if (!sync->requiresQueueRefill) {
             std::string when = CVStaticHelpers::FormatDateTime(passDate);

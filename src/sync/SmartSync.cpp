@@ -415,7 +415,7 @@ void SmartSync::Idle(bool& workDone) {
       app_.NotifySyncError();
       app_.SetStatusIcon(6);
     } else {
-      std::int64_t lastSync = CVConfiguration::Instance().Corvalink.LastSync;
+      std::int64_t lastSync = CVConfiguration::Instance().LastSync();
       app_.SetTooltip("Last synchronization: " + CVStaticHelpers::FormatDateTime(lastSync));
       SyncListener::setLastSyncText("Last update at: " +
                                     CVStaticHelpers::FormatDateTime(app_.clock().WallNowSeconds()));

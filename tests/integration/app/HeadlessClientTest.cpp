@@ -33,7 +33,7 @@ class HeadlessClientTest : public ClientServerTest {
   std::int64_t StoredLastSync() {
     CVConfiguration::ResetForTests();
     CVConfiguration::Instance().ReadConfigFromFile();
-    return CVConfiguration::Instance().Corvalink.LastSync;
+    return CVConfiguration::Instance().LastSync();
   }
 };
 

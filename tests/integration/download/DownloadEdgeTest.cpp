@@ -119,10 +119,23 @@ TEST_F(FileDownloadTest, AStopWhileTheBodyStreamsLeavesNoEventBehind) {
   CVFileWithAction file = ServerFile("Docs", "streamed.bin", content);
   auto scripts = std::make_shared<ScriptedDownloads>();
   ASIHTTPRequest::SetTransport(scripts);
-  std::atomic<bool> stopped{false};
+  // Shared with the script, which runs on the request's thread and ends
+  // after the download has already given up.
+  struct Steps {
+    std::atomic<bool> reached{false};
+    std::atomic<bool> stopped{false};
+    std::atomic<bool> scriptEnded{false};
+  };
+  auto steps = std::make_shared<Steps>();
   AsyncFileDownloader downloader;
+  // Another thread stops the download once 8,000 bytes came.
+  std::thread stopper([&] {
+    Eventually([&] { return steps->reached.load(); });
+    downloader.StopDownloading();
+    steps->stopped = true;
+  });
   // Pieces keep coming after the stop; none of them may reach the file.
-  scripts->Add([&](HTTPExchange& exchange) {
+  scripts->Add([steps, content](HTTPExchange& exchange) {
     HTTPResponseHead head;
     head.statusCode = 200;
     head.statusLine = "HTTP/1.1 200 OK";
@@ -130,20 +143,20 @@ TEST_F(FileDownloadTest, AStopWhileTheBodyStreamsLeavesNoEventBehind) {
     exchange.onResponseHead(head);
     for (std::size_t offset = 0; offset < content.size(); offset += 1'000) {
       if (offset == 8'000) {
-        std::thread([&] {
-          downloader.StopDownloading();
-          stopped = true;
-        }).detach();
-        Eventually([&] { return stopped.load(); });
+        steps->reached = true;
+        Eventually([&] { return steps->stopped.load(); });
       }
       if (!exchange.onBody(content.data() + offset, 1'000)) break;
     }
+    steps->scriptEnded = true;
     HTTPExchangeResult result;
     result.outcome = HTTPExchangeResult::Outcome::Stopped;
     return result;
   });
 
   EXPECT_FALSE(downloader.DownloadFile(file));
+  stopper.join();
+  Eventually([&] { return steps->scriptEnded.load(); });
   EXPECT_EQ(downloader.downloadCancelReason(), AsyncFileDownloader::kReasonStopped);
   EXPECT_TRUE(HasBytes(Temporary(file), content.substr(0, 8'000)));
   EXPECT_EQ(scripts->Ranges().size(), 1u);
