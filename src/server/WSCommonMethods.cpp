@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "ASIError.h"
 #include "ASIHTTPRequest.h"
 #include "CVEventLogger.h"
 #include "WorkerThreads.h"
@@ -62,7 +63,9 @@ bool WSCommonMethods::RunUnlessCancelled(const std::shared_ptr<ASIHTTPRequest>& 
   }
   request->startSynchronous();
   if (flag) flag->RemoveHook(hook);
-  if (flag && flag->IsCancelled()) {
+  // A reply that came whole before the stop is kept: the server has acted on it.
+  auto error = request->error();
+  if (error && error->code() == ASIError::ASIRequestCancelledErrorType) {
     CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - " + methodName + " -> ended, the work was stopped");
     return false;
   }

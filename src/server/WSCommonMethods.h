@@ -50,8 +50,8 @@ class WSCommonMethods {
   static double DataCallTimeOut(const std::string& methodName);
 
  private:
-  // Runs request on this thread under the thread's cancel flag; false, with
-  // nothing sent, when the flag is raised already or is raised during the call.
+  // Runs request on this thread under the thread's cancel flag; false when the
+  // flag is raised already (nothing is sent) or ends the call before its reply.
   static bool RunUnlessCancelled(const std::shared_ptr<ASIHTTPRequest>& request, const std::string& methodName);
   static Parameters Zip(const std::vector<std::string>& values, const std::vector<std::string>& keys);
 };
