@@ -88,6 +88,9 @@ int HeadlessApp::Run() {
             case AppDelegate::PassOutcome::WithErrors:
               std::cout << "The pass ended with errors; see the logs." << std::endl;
               break;
+            case AppDelegate::PassOutcome::ItemsLeft:
+              std::cout << "The pass left items for a later one; see the logs." << std::endl;
+              break;
             case AppDelegate::PassOutcome::Offline:
               std::cout << "Offline: the server could not be reached or did not accept the account."
                         << std::endl;

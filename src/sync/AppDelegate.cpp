@@ -254,6 +254,7 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
   std::string passId = NewUuid();
   CVEventLogger::WriteMainLogMessage("[SyncNowSeparatedSelector] called\n" + passId);
   sync->syncedWithSomeErrors = false;
+  sync->itemsLeftForLater = false;
 
   std::optional<PassOutcome> outcome;
   try {
@@ -339,7 +340,7 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
               status.SetSyncNowTitle("Sync now (last update at " + when + ")");
             });
           }
-          outcome = PassOutcome::InStep;
+          outcome = sync->itemsLeftForLater ? PassOutcome::ItemsLeft : PassOutcome::InStep;
         }
       }
     }
@@ -713,6 +714,19 @@ void AppDelegate::SyncNewEnable(bool hidden) {
 void AppDelegate::NotifySyncError() {
   mainLoop_.RunOnMain([&status = status_] { UIFunctions::NotificationSyncError(status); });
 }
+
+void AppDelegate::NotifyDiskFull(const std::string& path) {
+  if (diskFullNotified_.exchange(true)) return;
+  const std::string name = std::filesystem::path(path).filename().string();
+  CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - NotifyDiskFull -> no space left for " + path);
+  mainLoop_.RunOnMain([&status = status_, name] {
+    status.ShowNotification("Corvalink Sync",
+                            "The disk is full: \"" + name +
+                                "\" could not be downloaded. Free some space; the sync goes on by itself.");
+  });
+}
+
+void AppDelegate::DiskHasRoom() { diskFullNotified_ = false; }
 
 void AppDelegate::AddFileInProgress(const std::string& path) {
   std::lock_guard<std::recursive_mutex> lock(FilesInProgressLock);

@@ -47,8 +47,9 @@ class AppDelegate {
         makeEventStream;
   };
 
-  // How a pass ended, for whoever waits on one (the --once run).
-  enum class PassOutcome { InStep, WithErrors, Offline };
+  // How a pass ended, for whoever waits on one (the --once run). ItemsLeft: no
+  // error, but items wait for a later pass (a download that could not finish).
+  enum class PassOutcome { InStep, WithErrors, Offline, ItemsLeft };
 
   static constexpr std::chrono::seconds kSyncTimerPeriod{40};
   static constexpr std::chrono::seconds kFSWTimerPeriod{5};
@@ -107,6 +108,10 @@ class AppDelegate {
   void SetTooltip(const std::string& text);
   void SyncNewEnable(bool hidden);
   void NotifySyncError();
+  // Tells the user once that a download found the disk full; DiskHasRoom makes
+  // the next full disk told again.
+  void NotifyDiskFull(const std::string& path);
+  void DiskHasRoom();
 
   // filesInProgress: paths the sync itself is changing.
   void AddFileInProgress(const std::string& path);
@@ -177,6 +182,7 @@ class AppDelegate {
   std::mutex versionLock_;
   std::string webServiceVersion_;
   std::mutex handlerLock_;
+  std::atomic<bool> diskFullNotified_{false};
   std::function<void(PassOutcome)> passFinished_;
 
   // Declared last: joined first when the object goes away.

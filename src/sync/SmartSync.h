@@ -82,6 +82,8 @@ class SmartSync {
   std::atomic<bool> sqInProcess{false};
   std::atomic<bool> queuesNotEmpty{false};
   std::atomic<bool> syncedWithSomeErrors{false};
+  // Set when an item of this pass stayed for a later one; cleared at a pass's start.
+  std::atomic<bool> itemsLeftForLater{false};
   std::atomic<bool> shouldLoginToStorageAgain{false};
   std::atomic<bool> forceStopSync{false};
   std::atomic<std::int32_t> currentAction{-1};

@@ -244,6 +244,7 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
   } else if (result == SYNC_RETURN_LOCKED) {
     Log("PerformNextFileOperation",
         "Return SYNC_RETURN_LOCKED, waiting for the next round for file: " + item.nFilePath);
+    sync.itemsLeftForLater = true;
   } else if (result == SYNC_RETURN_STATE_CHANGED && item.fileAction == FWA_UploadToServer &&
              item.isFSWAction && !exists) {
     CVEventLogger::WriteMainLogMessage("<WARNING> Upload (-6) for file: " + item.nFilePath);
@@ -254,7 +255,7 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
     CVEventLogger::WriteMainLogMessage("<WARNING> Delete On Server (-6) for file: " + item.nFilePath);
     sync.RemoveFileFromFSWArrayQueue();
   } else if (result == SYNC_RETURN_STATE_CHANGED) {
-    // stays for the next round
+    sync.itemsLeftForLater = true;  // stays for the next round
   } else if (result == SYNC_RETURN_RESTRICTED) {
     Log("PerformNextFileOperation", "Restricted file/folder: " + item.nFilePath);
     CVIPRestriction::Instance().AddNodeIfNoSuchWitServerPathFile(item.nFilePath,
@@ -265,6 +266,7 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
     sync.write_log_inforamtion(item, true);
     CVEventLogger::WriteMainLogMessage("!!! OPERATION FAILED !!! " + std::to_string(result));
     if (result == SYNC_RETURN_FAILED) sync.syncedWithSomeErrors = true;
+    sync.itemsLeftForLater = true;
   }
   CVSelectiveSync::Instance().SaveConfigXML();
   return result;
@@ -524,6 +526,11 @@ bool SmartSyncFileOperations::DownloadFile(CVFileWithAction& item) {
     cvAFD_ = downloader;
   }
   bool arrived = downloader->DownloadFile(item);
+  if (arrived) {
+    app_.DiskHasRoom();
+  } else if (downloader->lastLocalErrno() == ENOSPC || downloader->lastLocalErrno() == EDQUOT) {
+    app_.NotifyDiskFull(item.nFilePath);
+  }
   std::lock_guard<std::mutex> lock(downloaderLock_);
   if (cvAFD_ == downloader) cvAFD_.reset();
   return arrived;

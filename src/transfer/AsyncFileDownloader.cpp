@@ -63,8 +63,9 @@ PathState Inspect(const std::string& path) {
   return state;
 }
 
-std::runtime_error SystemFailure(const std::string& what, const std::string& path) {
-  return std::runtime_error(what + " '" + path + "': " + std::strerror(errno));
+// A failure of this machine's file system, with its errno (a full disk, say).
+std::system_error SystemFailure(const std::string& what, const std::string& path) {
+  return std::system_error(errno, std::generic_category(), what + " '" + path + "'");
 }
 
 void WriteAll(int fd, std::string_view bytes, const std::string& path) {
@@ -133,8 +134,16 @@ struct AsyncFileDownloader::Attempt {
   std::int64_t bytesWritten = 0;
   bool ended = false;
   std::int64_t reason = kReasonRunning;
+  std::string localFailure;  // what failed on this machine's disk, if anything
+  int localErrno = 0;
 
   ~Attempt() { CloseFile(); }
+  void NoteFailure(const std::exception& exception) {
+    localFailure = exception.what();
+    if (const auto* system = dynamic_cast<const std::system_error*>(&exception)) {
+      localErrno = system->code().value();
+    }
+  }
   void CloseFile() {
     if (fileHandle >= 0) ::close(fileHandle);
     fileHandle = -1;
@@ -494,11 +503,14 @@ bool AsyncFileDownloader::RunAttempt(const CVFileWithAction& file, const std::st
   // the next attempt. This waits for an event still being delivered.
   if (request) request->clearDelegatesAndCancel();
   std::int64_t reason = kReasonException;
+  std::string localFailure;
   {
     std::lock_guard<std::mutex> lock(attempt->progressLock);
     if (!attempt->ended) EndAttemptLocked(*attempt, kReasonException);
     attempt->CloseFile();
     reason = attempt->reason;
+    localFailure = attempt->localFailure;
+    if (attempt->localErrno != 0) lastLocalErrno_ = attempt->localErrno;
   }
   const std::optional<ASIError> error = request ? request->error() : std::nullopt;
   {
@@ -517,6 +529,7 @@ bool AsyncFileDownloader::RunAttempt(const CVFileWithAction& file, const std::st
   if (reason != kReasonSuccess) {
     Log(method, "Download error: " + std::to_string(error ? error->code() : 0) +
                     " description:" + ErrorText(error));
+    if (!localFailure.empty()) Log(method, "the file could not be written here: " + localFailure);
   }
   Log(method, std::string("Result download files: ") + (reason == kReasonSuccess ? "1" : "0"));
   return reason == kReasonSuccess;
@@ -632,6 +645,7 @@ void AsyncFileDownloader::StartFileDownloading(const std::shared_ptr<Attempt>& a
     }
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClass, "StartFileDownloading", exception.what());
+    attempt->NoteFailure(exception);
     EndAttemptLocked(*attempt, kReasonException);
   }
 }
@@ -652,6 +666,7 @@ void AsyncFileDownloader::ResponseHeadersReceived(const std::shared_ptr<Attempt>
     attempt->bytesWritten = 0;
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClass, "ResponseHeadersReceived", exception.what());
+    attempt->NoteFailure(exception);
     EndAttemptLocked(*attempt, kReasonException);
   }
 }
@@ -705,6 +720,7 @@ void AsyncFileDownloader::ProgressRequest(const std::shared_ptr<Attempt>& attemp
       }
     } catch (const std::exception& exception) {
       CVEventLogger::LogException(kClass, "ProgressRequest", exception.what());
+      attempt->NoteFailure(exception);
       EndAttemptLocked(*attempt, kReasonException);
       return;
     }
@@ -768,6 +784,7 @@ void AsyncFileDownloader::FinishFileDownloading(const std::shared_ptr<Attempt>& 
       }
     } catch (const std::exception& exception) {
       CVEventLogger::LogException(kClass, "FinishFileDownloading", exception.what());
+      attempt->NoteFailure(exception);
       EndAttemptLocked(*attempt, kReasonException);
     }
   }

@@ -100,6 +100,9 @@ class AsyncFileDownloader {
   // --- State, readable from any thread ---
 
   std::int64_t downloadCancelReason() const { return downloadCancelReason_; }
+  // The errno of the last failure of this machine's disk (ENOSPC for a full
+  // one) in any attempt of this object; 0 when there was none.
+  int lastLocalErrno() const { return lastLocalErrno_; }
   std::int64_t failDownloadsCount() const { return failDownloadsCount_; }
   bool downloadingRuns() const { return downloadingRuns_; }
   bool iconSet() const { return iconSet_; }
@@ -150,5 +153,6 @@ class AsyncFileDownloader {
   std::atomic<bool> inDownloadFile_{false};
   std::atomic<bool> iconSet_{false};
   std::atomic<std::int64_t> downloadCancelReason_{kReasonRunning};
+  std::atomic<int> lastLocalErrno_{0};
   std::atomic<std::int64_t> failDownloadsCount_{0};
 };

@@ -1,9 +1,12 @@
 // The ways a download can go wrong: a wrong size, a refused token, a stop in the
-// middle, and answers the local server never gives (gzip without a length, an
+// middle, a disk that takes no more, and answers the local server never gives (gzip without a length, an
 // exchange run twice, a refusal with a body).
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <thread>
@@ -46,6 +49,37 @@ TEST_F(FileDownloadTest, AWrongSizeDeletesOnlyTheTemporaryFile) {
   EXPECT_EQ(ReadFile(file.nFilePath), "the user's own version");
   EXPECT_FALSE(fs::exists(Temporary(file)));
   EXPECT_FALSE(Record(file.nFilePath).has_value());
+}
+
+// A disk that refuses the bytes (here by the process's file size limit, which a
+// test can set where a full disk needs a mount) ends the download with its
+// reason known; what was written stays for a later resume, the user's file stays.
+TEST_F(FileDownloadTest, AWriteRefusedByTheDiskIsToldAndKeepsWhatWasWritten) {
+  const std::string content = Pattern(400'000, 23);
+  CVFileWithAction file = ServerFile("Docs", "too large.bin", content);
+  WriteFile(file.nFilePath, "the user's own version");
+  AsyncFileDownloader downloader;
+  bool arrived = true;
+  {
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    struct sigaction previousAction {};
+    ASSERT_EQ(sigaction(SIGXFSZ, &ignore, &previousAction), 0);
+    rlimit previous{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &previous), 0);
+    rlimit limited = previous;
+    limited.rlim_cur = 100'000;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+    arrived = downloader.DownloadFile(file);
+    setrlimit(RLIMIT_FSIZE, &previous);
+    sigaction(SIGXFSZ, &previousAction, nullptr);
+  }
+  EXPECT_FALSE(arrived);
+  EXPECT_EQ(downloader.lastLocalErrno(), EFBIG);
+  EXPECT_EQ(ReadFile(file.nFilePath), "the user's own version");
+  EXPECT_EQ(fs::file_size(Temporary(file)), 100'000u);
+  EXPECT_TRUE(HasBytes(Temporary(file), content.substr(0, 100'000)));
+  EXPECT_NE(home_->ReadLog("CVMainLogs").find("the file could not be written here: Failed to write file at path"), std::string::npos);
 }
 
 TEST_F(FileDownloadTest, ARefusedTokenIsDroppedAndTheDownloadRepeatedOnce) {
