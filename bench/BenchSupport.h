@@ -1,14 +1,60 @@
 #pragma once
-// What the transfer benchmarks share: the size of the large file, the peak
-// memory of the process, and quoting for curl's configuration files.
+// What the benchmarks share: a temporary home and the main of a benchmark over
+// a world made once, the files-per-second counter, the size of the large file,
+// the peak memory of the process, and quoting for curl's configuration files.
 
+#include <benchmark/benchmark.h>
 #include <sys/resource.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
 #include <string>
 
+#include "CVConfiguration.h"
+#include "CVEventLogger.h"
+
 namespace bench {
+
+// A new empty folder under the temporary folder, made the process's HOME, with
+// the logs kept off the console and the configuration empty.
+inline std::filesystem::path TemporaryHome() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "cvbench-XXXXXX").string();
+  if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+  ::setenv("HOME", pattern.c_str(), 1);
+  CVEventLogger::SetConsoleEcho(false);
+  CVConfiguration::ResetForTests();
+  return pattern;
+}
+
+// The main of a benchmark whose runs share a world: build makes it once and
+// gives the folder that holds it, which goes when the runs are over.
+inline int RunOverWorld(int argc, char** argv, const char* name, const std::function<std::filesystem::path()>& build) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  std::filesystem::path folder;
+  try {
+    folder = build();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s: %s\n", name, error.what());
+    return 1;
+  }
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  std::error_code ignored;
+  std::filesystem::remove_all(folder, ignored);
+  return 0;
+}
+
+// The rate of files handled over all iterations.
+inline void CountFilesPerSecond(benchmark::State& state, int files) {
+  state.counters["files_per_second"] = benchmark::Counter(
+      static_cast<double>(files) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
 
 // CV_BENCH_LARGE_MB, 1024 by default.
 inline std::int64_t LargeBytes() {

@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "CVConfiguration.h"
-#include "CVEventLogger.h"
 #include "CVSelectiveSync.h"
 #include "CVStaticHelpers.h"
 #include "SERVER_Queues.h"
@@ -63,12 +63,7 @@ void WriteSmallFile(const std::string& path, std::int64_t size) {
 
 void BuildWorld() {
   world = new World;
-  std::string pattern = (std::filesystem::temp_directory_path() / "cvbench-XXXXXX").string();
-  if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-  world->home = pattern;
-  ::setenv("HOME", world->home.c_str(), 1);
-  CVEventLogger::SetConsoleEcho(false);
-  CVConfiguration::ResetForTests();
+  world->home = bench::TemporaryHome();
   CVSelectiveSync::ResetForTests();
 
   auto site = std::make_shared<CVSharepoint>();
@@ -149,17 +144,8 @@ BENCHMARK(BM_FilterNFQ_AllChangedOnServer)->Unit(benchmark::kMillisecond)->UseRe
 BENCHMARK(BM_FilterNFQ_FirstPassScan)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  try {
+  return bench::RunOverWorld(argc, argv, "compare_bench", [] {
     BuildWorld();
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "compare_bench: %s\n", error.what());
-    return 1;
-  }
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  std::error_code ignored;
-  std::filesystem::remove_all(world->home, ignored);
-  return 0;
+    return std::filesystem::path(world->home);
+  });
 }

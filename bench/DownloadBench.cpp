@@ -26,6 +26,7 @@
 
 namespace fs = std::filesystem;
 using bench::ConfigQuoted;
+using bench::CountFilesPerSecond;
 using bench::LargeBytes;
 using bench::PeakMegabytes;
 
@@ -132,9 +133,7 @@ void BM_ClientSmallFiles(benchmark::State& state) {
       }
     }
   }
-  state.counters["files_per_second"] =
-      benchmark::Counter(static_cast<double>(kSmallFiles) * static_cast<double>(state.iterations()),
-                         benchmark::Counter::kIsRate);
+  CountFilesPerSecond(state, kSmallFiles);
   state.counters["peak_MB"] = PeakMegabytes();
 }
 
@@ -148,9 +147,7 @@ void BM_CurlSmallFiles(benchmark::State& state) {
     state.SkipWithError("curl did not fetch the files");
     return;
   }
-  state.counters["files_per_second"] =
-      benchmark::Counter(static_cast<double>(kSmallFiles) * static_cast<double>(state.iterations()),
-                         benchmark::Counter::kIsRate);
+  CountFilesPerSecond(state, kSmallFiles);
 }
 
 void BM_ClientLargeFile(benchmark::State& state) {

@@ -4,7 +4,6 @@
 // Run on demand: record_bench [--benchmark_filter=...].
 
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -13,8 +12,7 @@
 #include <vector>
 
 #include "AsyncFileCommonPart.h"
-#include "CVConfiguration.h"
-#include "CVEventLogger.h"
+#include "BenchSupport.h"
 #include "CVStaticHelpers.h"
 #include "ServerXMLParser.h"
 
@@ -33,12 +31,7 @@ World* world = nullptr;
 
 void BuildWorld() {
   world = new World;
-  std::string pattern = (std::filesystem::temp_directory_path() / "cvbench-XXXXXX").string();
-  if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-  world->home = pattern;
-  ::setenv("HOME", world->home.c_str(), 1);
-  CVEventLogger::SetConsoleEcho(false);
-  CVConfiguration::ResetForTests();
+  world->home = bench::TemporaryHome();
   const std::string root = CVStaticHelpers::GenerateRootPath();
   std::filesystem::create_directories(root + "/.Settings");
   for (int folder = 0; folder < kFolders; ++folder) {
@@ -104,17 +97,8 @@ BENCHMARK(BM_ReadDownloadedFiles)->Unit(benchmark::kMillisecond)->UseRealTime()-
 BENCHMARK(BM_WriteOneRecord)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  try {
+  return bench::RunOverWorld(argc, argv, "record_bench", [] {
     BuildWorld();
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "record_bench: %s\n", error.what());
-    return 1;
-  }
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  std::error_code ignored;
-  std::filesystem::remove_all(world->home, ignored);
-  return 0;
+    return std::filesystem::path(world->home);
+  });
 }

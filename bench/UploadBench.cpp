@@ -35,6 +35,7 @@
 
 namespace fs = std::filesystem;
 using bench::ConfigQuoted;
+using bench::CountFilesPerSecond;
 using bench::LargeBytes;
 using bench::PeakMegabytes;
 
@@ -245,9 +246,7 @@ void BM_ClientSmallFiles(benchmark::State& state) {
       return;
     }
   }
-  state.counters["files_per_second"] =
-      benchmark::Counter(static_cast<double>(kSmallFiles) * static_cast<double>(state.iterations()),
-                         benchmark::Counter::kIsRate);
+  CountFilesPerSecond(state, kSmallFiles);
   state.counters["first_200_ms_per_file"] = firstMs;
   state.counters["last_200_ms_per_file"] = lastMs;
   state.counters["peak_MB"] = peak;
@@ -271,9 +270,7 @@ void BM_CurlSmallFiles(benchmark::State& state) {
       return;
     }
   }
-  state.counters["files_per_second"] =
-      benchmark::Counter(static_cast<double>(kSmallFiles) * static_cast<double>(state.iterations()),
-                         benchmark::Counter::kIsRate);
+  CountFilesPerSecond(state, kSmallFiles);
 }
 
 void BM_ClientLargeFile(benchmark::State& state) {
