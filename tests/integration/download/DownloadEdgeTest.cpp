@@ -48,7 +48,7 @@ TEST_F(FileDownloadTest, AWrongSizeDeletesOnlyTheTemporaryFile) {
   EXPECT_EQ(LastRange(), "0-");  // each attempt from the first byte
   EXPECT_EQ(ReadFile(file.nFilePath), "the user's own version");
   EXPECT_FALSE(fs::exists(Temporary(file)));
-  EXPECT_FALSE(Record(file.nFilePath).has_value());
+  EXPECT_FALSE(RecordOf(file.nFilePath).has_value());
 }
 
 // A disk that refuses the bytes (here by the process's file size limit, which a

@@ -12,7 +12,6 @@
 #include "Clock.h"
 #include "CurlTransport.h"
 #include "IconOverlayInFinderStaticMethods.h"
-#include "ServerXMLParser.h"
 #include "SyncListener.h"
 
 namespace fs = std::filesystem;
@@ -122,16 +121,6 @@ std::string FileDownloadTest::LocalPath(const std::string& storage, const std::s
 
 std::string FileDownloadTest::Temporary(const CVFileWithAction& file) {
   return AsyncFileDownloader::GetFileCVTempForFileLocalPath(file.nFilePath);
-}
-
-std::optional<CVFileForCompare> FileDownloadTest::Record(const std::string& localPath) const {
-  ServerXMLParser parser;
-  auto records = parser.readDownloadedFiles();
-  if (!records) return std::nullopt;
-  for (const auto& record : *records) {
-    if (record.localPath == localPath) return record;
-  }
-  return std::nullopt;
 }
 
 int FileDownloadTest::Downloads() const { return server_->CallCount("DownloadStorageFile.ashx"); }

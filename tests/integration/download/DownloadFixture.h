@@ -15,6 +15,7 @@
 #include "ClientServerFixture.h"
 #include "HTTPTransport.h"
 #include "NotificationCenter.h"
+#include "RecordFiles.h"
 #include "SyncRecords.h"
 
 std::string ReadFile(const std::string& path);
@@ -40,7 +41,6 @@ class FileDownloadTest : public ClientServerTest {
   std::string LocalPath(const std::string& storage, const std::string& relative) const;
   static std::string Temporary(const CVFileWithAction& file);
   // The record of the path in DownloadedFiles.xml, if there is one.
-  std::optional<CVFileForCompare> Record(const std::string& localPath) const;
   int Downloads() const;
   std::string LastRange() const;
   // The byte counts of the progress events since the start of the test.

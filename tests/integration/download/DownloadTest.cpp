@@ -42,7 +42,7 @@ TEST_F(FileDownloadTest, AWholeFileArrivesWithItsBytesModeTimeAndRecord) {
                           fs::directory_iterator()),
             1);
 
-  auto record = Record(file.nFilePath);
+  auto record = RecordOf(file.nFilePath);
   ASSERT_TRUE(record);
   EXPECT_FALSE(record->brokeDownload);
   EXPECT_EQ(record->size, 300'000);
@@ -89,7 +89,7 @@ TEST_F(FileDownloadTest, AnInterruptedTransferResumesFromItsTemporaryFile) {
   EXPECT_EQ(downloader.downloadCancelReason(), AsyncFileDownloader::kReasonRequestFailed);
   EXPECT_TRUE(HasBytes(Temporary(file), content.substr(0, 70'000)));
   EXPECT_FALSE(fs::exists(file.nFilePath));
-  auto broken = Record(file.nFilePath);
+  auto broken = RecordOf(file.nFilePath);
   ASSERT_TRUE(broken);
   EXPECT_TRUE(broken->brokeDownload);
 
@@ -97,7 +97,7 @@ TEST_F(FileDownloadTest, AnInterruptedTransferResumesFromItsTemporaryFile) {
   EXPECT_EQ(LastRange(), "70000-");
   EXPECT_TRUE(HasBytes(file.nFilePath, content));
   EXPECT_FALSE(fs::exists(Temporary(file)));
-  EXPECT_FALSE(Record(file.nFilePath)->brokeDownload);
+  EXPECT_FALSE(RecordOf(file.nFilePath)->brokeDownload);
 }
 
 TEST_F(FileDownloadTest, AFailedAttemptOfDownloadFileStartsTheNextOneFromTheFirstByte) {
@@ -203,7 +203,7 @@ TEST_F(FileDownloadTest, NamesBeyondASCII) {
   EXPECT_EQ(server_->LastRequest("DownloadStorageFile.ashx")->Field("path"),
             server_->LocationOf("Team") + "日本語/ファイル #1&2.bin");
   EXPECT_TRUE(HasBytes(second.nFilePath, bytes));
-  EXPECT_TRUE(Record(second.nFilePath).has_value());
+  EXPECT_TRUE(RecordOf(second.nFilePath).has_value());
 }
 
 }  // namespace

@@ -16,10 +16,10 @@
 #include "ASIHTTPRequest.h"
 #include "AsyncFileCommonPart.h"
 #include "AsyncFileMethods.h"
-#include "CVHandler.h"
 #include "ClientServerFixture.h"
 #include "Clock.h"
-#include "ServerXMLParser.h"
+#include "CVHandler.h"
+#include "RecordFiles.h"
 
 namespace fs = std::filesystem;
 
@@ -89,16 +89,6 @@ class UploadServerTest : public ClientServerTest {
     return server_->FolderOf(storage) / relative;
   }
 
-  static std::optional<CVFileForCompare> Record(const std::string& localPath) {
-    ServerXMLParser parser;
-    auto records = parser.readDownloadedFiles();
-    if (!records) return std::nullopt;
-    for (const auto& record : *records) {
-      if (record.localPath == localPath) return record;
-    }
-    return std::nullopt;
-  }
-
   std::vector<std::string> UploadRanges() const {
     std::vector<std::string> ranges;
     for (const auto& request : server_->Requests("UploadStorageFile.ashx")) {
@@ -137,7 +127,7 @@ TEST_F(UploadServerTest, SmallAndLargeFilesArriveWholeWithTheServersTimeRecorded
     const fs::path stored = OnServer(c.storage, c.relative);
     EXPECT_EQ(ReadAll(stored), bytes);
     EXPECT_FALSE(server_->PendingParts(c.storage, c.relative));
-    auto record = Record(item.nFilePath);
+    auto record = RecordOf(item.nFilePath);
     ASSERT_TRUE(record);
     EXPECT_EQ(record->size, static_cast<std::int64_t>(c.size));
     EXPECT_EQ(record->modifiedTime, ModificationTime(stored));
@@ -219,7 +209,7 @@ TEST_F(UploadServerTest, AStopEndsAnUploadTheServerHoldsUp) {
   EXPECT_LT(took, std::chrono::seconds(4));
   EXPECT_EQ(server_->CallCount("FinishPartialUpload"), 0);
   EXPECT_FALSE(fs::exists(OnServer("Docs", "held.bin")));
-  EXPECT_FALSE(Record(item.nFilePath));
+  EXPECT_FALSE(RecordOf(item.nFilePath));
 }
 
 TEST_F(UploadServerTest, RenameCreateAndDeleteChangeTheServersFolder) {
@@ -236,8 +226,8 @@ TEST_F(UploadServerTest, RenameCreateAndDeleteChangeTheServersFolder) {
   EXPECT_EQ(methods_->RenameFileOnServer(rename), 0);
   EXPECT_FALSE(fs::exists(OnServer("Docs", "a&b 'c'.txt")));
   EXPECT_EQ(ReadAll(OnServer("Docs", "x<y>.txt")), "content");
-  EXPECT_TRUE(Record(rename.nFilePath));
-  EXPECT_FALSE(Record(rename.oldFilePath));
+  EXPECT_TRUE(RecordOf(rename.nFilePath));
+  EXPECT_FALSE(RecordOf(rename.oldFilePath));
 
   // The target is taken: the server keeps both, the next pass compares everything.
   PutServerFile("Docs", "taken.txt", "theirs");
@@ -268,7 +258,7 @@ TEST_F(UploadServerTest, RenameCreateAndDeleteChangeTheServersFolder) {
   EXPECT_EQ(methods_->DeleteFileOnServer(gone), 0);
   EXPECT_FALSE(fs::exists(OnServer("Docs", "x<y>.txt")));
   EXPECT_FALSE(server_->Versions("Docs", "x<y>.txt").empty());
-  EXPECT_FALSE(Record(gone.nFilePath));
+  EXPECT_FALSE(RecordOf(gone.nFilePath));
   EXPECT_EQ(methods_->DeleteFileOnServer(gone), 0);  // gone already: as good as deleted
 
   CVFileWithAction tree;

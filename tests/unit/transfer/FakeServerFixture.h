@@ -18,11 +18,11 @@
 #include "ASIHTTPRequest.h"
 #include "AsyncFileCommonPart.h"
 #include "AsyncFileMethods.h"
+#include "Clock.h"
 #include "CVConfiguration.h"
 #include "CVHandler.h"
-#include "Clock.h"
 #include "FakeFileService.h"
-#include "ServerXMLParser.h"
+#include "RecordFiles.h"
 #include "TempHome.h"
 
 inline std::string RandomBytes(std::size_t size, unsigned seed = 7) {
@@ -92,16 +92,6 @@ class FakeServerTest : public ::testing::Test {
     item.fileSize = static_cast<std::int64_t>(bytes.size());
     WriteLocal(item.nFilePath, bytes);
     return item;
-  }
-
-  static std::optional<CVFileForCompare> Record(const std::string& localPath) {
-    ServerXMLParser parser;
-    auto records = parser.readDownloadedFiles();
-    if (!records) return std::nullopt;
-    for (const auto& record : *records) {
-      if (record.localPath == localPath) return record;
-    }
-    return std::nullopt;
   }
 
   TempHome home_;

@@ -47,8 +47,8 @@ TEST_F(ServerFileOperationsTest, ARenameSendsEachNameEscapedOnceAndMovesTheRecor
   EXPECT_EQ(calls[0].Parameter("CurrentFileName"), "\\\\fake\\Docs\\a&b <1>.txt");
   EXPECT_EQ(calls[0].Parameter("NewFileName"), "\\\\fake\\Docs\\c&d 'x'.txt");
   EXPECT_EQ(fake_->File("\\\\fake\\Docs\\c&d 'x'.txt"), "content");
-  EXPECT_FALSE(Record(item.oldFilePath));
-  EXPECT_TRUE(Record(item.nFilePath));
+  EXPECT_FALSE(RecordOf(item.oldFilePath));
+  EXPECT_TRUE(RecordOf(item.nFilePath));
 }
 
 TEST_F(ServerFileOperationsTest, RenameRepliesDecideTheResult) {
@@ -67,7 +67,7 @@ TEST_F(ServerFileOperationsTest, RenameRepliesDecideTheResult) {
   fake_->ReplyNext("MoveFile", "-6;Error Code - 183 Cannot create a file when that file already exists;");
   EXPECT_EQ(rename("taken.txt", "target.txt"), -61);
   EXPECT_EQ(told, std::vector<bool>{false});
-  EXPECT_TRUE(Record(Local("Docs", "target.txt")));
+  EXPECT_TRUE(RecordOf(Local("Docs", "target.txt")));
 
   // No source on the server: done as well, with no full comparison.
   EXPECT_EQ(rename("missing.txt", "other.txt"), -61);
@@ -102,20 +102,20 @@ TEST_F(ServerFileOperationsTest, DeletesTakeGoneAsDoneAndRestrictedAsNot) {
     CVFileWithAction present = Synced(std::string(kind) + " a&b", std::string("\\\\fake\\Docs\\") + kind + " a&b");
     EXPECT_EQ(remove(present), 0);
     EXPECT_FALSE(fake_->File(std::string("\\\\fake\\Docs\\") + kind + " a&b"));
-    EXPECT_FALSE(Record(present.nFilePath));
+    EXPECT_FALSE(RecordOf(present.nFilePath));
     EXPECT_EQ(fake_->Calls(kind).back().Parameter("Path"), std::string("\\\\fake\\Docs\\") + kind + " a&b");
     EXPECT_TRUE(WellFormed(fake_->Calls(kind).back().envelope));
 
     // The server no longer has it: as good as deleted, the record goes.
     CVFileWithAction gone = Synced(std::string(kind) + "-gone", "\\\\fake\\Docs\\unrelated");
     EXPECT_EQ(remove(gone), 0);
-    EXPECT_FALSE(Record(gone.nFilePath));
+    EXPECT_FALSE(RecordOf(gone.nFilePath));
 
     // Closed by a restriction: not done, and the record stays.
     CVFileWithAction closed = Synced(std::string(kind) + "-closed", std::string("\\\\fake\\Docs\\") + kind + "-closed");
     fake_->ReplyNext(kind, "-7;Restricted");
     EXPECT_EQ(remove(closed), -6);
-    EXPECT_TRUE(Record(closed.nFilePath));
+    EXPECT_TRUE(RecordOf(closed.nFilePath));
   }
 
   // The same delete run on the request queue gives the whole reply.
@@ -135,7 +135,7 @@ TEST_F(ServerFileOperationsTest, AFailedCreateFolderAsksWhatStandsThere) {
   folder.nFilePath = Local("Web", "new & improved");
   EXPECT_EQ(methods_->CreateFolderOnServer(folder), 0);
   EXPECT_EQ(fake_->Calls("CreateFolder").back().Parameter("Path"), "https://fake/Web/new & improved");
-  EXPECT_TRUE(Record(folder.nFilePath));
+  EXPECT_TRUE(RecordOf(folder.nFilePath));
 
   fake_->ReplyNext("CreateFolder", "-9;Busy");
   fake_->ReplyNext("GetFileInfo", "0;D;0;1600000000");

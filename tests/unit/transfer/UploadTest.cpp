@@ -59,7 +59,7 @@ TEST_F(UploadTest, PartsCarryTheirRangeAndHashAndTheServerAssemblesThem) {
   EXPECT_EQ(fake_->File(server), bytes);
 
   // The record and the file take the server's time, so the next pass sees no change.
-  auto record = Record(item.nFilePath);
+  auto record = RecordOf(item.nFilePath);
   ASSERT_TRUE(record);
   EXPECT_EQ(record->size, 2560);
   EXPECT_EQ(record->modifiedTime, 1'700'000'000);
@@ -231,7 +231,7 @@ TEST_F(UploadTest, AFileThatChangesSizeDuringItsUploadIsNotAssembled) {
   EXPECT_EQ(RangeStarts(fake_->Uploads()), (std::vector<std::int64_t>{0, kPart}));
   EXPECT_EQ(fake_->Count("FinishPartialUpload"), 0);
   EXPECT_FALSE(fake_->File("\\\\fake\\Docs\\growing.log"));
-  EXPECT_FALSE(Record(item.nFilePath));
+  EXPECT_FALSE(RecordOf(item.nFilePath));
 
   // Gone before the upload: nothing is sent, pending parts are dropped.
   CVFileWithAction gone = item;
