@@ -18,24 +18,18 @@ using namespace std::chrono_literals;
 
 namespace {
 
-class WatcherQueueTest : public ::testing::Test {
+class WatcherQueueTest : public SyncFixture {
  protected:
-  WatcherQueueTest() {
-    for (const char* name : {"Docs", "Team"}) {
-      auto site = std::make_shared<CVSharepoint>();
-      site->Name = name;
-      auto& config = CVConfiguration::Instance();
-      std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
-      config.fSpSites.push_back(site);
-    }
-    loopThread = std::thread([this] { loop.Run(); });
-    AppDelegate::Dependencies deps{clock, loop, status, connection, &dispatcher, "9.9.9", nullptr, nullptr, nullptr,
-                                   nullptr};
-    deps.makeEventStream = [this](FileEventStream::BatchCallback onBatch, FileEventStream::TroubleCallback onTrouble) {
-      return std::make_unique<InotifyEventStream>(loop, std::move(onBatch), std::move(onTrouble),
-                                                  [](const std::string&) {}, 50ms);
-    };
-    app = std::make_unique<AppDelegate>(std::move(deps));
+  WatcherQueueTest()
+      : SyncFixture([this](AppDelegate::Dependencies& deps) {
+          deps.makeEventStream = [this](FileEventStream::BatchCallback onBatch,
+                                        FileEventStream::TroubleCallback onTrouble) {
+            return std::make_unique<InotifyEventStream>(loop, std::move(onBatch), std::move(onTrouble),
+                                                        [](const std::string&) {}, 50ms);
+          };
+        }) {
+    AddStorage("Docs");
+    AddStorage("Team");
     app->CreateSyncEngine();
     // No operation takes the entries: the test reads the queue as the filter leaves it.
     app->mainSyncObject()->StopMainSyncThread();
@@ -44,12 +38,7 @@ class WatcherQueueTest : public ::testing::Test {
   void Watch() {
     app->StartFSWsForCorvalink();
   }
-  ~WatcherQueueTest() override {
-    app->StopFSWsForStorages();
-    app.reset();
-    loop.Quit(0);
-    loopThread.join();
-  }
+  ~WatcherQueueTest() override { app->StopFSWsForStorages(); }
 
   std::string Path(const std::string& relative) const { return home.root() + "/" + relative; }
   void Write(const std::string& relative, const std::string& content) {
@@ -101,14 +90,6 @@ class WatcherQueueTest : public ::testing::Test {
     return out;
   }
 
-  TempHome home;
-  Clock clock{0.001};
-  PollMainLoop loop{clock};
-  std::thread loopThread;
-  FakeStatusSink status;
-  FakeConnection connection;
-  RecordingDispatcher dispatcher;
-  std::unique_ptr<AppDelegate> app;
 };
 
 TEST_F(WatcherQueueTest, CreateWriteRenameAndDeleteGiveTheQueueTheRulesSay) {

@@ -159,17 +159,19 @@ inline NFQ_File LocalEntry(const std::string& path, std::int32_t action = NFQ_Cr
 
 class SyncFixture : public ::testing::Test {
  protected:
-  SyncFixture() {
+  // adjust: a derived fixture's changes to the application's dependencies.
+  explicit SyncFixture(const std::function<void(AppDelegate::Dependencies&)>& adjust = nullptr) {
     loopThread = std::thread([this] { loop.Run(); });
     Drain();  // the loop thread is the main thread from here on
-    app = std::make_unique<AppDelegate>(AppDelegate::Dependencies{
-        clock, loop, status, connection, &dispatcher, "9.9.9",
-        [this] {
-          auto queues = std::make_unique<FakeServerQueues>();
-          server = queues.get();
-          return queues;
-        },
-        nullptr, nullptr, nullptr});
+    AppDelegate::Dependencies deps{clock, loop, status, connection, &dispatcher, "9.9.9",
+                                   [this] {
+                                     auto queues = std::make_unique<FakeServerQueues>();
+                                     server = queues.get();
+                                     return queues;
+                                   },
+                                   nullptr, nullptr, nullptr};
+    if (adjust) adjust(deps);
+    app = std::make_unique<AppDelegate>(std::move(deps));
   }
   ~SyncFixture() override {
     app.reset();
