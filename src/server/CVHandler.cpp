@@ -169,6 +169,19 @@ bool CVHandler::Login() {
   return true;
 }
 
+std::string CVHandler::UsableCVToken(const std::string& key) {
+  std::string token = CheckCVToken(key);
+  if (token.empty() || StartsWith(token, "err")) {
+    RemoveCVToken(key);
+    return "";
+  }
+  return token;
+}
+
+bool CVHandler::IsBadTokenReply(const std::string& reply) {
+  return StartsWith(reply, "-1;") || StartsWith(reply, "-3;");
+}
+
 std::string CVHandler::CheckCVToken(const std::string& key) {
   if (auto existing = FindToken(key)) return *existing;
   if (key == kMainTokenKey) {
@@ -406,11 +419,8 @@ std::string CVHandler::GetFileInfoReturnForPath(const std::string& serverPath,
                                                 const std::string& WithSiteName) {
   std::string last;
   for (int round = 0; round < 2; ++round) {
-    std::string token = CheckCVToken(WithSiteName);
-    if (StartsWith(token, "err") || token.empty()) {
-      RemoveCVToken(WithSiteName);
-      continue;
-    }
+    std::string token = UsableCVToken(WithSiteName);
+    if (token.empty()) continue;
     auto result = MobileClientWS().GetFileInfo(token, serverPath);
     Log("GetFileInfoReturnForPath", "Get File Info string Result: " + result.value_or(""));
     if (!result) {
@@ -427,7 +437,7 @@ std::string CVHandler::GetFileInfoReturnForPath(const std::string& serverPath,
     } else if (StartsWith(last, "-100;") || StartsWith(last, "-6;")) {
       Log("GetFileInfoReturnForPath", "Get file info string file not found: " + last);
       return last;
-    } else if (StartsWith(last, "-1;") || StartsWith(last, "-3;")) {
+    } else if (IsBadTokenReply(last)) {
       Log("GetFileInfoReturnForPath", "Get file info string bad token : " + last);
       RemoveCVToken(WithSiteName);
     } else {

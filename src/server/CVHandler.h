@@ -40,6 +40,11 @@ class CVHandler {
   // A token for the key, logging in when there is none; "" when none can be had.
   std::string CheckCVToken(const std::string& key);
   void RemoveCVToken(const std::string& key);
+  // CheckCVToken's token when it gives one; "" otherwise (nothing, or an "err"
+  // text), with the key dropped so that the next ask logs in anew.
+  std::string UsableCVToken(const std::string& key);
+  // A reply that says the token is unknown or expired: "-1;" or "-3;".
+  static bool IsBadTokenReply(const std::string& reply);
   void RemoveCVTokenForTokenValue(const std::string& token);
   void RemoveAllTokens();
 

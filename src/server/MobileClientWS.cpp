@@ -13,15 +13,11 @@ namespace {
 
 constexpr const char* kClass = "MobileClientWS";
 
-bool StartsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
-
 void Log(const char* method, const std::string& text) {
   CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - " + method + " -> " + text);
 }
 
 std::string Escaped(const std::string& text) { return CVTextEscaping::AddSpecialSymbols(text); }
-
-bool IsBadTokenReply(const std::string& reply) { return StartsWith(reply, "-1;") || StartsWith(reply, "-3;"); }
 
 }  // namespace
 
@@ -91,11 +87,8 @@ std::optional<std::vector<std::string>> MobileClientWS::GetHashesWithServerPath(
     if (PartSize == 0) PartSize = handler.GetPartSizeNSNumber() << 10;
     for (int pass = 0; pass < 2; ++pass) {
       handler.RegenWsURL();
-      std::string token = handler.CheckCVToken(WithSPSiteName);
-      if (token.empty() || StartsWith(token, "err")) {
-        handler.RemoveCVToken(WithSPSiteName);
-        continue;
-      }
+      std::string token = handler.UsableCVToken(WithSPSiteName);
+      if (token.empty()) continue;
       auto data = WSCommonMethods::ProcessDataWebServiceRequest(
           {token, Escaped(path), std::to_string(PartSize)}, {"Token", "Path", "PartSize"}, "GetHashes",
           handler.mobileUrl());
@@ -158,20 +151,17 @@ int MobileClientWS::FinishPartialUploadWithForSite(const std::string& siteName, 
   CVHandler& handler = CVHandler::Instance();
   try {
     for (int pass = 0; pass < 2; ++pass) {
-      std::string token = handler.CheckCVToken(siteName);
-      if (token.empty() || StartsWith(token, "err")) {
-        handler.RemoveCVToken(siteName);
-        continue;
-      }
+      std::string token = handler.UsableCVToken(siteName);
+      if (token.empty()) continue;
       std::string reply = ResultOf("FinishPartialUpload",
                                    {token, Escaped(path), std::to_string(PartSize), MD5Fragment(WithMD5Array)},
                                    {"Token", "Path", "PartSize", "MD5"});
       Log("FinishPartialUpload", "Finish part upload result: " + reply);
-      if (IsBadTokenReply(reply)) {
+      if (CVHandler::IsBadTokenReply(reply)) {
         handler.RemoveCVToken(siteName);
         continue;
       }
-      if (StartsWith(reply, "0;")) return 0;
+      if (reply.starts_with("0;")) return 0;
     }
   } catch (const std::exception& failure) {
     CVEventLogger::LogException(kClass, "FinishPartialUpload", failure.what());
@@ -184,11 +174,11 @@ std::string MobileClientWS::CancelPartialUploadWithToken(const std::string& toke
   for (int pass = 0; pass < 2; ++pass) {
     reply = ResultOf("CancelPartialUpload", {token, Escaped(path)}, {"Token", "Path"});
     Log("CancelPartialUpload", "Cancel part upload result: " + reply);
-    if (StartsWith(reply, "0;")) {
+    if (reply.starts_with("0;")) {
       Log("CancelPartialUpload", "Cancel part upload successfully");
       break;
     }
-    if (IsBadTokenReply(reply)) CVHandler::Instance().RemoveCVTokenForTokenValue(token);
+    if (CVHandler::IsBadTokenReply(reply)) CVHandler::Instance().RemoveCVTokenForTokenValue(token);
   }
   return reply;
 }

@@ -20,14 +20,6 @@ namespace {
 
 constexpr const char* kClass = "FSW_Queues";
 
-bool StartsWith(const std::string& text, const std::string& prefix) {
-  return text.size() >= prefix.size() && text.compare(0, prefix.size(), prefix) == 0;
-}
-
-bool EndsWith(const std::string& text, const std::string& suffix) {
-  return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
 std::string LastComponent(const std::string& path) {
   std::size_t slash = path.rfind('/');
   return slash == std::string::npos ? path : path.substr(slash + 1);
@@ -69,7 +61,7 @@ class FolderSet {
   void RemoveTree(const std::string& path) {
     paths_.erase(path);
     const std::string below = path + "/";
-    for (auto it = paths_.lower_bound(below); it != paths_.end() && StartsWith(*it, below);) {
+    for (auto it = paths_.lower_bound(below); it != paths_.end() && it->starts_with(below);) {
       it = paths_.erase(it);
     }
   }
@@ -128,7 +120,7 @@ void FSW_Queues::FilterPaths(std::vector<NFQ_File> rawEvents) {
       NFQ_File entry;
       std::string path = event.oldFilePath;
       // A storage folder itself is never synced, nor are hidden and partial files.
-      if (HiddenName(path) || EndsWith(path, ".cvtemp") || RootItem(path)) continue;
+      if (HiddenName(path) || path.ends_with(".cvtemp") || RootItem(path)) continue;
       // Created or modified is decided by the record of the last sync, not by the event.
       if (IsCreateOrChange(event)) {
         event.fileAction = IsFileInServerArray(path, index) ? NFQ_Modified : NFQ_Created;
@@ -161,7 +153,7 @@ void FSW_Queues::FilterPaths(std::vector<NFQ_File> rawEvents) {
           // What a new folder holds is read from the disk, whether its events came or not.
           const std::string below = path + "/";
           const bool broughtByChild = std::any_of(merged.begin(), merged.end(), [&](const NFQ_File& queued) {
-            return queued.isFolder && StartsWith(queued.nFilePath, below);
+            return queued.isFolder && queued.nFilePath.starts_with(below);
           });
           auto found = SmartSync::GetChildFilesAndFoldersNFQ(path, true);
           children.insert(children.end(), found.begin(), found.end());
@@ -254,7 +246,7 @@ std::vector<NFQ_File> FSW_Queues::FilterPathsRenames(const std::vector<NFQ_File>
         if (!rename.isFolder && waiting.nFilePath == rename.oldFilePath) {
           waiting.nFilePath = rename.nFilePath;
           moves = true;
-        } else if (rename.isFolder && StartsWith(waiting.nFilePath, oldBelow)) {
+        } else if (rename.isFolder && waiting.nFilePath.starts_with(oldBelow)) {
           waiting.nFilePath = newBelow + waiting.nFilePath.substr(oldBelow.size());
           moves = true;
         }
@@ -287,7 +279,7 @@ std::vector<NFQ_File> FSW_Queues::PostFilterPaths(const std::vector<NFQ_File>& q
         for (std::size_t i = 0; i + 1 < out.size();) {
           const NFQ_File& waiting = out[i];
           if (waiting.fileAction != NFQ_Renamed &&
-              (waiting.nFilePath == path || (next.isFolder && StartsWith(waiting.nFilePath, below)))) {
+              (waiting.nFilePath == path || (next.isFolder && waiting.nFilePath.starts_with(below)))) {
             out.erase(out.begin() + static_cast<std::ptrdiff_t>(i));
           } else {
             ++i;
@@ -361,7 +353,7 @@ void FSW_Queues::RenameFilesInQueue(const std::string& oldName, const std::strin
   const std::string oldPrefix = root + "/" + oldName;
   const std::string newPrefix = root + "/" + newName;
   auto reaim = [&](std::string& path) {
-    if (!StartsWith(path, oldPrefix)) return;
+    if (!path.starts_with(oldPrefix)) return;
     // The name alone, or the name followed by "/": "Docs" must not re-aim "Docs2".
     if (path.size() > oldPrefix.size() && path[oldPrefix.size()] != '/') return;
     path.replace(0, oldPrefix.size(), newPrefix);
@@ -379,8 +371,8 @@ void FSW_Queues::RenameFilesInQueue(const std::string& oldName, const std::strin
     copy.swap(NF_Queue);
   }
   for (auto& entry : copy) {
-    if (entry.fileAction == NFQ_Renamed && StartsWith(entry.oldFilePath, oldPrefix) &&
-        StartsWith(entry.nFilePath, oldPrefix)) {
+    if (entry.fileAction == NFQ_Renamed && entry.oldFilePath.starts_with(oldPrefix) &&
+        entry.nFilePath.starts_with(oldPrefix)) {
       reaim(entry.nFilePath);
     }
   }
@@ -432,7 +424,7 @@ bool FSW_Queues::IsSitesSame(const std::string& path, const std::string& oldPath
     const std::string root = CVStaticHelpers::GenerateRootPathForStorages() + "/";
     auto sites = CVConfiguration::Instance().SitesCopy();
     auto within = [](const std::string& candidate, const std::string& folder) {
-      return candidate == folder || StartsWith(candidate, folder + "/");
+      return candidate == folder || candidate.starts_with(folder + "/");
     };
     for (std::size_t i = 0; i < sites.size(); ++i) {
       const std::string folder = root + sites[i]->Name;

@@ -32,11 +32,7 @@ void Log(const char* method, const std::string& text) {
   CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - " + method + " -> " + text);
 }
 
-bool StartsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
-
 bool IsSuccess(int status) { return status >= 200 && status <= 299; }
-
-bool IsBadTokenReply(const std::string& reply) { return StartsWith(reply, "-1;") || StartsWith(reply, "-3;"); }
 
 std::string Lower(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
@@ -278,12 +274,9 @@ std::int32_t AsyncFileMethods::TokenLoop(const Target& target,
   for (int round = 0; round < kTokenPasses; ++round) {
     // A stopped call tells nothing of the server: the item stays for later.
     if (Stopped()) return SYNC_RETURN_LOCKED;
-    const std::string token = handler.CheckCVToken(target.siteName);
+    const std::string token = handler.UsableCVToken(target.siteName);
     if (Stopped()) return SYNC_RETURN_LOCKED;
-    if (token.empty() || StartsWith(token, "err")) {
-      handler.RemoveCVToken(target.siteName);
-      continue;
-    }
+    if (token.empty()) continue;
     mobileClient = std::make_shared<MobileClientWS>();
     PassResult result = pass(token);
     code = result.code;
@@ -313,7 +306,7 @@ std::int32_t AsyncFileMethods::RenameFileOnServer(CVFileWithAction& item, bool w
     return TokenLoop(*target, [&](const std::string& token) {
       std::string reply = mobileClient->MoveFile(token, from, to);
       Log(method, "Result rename: " + reply);
-      if (StartsWith(reply, "-6;") && reply.find("Error Code - 183") != std::string::npos) {
+      if (reply.starts_with("-6;") && reply.find("Error Code - 183") != std::string::npos) {
         // The target is taken: only a whole comparison tells what stands there now.
         std::function<void(bool)> handler;
         {
@@ -322,7 +315,7 @@ std::int32_t AsyncFileMethods::RenameFileOnServer(CVFileWithAction& item, bool w
         }
         if (handler) handler(false);
       }
-      if (StartsWith(reply, "-6;") || StartsWith(reply, "-100;")) reply = "-61;";
+      if (reply.starts_with("-6;") || reply.starts_with("-100;")) reply = "-61;";
       PassResult result;
       result.code = CheckResponseString(reply);
       if (result.code == SYNC_RETURN_OK || result.code == SYNC_RETURN_RENAME_SOURCE_GONE) {
@@ -330,7 +323,7 @@ std::int32_t AsyncFileMethods::RenameFileOnServer(CVFileWithAction& item, bool w
         return result;
       }
       CVEventLogger::WriteMainLogMessage("Mobile: MoveFile - " + reply + ", " + from + " to " + to);
-      result.badToken = IsBadTokenReply(reply);
+      result.badToken = CVHandler::IsBadTokenReply(reply);
       return result;
     });
   } catch (const std::exception& failure) {
@@ -351,9 +344,9 @@ std::int32_t AsyncFileMethods::CreateFolderOnServer(CVFileWithAction& item, bool
       PassResult result;
       if (reply.empty()) {
         Log(method, "Result parsing == (nil)");
-      } else if (StartsWith(reply, "0;")) {
+      } else if (reply.starts_with("0;")) {
         Log(method, "Create folder successfully: " + reply);
-      } else if (IsBadTokenReply(reply)) {
+      } else if (CVHandler::IsBadTokenReply(reply)) {
         Log(method, "Create folder bad token: " + reply);
         result.code = CheckResponseString(reply);
         result.badToken = true;
@@ -365,7 +358,7 @@ std::int32_t AsyncFileMethods::CreateFolderOnServer(CVFileWithAction& item, bool
             CVHandler::Instance().GetFileInfoReturnForPath(target->servPath, target->siteName);
         if (info.empty()) {
           reply = "-5;";
-        } else if (StartsWith(info, "0;D;")) {
+        } else if (info.starts_with("0;D;")) {
           reply = "0;";  // the folder is there, which is all that was asked
         } else {
           // A file of that name is no folder to put things in.
@@ -407,9 +400,9 @@ std::int32_t AsyncFileMethods::DeleteOnServer(CVFileWithAction& item, bool write
                                  : mobileClient->DeleteFile(token, target->servPath);
       if (!folder) Log(method, "File: " + target->servPath + "  result: " + reply);
       // Gone already is as good as deleted; closed by a restriction is not.
-      if (StartsWith(reply, "-6;")) {
+      if (reply.starts_with("-6;")) {
         reply = "0;";
-      } else if (StartsWith(reply, "-7;")) {
+      } else if (reply.starts_with("-7;")) {
         reply = "-6;";
       }
       PassResult result;
@@ -419,7 +412,7 @@ std::int32_t AsyncFileMethods::DeleteOnServer(CVFileWithAction& item, bool write
         return result;
       }
       CVEventLogger::WriteMainLogMessage(std::string("Mobile: ") + call + " - " + reply + ", " + target->servPath);
-      result.badToken = IsBadTokenReply(reply);
+      result.badToken = CVHandler::IsBadTokenReply(reply);
       return result;
     });
   } catch (const std::exception& failure) {
@@ -440,11 +433,8 @@ std::int32_t AsyncFileMethods::UploadFileToServer(CVFileWithAction& item) {
     const std::string path = CVStaticHelpers::ExistingForm(item.nFilePath);
     CVHandler& handler = CVHandler::Instance();
     for (int round = 0; round < kUploadPasses; ++round) {
-      const std::string token = handler.CheckCVToken(target->siteName);
-      if (token.empty() || StartsWith(token, "err")) {
-        handler.RemoveCVToken(target->siteName);
-        continue;
-      }
+      const std::string token = handler.UsableCVToken(target->siteName);
+      if (token.empty()) continue;
       if (Stopped()) return SYNC_RETURN_LOCKED;
       // What went up, to tell afterwards whether the file changed meanwhile.
       const auto before = FileStamp(path);
@@ -548,7 +538,7 @@ int AsyncFileMethods::UploadFileToServerAtPath51(const std::string& path, const 
     } else {
       // Gone: pending parts of it would only wait on the server for nothing.
       const std::string reply = mobile.CancelPartialUploadWithToken(token, servPath);
-      if (StartsWith(reply, "0;")) {
+      if (reply.starts_with("0;")) {
         Log(method, "Cancel Partial Upload Successfully: " + reply);
         DropUploader(uploader);
         return 0;
