@@ -600,29 +600,27 @@ void AppDelegate::FSWEventsCallback(const std::vector<FileEvent>& events) {
         pair = !IsSkippedEventPath(target);
         if (!pair) target.clear();
       }
+      // The rename's target stands for the whole event, as a plain item.
+      auto onlyTarget = [&] {
+        path = target;
+        target.clear();
+        pair = false;
+      };
       std::int32_t code;
       if (IsSkippedEventPath(path)) {
         // An editor's save: a hidden temporary or swap file renamed over the
         // document. It is a change of the document, not nothing.
         if (!pair) continue;
-        path = target;
-        target.clear();
-        pair = false;
+        onlyTarget();
         code = NFQ_Modified;
         if (IsFileInProgress(path)) continue;
       } else {
         if (pair && IsFileInProgress(target)) continue;
-        bool takenOver = false;
         if (IsFileInProgress(path)) {
           if (!pair) continue;
           // The user renamed what the sync was still writing: the old name is the
           // sync's to mend, the new name is the user's and must not go unseen.
-          path = target;
-          target.clear();
-          pair = false;
-          takenOver = true;
-        }
-        if (takenOver) {
+          onlyTarget();
           code = NFQ_Created;
         } else if (pair) {
           code = NFQ_Renamed;
