@@ -9,14 +9,18 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
 #include "CVConfiguration.h"
 #include "CVEventLogger.h"
+#include "CVHandler.h"
 
 namespace bench {
 
@@ -48,6 +52,33 @@ inline int RunOverWorld(int argc, char** argv, const char* name, const std::func
   std::error_code ignored;
   std::filesystem::remove_all(folder, ignored);
   return 0;
+}
+
+// A file of `bytes` bytes of a fixed pattern, each MiB stamped with its offset
+// so that no two parts of it have the same hash.
+inline void WriteLargeFile(const std::filesystem::path& path, std::int64_t bytes) {
+  std::ofstream large(path, std::ios::binary);
+  std::string chunk(1 << 20, '\0');
+  for (std::size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<char>(i * 131 + 7);
+  for (std::int64_t written = 0; written < bytes; written += static_cast<std::int64_t>(chunk.size())) {
+    std::memcpy(chunk.data(), &written, sizeof written);
+    large.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+  }
+}
+
+// The account bench:bench on the server at baseUrl with its storage "Bench" at
+// location; gives the storage's token.
+inline std::string UseBenchAccount(const std::string& baseUrl, const std::string& location) {
+  CVConfiguration& config = CVConfiguration::Instance();
+  config.Corvalink.Url = baseUrl;
+  config.Corvalink.UserName = "bench";
+  config.Corvalink.Password = "bench";
+  auto site = std::make_shared<CVSharepoint>();
+  site->Name = "Bench";
+  site->Url = location;
+  site->StorageType = "CIFS";
+  config.fSpSites.push_back(site);
+  return CVHandler::Instance().CheckCVToken("Bench");
 }
 
 // The rate of files handled over all iterations.

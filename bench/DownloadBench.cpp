@@ -16,9 +16,7 @@
 #include <vector>
 
 #include "AsyncFileDownloader.h"
-#include "CVConfiguration.h"
 #include "CVEventLogger.h"
-#include "CVHandler.h"
 #include "CVSelectiveSync.h"
 #include "CVStaticHelpers.h"
 #include "BenchSupport.h"
@@ -52,14 +50,7 @@ struct World {
     for (int i = 0; i < kSmallFiles; ++i) {
       std::ofstream(root / "server/Bench/small" / ("f" + std::to_string(i) + ".bin"), std::ios::binary) << block;
     }
-    {
-      std::ofstream large(root / "server/Bench/large.bin", std::ios::binary);
-      std::string chunk(1 << 20, '\0');
-      for (std::size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<char>(i * 131 + 7);
-      for (std::int64_t written = 0; written < LargeBytes(); written += static_cast<std::int64_t>(chunk.size())) {
-        large.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-      }
-    }
+    bench::WriteLargeFile(root / "server/Bench/large.bin", LargeBytes());
 
     devserver::ServerOptions options;
     options.port = 0;
@@ -69,15 +60,7 @@ struct World {
     server = std::make_unique<devserver::DevServer>(options);
     server->Start();
 
-    CVConfiguration& config = CVConfiguration::Instance();
-    config.Corvalink.Url = server->BaseUrl();
-    config.Corvalink.UserName = "bench";
-    config.Corvalink.Password = "bench";
-    auto site = std::make_shared<CVSharepoint>();
-    site->Name = "Bench";
-    site->Url = server->LocationOf("Bench");
-    config.fSpSites.push_back(site);
-    token = CVHandler::Instance().CheckCVToken("Bench");
+    token = bench::UseBenchAccount(server->BaseUrl(), server->LocationOf("Bench"));
   }
   ~World() {
     server->Stop();

@@ -14,7 +14,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -24,7 +23,6 @@
 #include <vector>
 
 #include "AsyncFileMethods.h"
-#include "CVConfiguration.h"
 #include "CVEventLogger.h"
 #include "CVHandler.h"
 #include "CVStaticHelpers.h"
@@ -94,16 +92,7 @@ struct World {
     for (int i = 0; i < kSmallFiles; ++i) {
       std::ofstream(Local(SmallName(i)), std::ios::binary) << SmallContent(i);
     }
-    {
-      std::ofstream large(Local("large.bin"), std::ios::binary);
-      std::string chunk(1 << 20, '\0');
-      for (std::size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<char>(i * 131 + 7);
-      for (std::int64_t written = 0; written < LargeBytes(); written += static_cast<std::int64_t>(chunk.size())) {
-        // Each MiB its own, so that no two parts have the same hash.
-        std::memcpy(chunk.data(), &written, sizeof written);
-        large.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-      }
-    }
+    bench::WriteLargeFile(Local("large.bin"), LargeBytes());
     // The resumed upload needs a local path of its own; the same bytes serve.
     fs::create_directories(Local("resume"));
     std::error_code linked;
@@ -132,16 +121,7 @@ struct World {
     server = std::make_unique<devserver::DevServer>(options);
     server->Start();
 
-    CVConfiguration& config = CVConfiguration::Instance();
-    config.Corvalink.Url = server->BaseUrl();
-    config.Corvalink.UserName = "bench";
-    config.Corvalink.Password = "bench";
-    auto site = std::make_shared<CVSharepoint>();
-    site->Name = "Bench";
-    site->Url = server->LocationOf("Bench");
-    site->StorageType = "CIFS";
-    config.fSpSites.push_back(site);
-    token = CVHandler::Instance().CheckCVToken("Bench");
+    token = bench::UseBenchAccount(server->BaseUrl(), server->LocationOf("Bench"));
   }
   ~World() {
     server->Stop();
