@@ -1,6 +1,13 @@
 #include "CommandLine.h"
 
 #include <cstdlib>
+#include <set>
+
+bool CommandLine::IsCommand(const std::string& word) {
+  static const std::set<std::string> kCommands = {"login", "logout", "status", "storage", "folders", "select",
+                                                  "sync-now", "pause", "resume", "quit"};
+  return kCommands.count(word) > 0;
+}
 
 std::optional<CommandLine> CommandLine::Parse(const std::vector<std::string>& arguments,
                                               std::string& error) {
@@ -28,10 +35,18 @@ std::optional<CommandLine> CommandLine::Parse(const std::vector<std::string>& ar
         return std::nullopt;
       }
       line.timeScale = scale;
+    } else if (IsCommand(argument)) {
+      line.command = argument;
+      line.commandArguments.assign(arguments.begin() + static_cast<std::ptrdiff_t>(i) + 1, arguments.end());
+      break;
     } else {
-      error = "unknown option \"" + argument + "\"";
+      error = (argument.rfind("-", 0) == 0 ? "unknown option \"" : "unknown command \"") + argument + "\"";
       return std::nullopt;
     }
+  }
+  if (!line.command.empty() && (line.headless || line.once)) {
+    error = "a command runs on its own, without --headless or --once";
+    return std::nullopt;
   }
   if (line.once && !line.headless) {
     error = "--once runs only with --headless";
@@ -42,13 +57,40 @@ std::optional<CommandLine> CommandLine::Parse(const std::vector<std::string>& ar
 
 std::string CommandLine::Usage() {
   return "Usage: corvalink-sync [--headless [--once]] [--time-scale F] [--version] [--help]\n"
+         "       corvalink-sync COMMAND [ARGUMENTS]\n"
          "\n"
          "  (no option)    the desktop client with its tray icon\n"
          "  --headless     the same client without windows; states and texts go to the\n"
          "                 console and to the logs under ~/Corvalink/.Settings/CVLogger\n"
          "  --once         with --headless: run one whole pass and exit\n"
-         "                 (0 in step, 1 errors or offline, 2 no account configured)\n"
+         "                 (0 in step, 1 errors or offline, 2 no account signed in)\n"
          "  --time-scale F multiply every duration of the client by F (for tests)\n"
          "  --version      print the version\n"
-         "  --help         print this text\n";
+         "  --help         print this text\n"
+         "\n"
+         "Commands go to the client that is running, or, when none runs, to the files:\n"
+         "  login [URL [USER]] [--password-stdin] [--yes]\n"
+         "                 sign in; asks for what is missing, the password without echo\n"
+         "                 (or reads it from standard input); signing in as another\n"
+         "                 account removes the previous one's data after a question\n"
+         "                 (--yes answers it)\n"
+         "  logout         forget the password and the session; files and records stay\n"
+         "  status         the account, the client's state, what waits, the storages\n"
+         "  storage list\n"
+         "  storage add NAME URL [--type CIFS|SP|O365|S3|AZURE] [--user USER]\n"
+         "                 [--password-stdin]   a storage of your own; --user gives it\n"
+         "                 credentials of its own (the password is asked)\n"
+         "  storage edit NAME [--name NEW] [--url URL] [--type TYPE]\n"
+         "                 [--user USER | --account-credentials] [--password-stdin]\n"
+         "  storage remove NAME [--yes]   the storage's folder goes to the Trash\n"
+         "  storage retrieve [--yes]      take the server's storages into the list\n"
+         "  folders STORAGE[/PATH]        the server's folders there, with what is synced\n"
+         "                                ([x] all, [-] some, [ ] none)\n"
+         "  select STORAGE[/PATH] all|none   sync that folder, or stop syncing it\n"
+         "  sync-now | pause | resume | quit   the running client\n"
+         "\n"
+         "Exit codes of commands: 0 done, 1 failed (the line says why; nothing changed),\n"
+         "2 no account signed in, 3 the client is not running, 4 a client runs already\n"
+         "(when starting one), 5 wrong user name or password, 6 sign-in locked after\n"
+         "three wrong passwords, 64 a wrong command line.\n";
 }

@@ -10,7 +10,6 @@
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
 #include "Clock.h"
-#include "ASIHTTPRequest.h"
 #include "CVConfiguration.h"
 #include "CVHandler.h"
 #include "AsyncFileMethods.h"
@@ -18,6 +17,11 @@
 #include "SmartSync.h"
 #include "SmartSyncFileOperations.h"
 #include "HeadlessStatusSink.h"
+#include "ClientSetup.h"
+#include "ControlServer.h"
+#include "LocalSocket.h"
+#include "LoginController.h"
+#include "SettingsContext.h"
 #include "InotifyEventStream.h"
 #include "PollMainLoop.h"
 #include "SessionConnectionService.h"
@@ -28,14 +32,27 @@ HeadlessApp::HeadlessApp(const CommandLine& options) : options_(options) {}
 int HeadlessApp::Run() {
   // The console shows the status lines; the full log stays in the log files.
   CVEventLogger::SetConsoleEcho(false);
+  // One client per user: whoever holds the lock owns the local socket.
+  CVStaticHelpers::CreateSettingsFolder();
+  const std::string settingsFolder = CVStaticHelpers::GenerateSettingsPath();
+  std::string lockError;
+  auto instance = InstanceLock::TryAcquire(LocalEndpoint::LockPath(settingsFolder), lockError);
+  if (!instance) {
+    if (lockError.empty()) {
+      std::cout << "Corvalink Sync is already running for this user; "
+                   "use \"corvalink-sync status\" or \"corvalink-sync quit\"." << std::endl;
+      return kExitAlreadyRunning;
+    }
+    std::cout << "Corvalink Sync cannot tell whether it runs already (" << lockError << "); it starts all the same."
+              << std::endl;
+  }
   auto sharedClock = std::make_shared<Clock>(options_.timeScale);
   const Clock& clock = *sharedClock;
-  ASIHTTPRequest::SetClock(sharedClock);
+  ClientSetup::PrepareProcess(sharedClock);
   PollMainLoop loop(clock);
   HeadlessStatusSink status(std::cout);
   SessionConnectionService connection;
   AsyncFileMethods serverFileOperations(sharedClock);
-  CVHandler::Instance().SetAppVersion(CORVALINK_VERSION);
   CVConfiguration::Instance().SetPartSizeSource([] { return CVHandler::Instance().GetPartSizeNSNumber(); });
 
   sigset_t signals;
@@ -100,16 +117,29 @@ int HeadlessApp::Run() {
         });
       });
     }
-    if (!app.applicationDidFinishLaunching()) {
-      std::cout << "No account is configured. Set Url, UserName and Password in "
-                << CVStaticHelpers::GenerateSettingsPath() << "/Configuration.xml"
-                << " (or sign in with the desktop client), then start again." << std::endl;
+    // Commands from the terminal (and the file manager) reach this client here.
+    SettingsContext settings(SyncControl::ForApp(app));
+    LoginController login(settings);
+    ControlServer control(loop, CommandEnvironment{settings, login, &app, [&loop] { loop.Post([&loop] { loop.Quit(kExitInStep); }); }},
+                          LocalEndpoint::SocketPath(settingsFolder));
+    std::string controlError;
+    if (instance && !control.Start(controlError)) {
+      std::cout << "Commands cannot reach this client: " << controlError << std::endl;
+    }
+    const bool signedIn = app.applicationDidFinishLaunching();
+    if (!signedIn && options_.once) {
+      std::cout << "No account is signed in. Sign in with: corvalink-sync login URL USER" << std::endl;
+      control.Stop();
       app.applicationWillTerminate();
       exitCode = kExitNoAccount;
     } else {
       std::cout << "Corvalink Sync " << CORVALINK_VERSION << " running without windows; logs in "
                 << CVStaticHelpers::GenerateSettingsPath() << "/CVLogger" << std::endl;
+      if (!signedIn) {
+        std::cout << "No account is signed in. Sign in with: corvalink-sync login URL USER" << std::endl;
+      }
       exitCode = loop.Run();
+      control.Drain(loop);
       app.applicationWillTerminate();
     }
   }

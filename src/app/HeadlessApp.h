@@ -10,6 +10,7 @@ class HeadlessApp {
   static constexpr int kExitInStep = 0;
   static constexpr int kExitErrors = 1;
   static constexpr int kExitNoAccount = 2;
+  static constexpr int kExitAlreadyRunning = 4;
 
   explicit HeadlessApp(const CommandLine& options);
   int Run();

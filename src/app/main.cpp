@@ -7,6 +7,7 @@
 
 #include "CommandLine.h"
 #include "HeadlessApp.h"
+#include "TerminalCommand.h"
 #include "Version.h"
 
 int main(int argc, char** argv) {
@@ -25,6 +26,7 @@ int main(int argc, char** argv) {
     std::cout << "corvalink-sync " << CORVALINK_VERSION << '\n';
     return 0;
   }
+  if (!options->command.empty()) return TerminalCommand(*options, std::cin, std::cout, std::cerr).Run();
   if (!options->headless) {
     std::cerr << "corvalink-sync: this build has no desktop part; run it with --headless\n";
     return 64;

@@ -15,4 +15,7 @@ class XdgDesktop {
   static std::string BookmarksFilePath();
   // True when a bookmark carries exactly this label ("file:///path Label").
   static bool BookmarksHasLabel(const std::string& label);
+  // Drops every bookmark with exactly this label; the other lines stay as they
+  // are. False when the file could not be written.
+  static bool RemoveBookmark(const std::string& label);
 };

@@ -314,18 +314,26 @@ bool CVHandler::LoginMobile(const std::string& url, const std::string& username,
 
 std::string CVHandler::TestLoginWithUrl(const std::string& url, const std::string& userName,
                                         const std::string& password) {
+  LoginTest test = TestLogin(url, userName, password);
+  return test.kind == LoginTest::Kind::Token ? test.text : "-1;";
+}
+
+CVHandler::LoginTest CVHandler::TestLogin(const std::string& url, const std::string& userName,
+                                          const std::string& password) {
+  using Kind = LoginTest::Kind;
   try {
     std::string wsUrl = CVStaticHelpers::GenerateWSUrls(url)["wsUrlRes"];
     std::string reply = CorvalinkWS().LoginWithUrl(userName, password,
                                                    CVStaticHelpers::GetUniqueDeviceID(), wsUrl);
-    if (StartsWith(reply, "err")) return "-1;";
+    if (StartsWith(reply, "err")) return {Kind::Unreachable, reply};
     std::string token = MyParser::GetParsedStringForNode("Result", reply);
     if (token.empty()) token = MyParser::GetParsedStringForNode("LoginResult", reply);
-    if (token.empty() || StartsWith(token, "-1;")) return "-1;";
-    return token;
+    if (token.empty()) return {Kind::Unreachable, "the server gave no token"};
+    if (StartsWith(token, "-1;")) return {Kind::Refused, token};
+    return {Kind::Token, token};
   } catch (const std::exception& failure) {
     CVEventLogger::WriteExceptionsLog(std::string("#001:CVHandler -> TestLoginWithUrl: ") + failure.what());
-    return "-1;";
+    return {Kind::Unreachable, failure.what()};
   }
 }
 

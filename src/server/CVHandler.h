@@ -56,6 +56,15 @@ class CVHandler {
   // The token of a login on a server that is not saved yet, or exactly "-1;".
   std::string TestLoginWithUrl(const std::string& url, const std::string& userName,
                                const std::string& password);
+  // The same login told apart: a token, a refusal of the credentials (the
+  // server's "-1;..." text), or no usable answer (no server, a transport error,
+  // an empty reply), which says nothing about the password.
+  struct LoginTest {
+    enum class Kind { Token, Refused, Unreachable };
+    Kind kind = Kind::Unreachable;
+    std::string text;  // the token, the refusal, or what went wrong
+  };
+  LoginTest TestLogin(const std::string& url, const std::string& userName, const std::string& password);
 
   std::optional<std::string> GetDefaultConfig();
   std::optional<std::string> GetDefaultConfigForNewSettings(const std::string& token,

@@ -262,11 +262,17 @@ CVConfiguration::SitePtr CVConfiguration::GetSiteByName(const std::string& name)
   for (const auto& site : fSpSites) {
     if (Lower(site->Name) == wanted) return site;
   }
-  std::cerr << "Site is nil, but site search in upload requests\n";
+  // A debug line only: lookups of names that are not storages are common.
+  CVEventLogger::WriteMainLogMessageDebug("Site is nil, but site search in upload requests");
   for (const auto& site : fSpSitestUploadRequest) {
     if (Lower(site->Name) == wanted) return site;
   }
   return nullptr;
+}
+
+bool CVConfiguration::IsSignedIn() {
+  std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
+  return !Corvalink.Url.empty() && !Corvalink.UserName.empty() && !Corvalink.Password.empty();
 }
 
 bool CVConfiguration::isNameExists(const std::string& name) {

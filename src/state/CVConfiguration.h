@@ -26,6 +26,11 @@ class CVConfiguration {
   // Writes the file and the side files; returns the document's text.
   std::string SaveConfigXML();
 
+  // True when the account has a server, a user and a password: the sync may run.
+  // A signed-out account keeps its server and user, so that the next sign-in
+  // knows whether it is the same account.
+  bool IsSignedIn();
+
   SitePtr GetSiteByName(const std::string& name);
   bool isNameExists(const std::string& name);
   void CreateAddStoragesInfo();

@@ -100,11 +100,22 @@ void Guarded(ParseState* state, Body&& body) {
 }
 
 void OnStartElement(void* context, const xmlChar* localName, const xmlChar*, const xmlChar*, int,
-                    const xmlChar**, int, int, const xmlChar**) {
+                    const xmlChar**, int attributeCount, int, const xmlChar** attributes) {
   auto* state = static_cast<ParseState*>(context);
   Guarded(state, [&] {
     state->text.clear();
     if (state->events->startElement) state->events->startElement(ElementName(localName));
+    if (state->events->startElementAttributes) {
+      // Five pointers per attribute: local name, prefix, URI, value start, value end.
+      std::vector<std::pair<std::string, std::string>> pairs;
+      for (int i = 0; i < attributeCount && attributes; ++i) {
+        const xmlChar** attribute = attributes + 5 * i;
+        pairs.emplace_back(ElementName(attribute[0]),
+                           std::string(reinterpret_cast<const char*>(attribute[3]),
+                                       reinterpret_cast<const char*>(attribute[4])));
+      }
+      state->events->startElementAttributes(ElementName(localName), pairs);
+    }
   });
 }
 

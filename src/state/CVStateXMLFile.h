@@ -11,6 +11,8 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
+#include <vector>
 #include <string_view>
 
 // How the read of a state file went.
@@ -36,6 +38,9 @@ class CVStateXMLFile {
   // the read, and its message becomes the read's error.
   struct Events {
     std::function<void(const std::string& name)> startElement;
+    // The same start tag with its attributes (name, value), in document order.
+    std::function<void(const std::string& name, const std::vector<std::pair<std::string, std::string>>& attributes)>
+        startElementAttributes;
     // text is what stood between the previous tag and this closing one, untrimmed.
     std::function<void(const std::string& name, const std::string& text)> endElement;
     // Each piece of text as the parser hands it over, for a reader that gathers

@@ -514,7 +514,10 @@ bool CVStaticHelpers::RenameSite(const std::string& oldName, const std::string& 
   bool inSidebar = XdgDesktop::BookmarksHasLabel("Corvalink_" + oldName);
 
   std::error_code error;
-  if (std::filesystem::exists(newFolder, error)) {
+  if (!std::filesystem::exists(std::filesystem::symlink_status(oldFolder, error))) {
+    // Never synced yet: there is no folder to move, only the name changes.
+    error.clear();
+  } else if (std::filesystem::exists(std::filesystem::symlink_status(newFolder, error))) {
     error = std::make_error_code(std::errc::file_exists);
   } else {
     std::filesystem::rename(oldFolder, newFolder, error);

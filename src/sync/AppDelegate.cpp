@@ -95,11 +95,17 @@ bool AppDelegate::applicationDidFinishLaunching() {
   config.ReadConfigFromFile();
   initializeRules();
 
-  if (config.Corvalink.Url.empty() && config.Corvalink.UserName.empty() &&
-      config.Corvalink.Password.empty()) {
-    CVEventLogger::WriteMainLogMessage("No account is configured: the login must come first");
+  if (!config.IsSignedIn()) {
+    CVEventLogger::WriteMainLogMessage("No account is signed in: the login must come first");
     return false;
   }
+  StartAfterLogin();
+  return true;
+}
+
+void AppDelegate::StartAfterLogin() {
+  std::lock_guard<std::mutex> once(startLock_);
+  if (syncStarted_) return;
   {
     // The record's lock covers the other two files too: nobody writes them yet.
     std::lock_guard<std::recursive_mutex> lock(DownloadedXMLStaticMethods::downloadedFilesLock());
@@ -107,7 +113,7 @@ bool AppDelegate::applicationDidFinishLaunching() {
     RepairDoubleSlashes();
   }
   FinishAppLaunchNewSync();
-  return true;
+  syncStarted_ = true;
 }
 
 void AppDelegate::initializeRules() {
@@ -238,14 +244,17 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
   if (localThrough) {
     // Test and set in one critical section: two passes never run together.
     std::lock_guard<std::mutex> lock(sync->Sync_Lock);
-    if (!isSyncRunning && !syncWasPaused && !isSettingsApplying) {
+    // A signed-out account keeps its files but does not sync.
+    if (!isSyncRunning && !syncWasPaused && !isSettingsApplying && CVConfiguration::Instance().IsSignedIn()) {
       isSyncRunning = true;
       mayRun = true;
     }
   }
   if (!mayRun) {
     // The loop is held while offline; the probe must not wait for it.
-    if (isAppOffline && !syncWasPaused && !CheckCVConnection()) ReportPass(PassOutcome::Offline);
+    if (isAppOffline && !syncWasPaused && CVConfiguration::Instance().IsSignedIn() && !CheckCVConnection()) {
+      ReportPass(PassOutcome::Offline);
+    }
     return;
   }
 
@@ -685,6 +694,22 @@ void AppDelegate::ApplySettings(const std::function<void()>& change) {
   StartFSWsForCorvalink();
   if (mainSyncObject_) mainSyncObject_->RunSyncThread();
   isSettingsApplying = false;
+}
+
+void AppDelegate::ForgetQueuedWork() {
+  SmartSync* sync = mainSyncObject_.get();
+  if (!sync) return;
+  {
+    std::lock_guard<std::mutex> lock(sync->fswQueue().FSW_NFQ_Lock);
+    sync->fswQueue().NF_Queue.clear();
+  }
+  {
+    std::lock_guard<std::mutex> lock(sync->fswQueue().FSW_FQ_Lock);
+    sync->fswQueue().FQ_FilteredQueue.clear();
+    sync->fswQueueIndex = 0;
+  }
+  sync->serverQueue().ClearServerQueues();
+  fswEventsHappened = false;
 }
 
 void AppDelegate::applicationWillTerminate() {

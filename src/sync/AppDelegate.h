@@ -67,6 +67,11 @@ class AppDelegate {
   // Mends "<root>//" left in the state files by an older version.
   void RepairDoubleSlashes();
   void FinishAppLaunchNewSync();
+  // The start that a first run leaves for the sign-in: the repair of old paths
+  // and FinishAppLaunchNewSync, once. Later calls do nothing; any thread.
+  void StartAfterLogin();
+  // True once the sync has been started (at launch or after a sign-in).
+  bool IsSyncStarted() const { return syncStarted_; }
   void initAndRunSync();
   // Makes the sync engine (SmartSync) and starts its loop thread.
   void CreateSyncEngine();
@@ -102,6 +107,9 @@ class AppDelegate {
   // A change of the storage list: stop the watcher and the loop, change, restart.
   // Blocks; run it on a worker thread, never on the main thread.
   void ApplySettings(const std::function<void()>& change);
+  // Empties the local change queue and the server queue in memory; the account
+  // they were for is gone. Call it inside ApplySettings.
+  void ForgetQueuedWork();
 
   // Status item and texts; callable from any thread, hop to the main thread.
   void SetStatusIcon(int state);
@@ -178,6 +186,8 @@ class AppDelegate {
   };
   std::map<std::string, OwnPath> recentOwnPaths_;
   bool timersRunning_ = false;
+  std::mutex startLock_;
+  std::atomic<bool> syncStarted_{false};
 
   std::mutex versionLock_;
   std::string webServiceVersion_;

@@ -135,6 +135,18 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args) {
       if (eq == std::string::npos || eq == 0)
         throw std::invalid_argument("--upload-request must be GUID=USER");
       options.uploadRequests.push_back({account.substr(0, eq), account.substr(eq + 1)});
+    } else if (arg == "--policy") {
+      const auto& argument = value();
+      const auto eq = argument.find('=');
+      if (eq == std::string::npos || eq == 0) throw std::invalid_argument("--policy must be USER=FILE");
+      options.policies.push_back({argument.substr(0, eq), argument.substr(eq + 1)});
+    } else if (arg == "--device-status") {
+      const auto& argument = value();
+      const auto eq = argument.find('=');
+      if (eq == std::string::npos || eq == 0) throw std::invalid_argument("--device-status must be USER=REPLY");
+      options.deviceStatus[argument.substr(0, eq)] = argument.substr(eq + 1);
+    } else if (arg == "--lock-after") {
+      options.lockAfterFailures = static_cast<int>(ParseNumber(value(), "--lock-after", 1000));
     } else if (arg == "--fail") {
       options.faults.push_back(ParseFaultArgument(value()));
     } else {
@@ -164,6 +176,10 @@ std::string UsageText() {
   --compressed-types LIST   extensions of GetSystemConfig (default
                             txt,doc,docx,xls,xlsx,ppt,pptx,pdf,xml,html,csv)
   --part-size KB            part size of GetSystemConfig (default 1024)
+  --policy USER=FILE        GetDefaultSettings2's document for USER, read at each call;
+                            without one a user gets a policy that lists their storages
+  --device-status USER=REPLY GetDeviceStatus for USER (default "1;A"; "1;B" blocked...)
+  --lock-after N            refuse a user's logins after N failures in a row (default: never)
   --restricted STORAGE/PATH a path closed as by an IP restriction (repeatable)
   --upload-request GUID=USER an upload request that LoginEx accepts (repeatable)
   --fail NAME,COUNT,KIND    make the next COUNT calls ("*": all) of a method or handler fail;

@@ -8,6 +8,7 @@ namespace devserver {
 // and repeats once on "-1;".
 inline constexpr const char* kInvalidToken = "-1;Invalid token";
 inline constexpr const char* kLoginFailed = "-1;Login failed";
+inline constexpr const char* kAccountLocked = "-1;Account locked";
 inline constexpr const char* kStorageLoginFailed = "-2;Login failed";
 inline constexpr const char* kNotFound = "-6;File/Folder not found;";
 inline constexpr const char* kRestricted = "-7;Access denied by IP restriction";

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -42,6 +43,13 @@ struct UploadRequestConfig {
   std::string user;
 };
 
+// What GetDefaultSettings2 answers one user: the document in file, read at
+// each call so that a test can change it while the server runs.
+struct PolicySetting {
+  std::string user;
+  std::filesystem::path file;
+};
+
 struct ServerOptions {
   std::string host = "127.0.0.1";
   int port = 8080;           // 0: any free port
@@ -61,6 +69,14 @@ struct ServerOptions {
   std::filesystem::path stateDir;
   // The host part of the storage locations (\\HOST\NAME\, https://HOST/NAME/).
   std::string locationHost = "devserver";
+
+  // Users without a policy file get one made from their storages.
+  std::vector<PolicySetting> policies;
+  // GetDeviceStatus per user ("1;A" for everyone else): "1;B" blocked, "1;W" to be wiped...
+  std::map<std::string, std::string> deviceStatus;
+  // After this many failed logins in a row a user's logins are refused, the
+  // right password too, until the server restarts; 0: never.
+  int lockAfterFailures = 0;
 
   std::vector<RestrictedPath> restricted;
   std::vector<FaultSetting> faults;

@@ -1,5 +1,7 @@
 #include "ServerState.h"
 
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "WireFormats.h"
@@ -63,13 +65,75 @@ ServerState::ServerState(ServerOptions options)
   for (const auto& setting : options_.faults)
     faults_.Add(setting.name, setting.fault, setting.count);
   for (const auto& request : options_.uploadRequests) AddUploadRequest(request.guid, request.user);
+  for (const auto& [user, status] : options_.deviceStatus) deviceStatus_[AsciiLower(user)] = status;
 }
 
 const UserAccount* ServerState::FindUser(const std::string& name) const {
+  // A directory's names: "Alice" and "alice" are one user.
+  const std::string wanted = AsciiLower(name);
   for (const auto& user : options_.users) {
-    if (user.name == name) return &user;
+    if (AsciiLower(user.name) == wanted) return &user;
   }
   return nullptr;
+}
+
+std::string ServerState::PolicyFor(const std::string& user) const {
+  for (const auto& setting : options_.policies) {
+    if (AsciiLower(setting.user) != AsciiLower(user)) continue;
+    std::ifstream in(setting.file, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+  // A policy that lets the user change storages and hands them every storage
+  // they may reach, with the location it has here.
+  std::string storages;
+  for (const Storage* storage : storages_.ForUser(user)) {
+    storages += "<Storage><Type>" + EscapeXmlText(storage->config().type) + "</Type><Name>" +
+                EscapeXmlText(storage->name()) + "</Name><Path>" + EscapeXmlText(storage->location()) + "</Path>";
+    if (const auto& own = storage->config().credentials) {
+      storages += "<AlterAuth>true</AlterAuth><Username>" + EscapeXmlText(own->name) + "</Username><Password>" +
+                  EscapeXmlText(own->password) + "</Password>";
+    }
+    storages += "</Storage>";
+  }
+  return "<Policy><Settings><Editable>true</Editable><ExternalSharing>true</ExternalSharing>"
+         "<InternalSharing>true</InternalSharing><UploadRequests>true</UploadRequests>"
+         "<EmailDocument>true</EmailDocument><ExpireRequired>false</ExpireRequired><Desktop>5</Desktop>"
+         "</Settings><Corvalink><URL edit=\"true\"></URL><Username>" +
+         EscapeXmlText(user) + "</Username></Corvalink><Storages>" + storages + "</Storages></Policy>";
+}
+
+std::string ServerState::DeviceStatusFor(const std::string& user) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto found = deviceStatus_.find(AsciiLower(user));
+  return found == deviceStatus_.end() ? "1;A" : found->second;
+}
+
+void ServerState::SetDeviceStatus(const std::string& user, std::string status) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  deviceStatus_[AsciiLower(user)] = std::move(status);
+}
+
+int ServerState::LoginFailures(const std::string& user) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto found = loginFailures_.find(AsciiLower(user));
+  return found == loginFailures_.end() ? 0 : found->second;
+}
+
+bool ServerState::NoteLoginFailure(const std::string& user) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  int count = ++loginFailures_[AsciiLower(user)];
+  return options_.lockAfterFailures > 0 && count >= options_.lockAfterFailures;
+}
+
+bool ServerState::IsLoginLocked(const std::string& user) const {
+  return options_.lockAfterFailures > 0 && LoginFailures(user) >= options_.lockAfterFailures;
+}
+
+void ServerState::NoteLoginSuccess(const std::string& user) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  loginFailures_.erase(AsciiLower(user));
 }
 
 std::string ServerState::versionReply() const {

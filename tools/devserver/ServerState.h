@@ -51,6 +51,17 @@ class ServerState {
   FaultInjector& faults() { return faults_; }
   RequestRecorder& requests() { return requests_; }
 
+  // The policy document of GetDefaultSettings2 for the user.
+  std::string PolicyFor(const std::string& user) const;
+  std::string DeviceStatusFor(const std::string& user) const;
+  void SetDeviceStatus(const std::string& user, std::string status);
+  // Failed main logins in a row; a success starts the count again.
+  int LoginFailures(const std::string& user) const;
+  // Counts a failed login; true when the user's logins are locked now.
+  bool NoteLoginFailure(const std::string& user);
+  bool IsLoginLocked(const std::string& user) const;
+  void NoteLoginSuccess(const std::string& user);
+
   std::string versionReply() const;
   void SetVersionReply(std::string version);
   // The newer Login (share service, with Options) exists from 6.0.71 on.
@@ -76,6 +87,8 @@ class ServerState {
   mutable std::mutex mutex_;
   std::string versionReply_;
   std::map<std::string, std::string> uploadRequests_;  // GUID (lower case) -> user
+  std::map<std::string, std::string> deviceStatus_;    // user (lower case) -> reply
+  std::map<std::string, int> loginFailures_;           // user (lower case) -> count
   std::condition_variable stopSignal_;
   bool stopping_ = false;
 };

@@ -10,8 +10,15 @@ namespace {
 
 std::string MainLogin(ServerState& state, const std::string& username,
                       const std::string& password) {
+  // Failures are counted per name, as a directory counts them before it locks.
+  if (state.IsLoginLocked(username)) return kAccountLocked;
   const auto* user = state.FindUser(username);
-  if (!user || user->password != password) return kLoginFailed;
+  if (!user || user->password != password) {
+    state.Log("login of '" + username + "' refused (" + std::to_string(state.LoginFailures(username) + 1) +
+              " in a row)");
+    return state.NoteLoginFailure(username) ? kAccountLocked : kLoginFailed;
+  }
+  state.NoteLoginSuccess(username);
   // A main token is the bare GUID, with no "0;" before it.
   return state.tokens().Issue(user->name, TokenKind::Main);
 }
@@ -43,7 +50,14 @@ SoapReply GetVersion(ServerState& state, const SoapCall&) {
 }
 
 SoapReply GetDeviceStatus(ServerState& state, const SoapCall& call) {
-  return SoapReply::Text(MainTokenUser(state, call, "Token") ? "1;A" : kInvalidToken);
+  const auto owner = MainTokenUser(state, call, "Token");
+  return SoapReply::Text(owner ? state.DeviceStatusFor(owner->user) : kInvalidToken);
+}
+
+// The policy: a document of its own, carried as the result's text.
+SoapReply GetDefaultSettings2(ServerState& state, const SoapCall& call) {
+  const auto owner = MainTokenUser(state, call, "Token");
+  return SoapReply::Text(owner ? state.PolicyFor(owner->user) : kInvalidToken);
 }
 
 // Login on the mobile service: a storage token for one storage location. The
@@ -92,6 +106,7 @@ void AddSessionMethods(MethodTable& table) {
   table.Add(Endpoint::Share, "Login", LoginNewer);
   table.Add(Endpoint::Main, "GetVersion", GetVersion);
   table.Add(Endpoint::Main, "GetDeviceStatus", GetDeviceStatus);
+  table.Add(Endpoint::Main, "GetDefaultSettings2", GetDefaultSettings2);
   table.Add(Endpoint::Mobile, "Login", LoginStorage);
   table.Add(Endpoint::Mobile, "LoginEx", LoginEx);
   table.Add(Endpoint::Mobile, "GetSystemConfig", GetSystemConfig);
