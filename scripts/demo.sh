@@ -34,54 +34,31 @@ if [ -z "$url" ]; then
 fi
 echo "   listening on $url"
 
+# The demo's client keeps its local socket in its own home, away from a real client's.
+export XDG_RUNTIME_DIR="$home/run"
+mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
+sync_cmd() { HOME="$home" "$client" "$@"; }
+
 echo
 echo "== First start with no account: the client says so"
-HOME="$home" "$client" --headless --once --time-scale 0.05
-echo "   exit code: $? (2: no account configured)"
+sync_cmd --headless --once --time-scale 0.05
+echo "   exit code: $? (2: no account signed in)"
 
 echo
-echo "== The account and the storage, in the configuration file the client reads"
+echo "== Sign in from the terminal: corvalink-sync login $url alice --password-stdin"
+echo "   (a wrong password first)"
+echo wrong | sync_cmd login "$url" alice --password-stdin 2>&1 | sed 's/^/   /'
+echo secret | sync_cmd login "$url" alice --password-stdin 2>&1 | sed 's/^/   /'
 settings="$home/Corvalink/.Settings"
-cat > "$settings/Configuration.xml" <<XML
-<?xml version="1.0" encoding="UTF-8"?>
-<Configuration xmlns:xsd="http://www.w3.org/2001/XMLSchema" xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance">
-  <Corvalink>
-    <Url>$url</Url>
-    <UserName>alice</UserName>
-    <Password>secret</Password>
-    <IsFirstRun>false</IsFirstRun>
-    <SyncCV>5</SyncCV>
-  </Corvalink>
-  <SpSites>
-    <CVSharepoint>
-      <Url>\\\\devserver\\Docs\\</Url>
-      <Name>Docs</Name>
-      <StorageType>CIFS</StorageType>
-    </CVSharepoint>
-  </SpSites>
-</Configuration>
-XML
-sed 's/<Password>.*<\/Password>/<Password>******<\/Password>/' "$settings/Configuration.xml" | sed 's/^/   /'
-echo "== Selective sync: all of Docs, but not Docs/Private (a new storage syncs nothing until told)"
-cat > "$settings/SelectiveSync.xml" <<XML
-<?xml version="1.0" encoding="UTF-8"?>
-<SelectiveSync>
-  <Sites>
-    <StorageRules>
-      <Name>Docs</Name>
-      <SyncRules>
-        <SyncRule><ItemUrl>Docs</ItemUrl><Rule>syncAll</Rule></SyncRule>
-        <SyncRule><ItemUrl>Docs/Private</ItemUrl><Rule>syncNone</Rule></SyncRule>
-      </SyncRules>
-      <SyncItems/>
-    </StorageRules>
-  </Sites>
-</SelectiveSync>
-XML
-
+echo
+echo "== The server's folders of Docs, then: select Docs all, select Docs/Private none"
+sync_cmd folders Docs | sed 's/^/   /'
+sync_cmd select Docs all | sed 's/^/   /'
+sync_cmd select Docs/Private none | sed 's/^/   /'
+sync_cmd status | sed 's/^/   /'
 echo
 echo "== corvalink-sync --headless --once"
-HOME="$home" "$client" --headless --once --time-scale 0.05
+sync_cmd --headless --once --time-scale 0.05
 code=$?
 echo "   exit code: $code (0: everything in step)"
 
@@ -100,7 +77,7 @@ else
 fi
 echo
 echo "== The client keeps running: a change on each side reaches the other"
-HOME="$home" "$client" --headless --time-scale 0.05 > "$work/client.out" 2>&1 &
+sync_cmd --headless --time-scale 0.05 > "$work/client.out" 2>&1 &
 client_pid=$!
 trap 'kill $client_pid $server_pid 2>/dev/null; wait $client_pid $server_pid 2>/dev/null' EXIT
 for _ in $(seq 1 100); do grep -q "Status: in step" "$work/client.out" && break; sleep 0.1; done
@@ -123,7 +100,14 @@ if arrived; then
 else
   echo "   => not in step after 30 seconds; see $work/client.out and the logs"; code=1
 fi
-kill $client_pid 2>/dev/null; wait $client_pid 2>/dev/null
+echo
+echo "== corvalink-sync status, from a second terminal while the client runs"
+sync_cmd status | sed 's/^/   /'
+echo "== A second client does not start:"
+sync_cmd --headless --time-scale 0.05 | sed 's/^/   /'
+echo "== corvalink-sync quit"
+sync_cmd quit | sed 's/^/   /'
+wait $client_pid 2>/dev/null
 if diff -rq "$storage" "$local_docs" --exclude=Private > /dev/null 2>&1; then
   echo "   => both trees identical byte for byte again"
 else

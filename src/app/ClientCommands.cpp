@@ -389,8 +389,8 @@ int ClientCommands::Runtime(const std::string& word, CommandEnvironment& env, Co
       io.Out("The sync goes on.");
     }
   } else if (word == "quit") {
+    // The client ends once this answer has gone out (see quit of the environment).
     io.Out("Corvalink Sync quits.");
-    if (env.quit) env.quit();
   } else if (word == "show") {
     io.Out("Corvalink Sync is running.");
   }

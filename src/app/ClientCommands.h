@@ -27,7 +27,9 @@ struct CommandEnvironment {
   SettingsContext& settings;
   LoginController& login;
   AppDelegate* app = nullptr;  // the running client; null when working on the files
-  std::function<void()> quit;  // ends the running client
+  // Ends the running client; called by whoever carries the answer of "quit"
+  // once the answer is out.
+  std::function<void()> quit;
 };
 
 class ClientCommands {

@@ -89,4 +89,5 @@ void ControlServer::Serve(int fd) {
     io.Err(std::string("The command failed: ") + failure.what());
   }
   channel.WriteLine({"END", std::to_string(code)});
+  if ((*request)[0] == "quit" && code == ClientCommands::kDone && environment_.quit) environment_.quit();
 }

@@ -69,11 +69,31 @@ std::unique_ptr<ChildProcess> E2ETest::StartClient(const std::string& home, bool
                                                    const std::string& timeScale) {
   std::vector<std::string> arguments{"--headless", "--time-scale", timeScale};
   if (once) arguments.push_back("--once");
-  // Trash and desktop files stay inside the test's home.
-  return std::make_unique<ChildProcess>(
-      CORVALINK_SYNC_BINARY, arguments,
-      std::map<std::string, std::string>{{"HOME", home}, {"XDG_DATA_HOME", home + "/.local/share"},
-                                         {"XDG_CONFIG_HOME", home + "/.config"}});
+  return std::make_unique<ChildProcess>(CORVALINK_SYNC_BINARY, arguments, ClientEnvironment(home));
+}
+
+std::map<std::string, std::string> E2ETest::ClientEnvironment(const std::string& home) {
+  fs::create_directories(fs::path(home) / "run");
+  fs::permissions(fs::path(home) / "run", fs::perms::owner_all, fs::perm_options::replace);
+  return {{"HOME", home},
+          {"XDG_DATA_HOME", home + "/.local/share"},
+          {"XDG_CONFIG_HOME", home + "/.config"},
+          {"XDG_RUNTIME_DIR", home + "/run"}};
+}
+
+std::string E2ETest::MakeEmptyHome(const std::string& name) {
+  fs::path home = root_ / name;
+  fs::create_directories(home);
+  return home.string();
+}
+
+E2ETest::CommandRun E2ETest::RunCommand(const std::string& home, const std::vector<std::string>& arguments,
+                                        const std::string& input) {
+  ChildProcess command(CORVALINK_SYNC_BINARY, arguments, ClientEnvironment(home), input);
+  CommandRun run;
+  run.code = command.Wait(std::chrono::seconds(60));
+  run.output = command.WholeOutput(std::chrono::seconds(5));
+  return run;
 }
 
 void E2ETest::Write(const fs::path& path, const std::string& content) {

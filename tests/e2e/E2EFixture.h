@@ -29,6 +29,19 @@ class E2ETest : public ::testing::Test {
   // timeScale: the client's clock; 1 keeps its time-outs as long as the user's.
   std::unique_ptr<ChildProcess> StartClient(const std::string& home, bool once = false,
                                             const std::string& timeScale = "0.01");
+  // A home with no account at all, as a new user has.
+  std::string MakeEmptyHome(const std::string& name);
+  // `corvalink-sync ARGUMENTS` in the home, as a user types it, with input on its
+  // standard input; waits for its end.
+  struct CommandRun {
+    int code = -1;
+    std::string output;
+  };
+  CommandRun RunCommand(const std::string& home, const std::vector<std::string>& arguments,
+                        const std::string& input = "");
+  // The environment of a client process of that home: its Trash, desktop files
+  // and local socket stay inside it.
+  static std::map<std::string, std::string> ClientEnvironment(const std::string& home);
 
   std::filesystem::path ServerDocs() const { return root_ / "server" / "Docs"; }
   static std::filesystem::path ClientDocs(const std::string& home) {

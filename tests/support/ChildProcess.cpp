@@ -10,9 +10,12 @@
 extern char** environ;
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-                           const std::map<std::string, std::string>& environment) {
+                           const std::map<std::string, std::string>& environment,
+                           const std::optional<std::string>& input) {
   int pipeFds[2];
   if (pipe(pipeFds) != 0) throw std::runtime_error("pipe failed");
+  int inputFds[2] = {-1, -1};
+  if (input && pipe(inputFds) != 0) throw std::runtime_error("pipe failed");
   std::map<std::string, std::string> env;
   for (char** entry = environ; *entry; ++entry) {
     std::string text(*entry);
@@ -37,11 +40,23 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     dup2(pipeFds[1], STDERR_FILENO);
     close(pipeFds[0]);
     close(pipeFds[1]);
+    if (input) {
+      dup2(inputFds[0], STDIN_FILENO);
+      close(inputFds[0]);
+      close(inputFds[1]);
+    }
     execve(program.c_str(), argv.data(), envp.data());
     _exit(127);
   }
   close(pipeFds[1]);
   outFd_ = pipeFds[0];
+  if (input) {
+    // Small texts (a password, an answer) fit in the pipe at once.
+    close(inputFds[0]);
+    ssize_t written = write(inputFds[1], input->data(), input->size());
+    (void)written;
+    close(inputFds[1]);
+  }
   reader_ = std::thread([this] { Read(); });
 }
 
@@ -109,6 +124,14 @@ std::string ChildProcess::Output() {
   std::string all;
   for (const auto& line : lines_) all += line + "\n";
   return all;
+}
+
+std::string ChildProcess::WholeOutput(std::chrono::milliseconds limit) {
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, limit, [&] { return ended_; });
+  }
+  return Output();
 }
 
 void ChildProcess::Signal(int signal) {

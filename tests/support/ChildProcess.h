@@ -7,6 +7,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <map>
+#include <optional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -16,8 +17,10 @@ class ChildProcess {
  public:
   // Starts program with arguments; environment entries replace or add to the
   // test's own environment.
+  // input, when given, is what the program reads on its standard input.
   ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-               const std::map<std::string, std::string>& environment);
+               const std::map<std::string, std::string>& environment,
+               const std::optional<std::string>& input = std::nullopt);
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -29,6 +32,8 @@ class ChildProcess {
   // How many lines are exactly text.
   int CountExactLines(const std::string& text);
   std::string Output();
+  // All the output, once the program has closed it (at its end, say).
+  std::string WholeOutput(std::chrono::milliseconds limit);
   void Signal(int signal);
   // Waits for the end; the exit code, or -1 when it did not end in time (it is killed then).
   int Wait(std::chrono::milliseconds limit);

@@ -28,7 +28,8 @@ class HeadlessClientTest : public ClientServerTest {
     std::vector<std::string> arguments{"--headless", "--time-scale", "0.01"};
     arguments.insert(arguments.end(), extra.begin(), extra.end());
     return std::make_unique<ChildProcess>(CORVALINK_SYNC_BINARY, arguments,
-                                          std::map<std::string, std::string>{{"HOME", home_->path()}});
+                                          std::map<std::string, std::string>{{"HOME", home_->path()},
+                                                                             {"XDG_RUNTIME_DIR", ""}});
   }
   std::int64_t StoredLastSync() {
     CVConfiguration::ResetForTests();

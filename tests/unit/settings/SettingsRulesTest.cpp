@@ -102,7 +102,9 @@ TEST(SettingsRulesTest, StorageKindsAndTheirUrls) {
     std::string message;
     EXPECT_EQ(StorageController::getStorageType(c.type, c.url, c.radio, message), c.result) << c.type << " " << c.url;
     EXPECT_EQ(message, c.message) << c.type << " " << c.url;
-    if (*c.stored) EXPECT_EQ(StorageController::StoredUrl(c.type, c.url), c.stored);
+    if (*c.stored) {
+      EXPECT_EQ(StorageController::StoredUrl(c.type, c.url), c.stored);
+    }
   }
   EXPECT_EQ(StorageController::ShownUrl("azure://acct/c/"), "//acct/c/");
   EXPECT_EQ(StorageController::ShownUrl("S3://b/"), "//b/");
