@@ -16,12 +16,6 @@
 
 namespace {
 
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
 std::int64_t ToInt(const std::string& text) {
   try {
     return std::stoll(text);
@@ -251,8 +245,8 @@ CVSharepoint Policy::SharepointFromWSStorage(const WSStorage& storage, std::int6
   site.UserName = storage.Username;
   site.Password = storage.Password;
   site.Url = CVStaticHelpers::SpSiteURLCheck(storage.Path, storage.Type == "CIFS");
-  const std::string scheme = Lower(storage.Type) + ":";
-  if (Lower(site.Url).rfind(scheme, 0) != 0 && site.Url.rfind("//", 0) == 0) site.Url = storage.Type + ":" + site.Url;
+  const std::string scheme = CVStaticHelpers::AsciiLower(storage.Type) + ":";
+  if (CVStaticHelpers::AsciiLower(site.Url).rfind(scheme, 0) != 0 && site.Url.rfind("//", 0) == 0) site.Url = storage.Type + ":" + site.Url;
   site.SyncDelay = syncCV;
   site.isInFavorites = false;
   site.isManually = false;

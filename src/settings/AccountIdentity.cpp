@@ -6,13 +6,9 @@
 #include <cctype>
 #include <cstdlib>
 
-namespace {
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
+#include "CVStaticHelpers.h"
 
+namespace {
 std::string Trimmed(const std::string& text) {
   auto begin = text.find_first_not_of(" \t\r\n");
   if (begin == std::string::npos) return "";
@@ -26,13 +22,13 @@ std::string AccountIdentity::NormalisedUrl(const std::string& url) {
   auto schemeEnd = text.find("://");
   std::string scheme, rest = text;
   if (schemeEnd != std::string::npos) {
-    scheme = Lower(text.substr(0, schemeEnd));
+    scheme = CVStaticHelpers::AsciiLower(text.substr(0, schemeEnd));
     rest = text.substr(schemeEnd + 3);
   }
   auto slash = rest.find('/');
   std::string authority = rest.substr(0, slash);
   std::string path = slash == std::string::npos ? "" : rest.substr(slash);
-  authority = Lower(authority);
+  authority = CVStaticHelpers::AsciiLower(authority);
   // The port a scheme takes by default says nothing of the server.
   auto colon = authority.rfind(':');
   if (colon != std::string::npos && authority.find(']', colon) == std::string::npos) {
@@ -53,7 +49,7 @@ std::string AccountIdentity::FoldedUser(const std::string& user) {
                    &folded, static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE | UTF8PROC_CASEFOLD));
   if (length < 0 || !folded) {
     std::free(folded);
-    return Lower(text);  // not UTF-8: fold what can be folded
+    return CVStaticHelpers::AsciiLower(text);  // not UTF-8: fold what can be folded
   }
   std::string result(reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length));
   std::free(folded);

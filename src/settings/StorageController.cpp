@@ -17,14 +17,8 @@
 namespace {
 constexpr const char* kClass = "AddStorageSheetDelegate";
 
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
 bool Holds(const std::string& text, char c) { return text.find(c) != std::string::npos; }
-bool Begins(const std::string& text, const std::string& prefix) { return Lower(text).rfind(prefix, 0) == 0; }
+bool Begins(const std::string& text, const std::string& prefix) { return CVStaticHelpers::AsciiLower(text).rfind(prefix, 0) == 0; }
 }  // namespace
 
 std::string StorageController::getStorageType(const std::string& type, const std::string& url, bool fromRadioGroup,
@@ -90,7 +84,7 @@ StorageController::Result StorageController::saveChanges(const Form& form) {
     }
     const bool renamed = !form.editing || form.name != *form.editing;
     // A change of case only is the same storage under its own name.
-    if (renamed && config.isNameExists(form.name) && !(form.editing && Lower(form.name) == Lower(*form.editing))) {
+    if (renamed && config.isNameExists(form.name) && !(form.editing && CVStaticHelpers::AsciiLower(form.name) == CVStaticHelpers::AsciiLower(*form.editing))) {
       return {false, kNameExists};
     }
 

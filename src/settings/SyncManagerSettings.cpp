@@ -16,13 +16,7 @@
 namespace {
 constexpr const char* kClass = "CorvalinkSyncManagerContent";
 
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
-bool Same(const std::string& a, const std::string& b) { return Lower(a) == Lower(b); }
+bool Same(const std::string& a, const std::string& b) { return CVStaticHelpers::AsciiLower(a) == CVStaticHelpers::AsciiLower(b); }
 }  // namespace
 
 SyncManagerSettings::MergePlan SyncManagerSettings::PlanStorageMerge(const std::vector<CVSharepoint>& local,

@@ -24,12 +24,6 @@ std::unique_ptr<CVConfiguration>& Slot() {
   return instance;
 }
 
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
 const char* Bool(bool value) { return value ? "true" : "false"; }
 
 std::int64_t ToInt(const std::string& text) {
@@ -257,15 +251,15 @@ std::vector<CVConfiguration::SitePtr> CVConfiguration::SitesCopy() {
 }
 
 CVConfiguration::SitePtr CVConfiguration::GetSiteByName(const std::string& name) {
-  std::string wanted = Lower(name);
+  std::string wanted = CVStaticHelpers::AsciiLower(name);
   std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
   for (const auto& site : fSpSites) {
-    if (Lower(site->Name) == wanted) return site;
+    if (CVStaticHelpers::AsciiLower(site->Name) == wanted) return site;
   }
   // A debug line only: lookups of names that are not storages are common.
   CVEventLogger::WriteMainLogMessageDebug("Site is nil, but site search in upload requests");
   for (const auto& site : fSpSitestUploadRequest) {
-    if (Lower(site->Name) == wanted) return site;
+    if (CVStaticHelpers::AsciiLower(site->Name) == wanted) return site;
   }
   return nullptr;
 }
@@ -276,9 +270,9 @@ bool CVConfiguration::IsSignedIn() {
 }
 
 bool CVConfiguration::isNameExists(const std::string& name) {
-  std::string wanted = Lower(name);
+  std::string wanted = CVStaticHelpers::AsciiLower(name);
   for (const auto& site : SitesCopy()) {
-    if (Lower(site->Name) == wanted) return true;
+    if (CVStaticHelpers::AsciiLower(site->Name) == wanted) return true;
   }
   return false;
 }

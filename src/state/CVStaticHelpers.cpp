@@ -344,6 +344,12 @@ bool CVStaticHelpers::MoveFileToTrash(const std::string& path) {
   }
 }
 
+std::string CVStaticHelpers::AsciiLower(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
 std::string CVStaticHelpers::ConvertBytesToReadableFromat(std::int64_t bytes) {
   if (bytes < 1024) return std::to_string(bytes) + " bytes";
   static const char* const kUnits[] = {"Kb", "Mb", "Gb", "Tb", "Pb"};

@@ -101,6 +101,9 @@ class CVStaticHelpers {
   static bool RenameSite(const std::string& oldName, const std::string& newName);
   static void SetFavoritesRenameHandler(std::function<void(const std::string&, const std::string&)> handler);
 
+  // The text with A-Z as a-z: how storage names and kinds are compared.
+  static std::string AsciiLower(std::string text);
+
   // "1023 bytes", "1 Kb", "1024 Kb", "1 Mb"... up to "Pb".
   static std::string ConvertBytesToReadableFromat(std::int64_t bytes);
   // "a", "a and b", "a, b and c" or, Oxford style, "a, b, and c".

@@ -13,12 +13,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
 std::string Today() {
   std::time_t now = std::time(nullptr);
   std::tm local{};
@@ -40,7 +34,7 @@ std::string FreeName(const std::string& path) {
 }  // namespace
 
 bool CVStorageNames::IsReservedName(const std::string& name) {
-  std::string lower = Lower(name);
+  std::string lower = CVStaticHelpers::AsciiLower(name);
   return lower == "shared in" || lower == "shared out" || lower == "external user uploads";
 }
 

@@ -114,7 +114,9 @@ std::map<std::string, std::string> E2ETest::Tree(const fs::path& folder, const s
   if (!fs::is_directory(folder, error)) return tree;
   for (auto it = fs::recursive_directory_iterator(folder, error); it != fs::recursive_directory_iterator();
        it.increment(error)) {
-    std::string relative = fs::relative(it->path(), folder).string();
+    // Lexical, not fs::relative: an entry may be gone by now (a ".cvtemp" of the
+    // running client), and canonical paths need it to stand.
+    std::string relative = it->path().lexically_relative(folder).string();
     bool skipped = false;
     for (const auto& prefix : skip) skipped |= relative == prefix || relative.rfind(prefix + "/", 0) == 0;
     if (skipped) continue;

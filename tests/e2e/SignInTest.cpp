@@ -17,17 +17,20 @@ namespace {
 
 class SignInE2ETest : public E2ETest {
  protected:
-  void StartServers() {
-    fs::create_directories(root_ / "server" / "Archive");
-    fs::create_directories(root_ / "server" / "Team");
+  void StartServers(std::vector<std::string> extra = {}) {
+    fs::create_directories(Server("Archive"));
+    fs::create_directories(Server("Team"));
     // Alice's policy names Docs only; Archive is hers to add by hand. Team is bob's.
     Write(root_ / "alice.policy",
           "<Policy><Settings><Editable>true</Editable></Settings><Corvalink><URL edit=\"true\"/></Corvalink>"
           "<Storages><Storage><Type>CIFS</Type><Name>Docs</Name><Path>\\\\devserver\\Docs\\</Path></Storage>"
           "</Storages></Policy>");
-    StartServer({"--user", "bob:pw", "--storage", "Archive=" + (root_ / "server" / "Archive").string() + ",user=alice",
-                 "--storage", "Team=" + (root_ / "server" / "Team").string() + ",user=bob", "--policy",
-                 "alice=" + (root_ / "alice.policy").string()});
+    std::vector<std::string> arguments{"--user",    "bob:pw",
+                                       "--storage", "Archive=" + Server("Archive").string() + ",user=alice",
+                                       "--storage", "Team=" + Server("Team").string() + ",user=bob",
+                                       "--policy",  "alice=" + (root_ / "alice.policy").string()};
+    arguments.insert(arguments.end(), extra.begin(), extra.end());
+    StartServer(arguments);
   }
   fs::path Server(const std::string& storage) const { return root_ / "server" / storage; }
   static fs::path Local(const std::string& home, const std::string& storage) {
@@ -42,8 +45,13 @@ TEST_F(SignInE2ETest, SignInFromTheTerminalAndCommandsReachTheRunningClient) {
   Write(ServerDocs() / "Reports/q3.txt", "figures\n");
   Write(ServerDocs() / "Private/secret.txt", "not here\n");
   Write(Server("Archive") / "old.txt", "archived\n");
-  StartServers();
+  const std::string large(3 * 1024 * 1024, 'x');
+  Write(ServerDocs() / "large.bin", large);
+  StartServers({"--fail", "DownloadStorageFile.ashx,2,delay=1500"});
   const std::string home = MakeEmptyHome("alice");
+  // A client with no account waits for the sign-in.
+  auto client = StartClient(home);
+  ASSERT_TRUE(client->WaitForLine("No account is signed in", 10s)) << client->Output();
 
   auto wrong = RunCommand(home, {"login", serverUrl_, "alice", "--password-stdin"}, "nope\n");
   EXPECT_EQ(wrong.code, 5) << wrong.output;
@@ -52,9 +60,7 @@ TEST_F(SignInE2ETest, SignInFromTheTerminalAndCommandsReachTheRunningClient) {
   ASSERT_EQ(login.code, 0) << login.output;
   EXPECT_NE(login.output.find("Signed in as alice"), std::string::npos) << login.output;
   EXPECT_NE(login.output.find("Docs  CIFS   (No sync)"), std::string::npos) << login.output;
-
-  auto client = StartClient(home);
-  ASSERT_TRUE(client->WaitForLine("running without windows", 10s)) << client->Output();
+  ASSERT_TRUE(client->WaitForLine("Status: in step", 20s)) << client->Output();
   // A second client of the same user does not start.
   auto second = StartClient(home);
   EXPECT_EQ(second->Wait(20s), 4) << second->Output();
@@ -64,7 +70,13 @@ TEST_F(SignInE2ETest, SignInFromTheTerminalAndCommandsReachTheRunningClient) {
   ASSERT_EQ(all.code, 0) << all.output;
   auto none = RunCommand(home, {"select", "Docs/Private", "none"});
   ASSERT_EQ(none.code, 0) << none.output;
+  // Changed while the pass works on a slow download: the change waits for the
+  // operation, then the sync goes on with it.
+  ASSERT_TRUE(client->WaitForLine("Status: syncing", 20s)) << client->Output();
+  auto added = RunCommand(home, {"storage", "add", "Archive", "\\\\devserver\\Archive\\"});
+  ASSERT_EQ(added.code, 0) << added.output;
   ASSERT_TRUE(WaitFor([&] { return fs::exists(Local(home, "Docs") / "Reports/q3.txt"); })) << client->Output();
+  ASSERT_TRUE(WaitFor([&] { return Read(Local(home, "Docs") / "large.bin") == large; })) << client->Output();
   EXPECT_FALSE(fs::exists(Local(home, "Docs") / "Private"));
 
   // Paused, nothing comes; resumed, it does.
@@ -77,8 +89,6 @@ TEST_F(SignInE2ETest, SignInFromTheTerminalAndCommandsReachTheRunningClient) {
   ASSERT_EQ(RunCommand(home, {"resume"}).code, 0);
   ASSERT_TRUE(WaitFor([&] { return fs::exists(Local(home, "Docs") / "Reports/q4.txt"); })) << client->Output();
 
-  auto added = RunCommand(home, {"storage", "add", "Archive", "\\\\devserver\\Archive\\"});
-  ASSERT_EQ(added.code, 0) << added.output;
   auto refused = RunCommand(home, {"storage", "add", "Shared In", "\\\\devserver\\Archive\\"});
   EXPECT_EQ(refused.code, 1);
   EXPECT_NE(refused.output.find("Storage name should not be equal"), std::string::npos) << refused.output;

@@ -41,7 +41,7 @@ class HeadlessClientTest : public ClientServerTest {
 TEST_F(HeadlessClientTest, NoAccountSaysSoAndExitsWithTwo) {
   auto client = StartClient({"--once"});
   EXPECT_EQ(client->Wait(20s), 2) << client->Output();
-  EXPECT_TRUE(client->WaitForLine("No account is configured", 1s));
+  EXPECT_TRUE(client->WaitForLine("No account is signed in", 1s));
   std::string log = home_->ReadLog("CVMainLogs");
   EXPECT_NE(log.find("***** Application started, v."), std::string::npos);
 }

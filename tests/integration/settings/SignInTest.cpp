@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <thread>
 
 #include "AsyncFileCommonPart.h"
 #include "CVConfiguration.h"
@@ -14,11 +15,14 @@
 #include "CVSelectiveSync.h"
 #include "CVStateXMLFile.h"
 #include "ClientServerFixture.h"
+#include "Clock.h"
 #include "RecordFiles.h"
 #include "LoginController.h"
 #include "NewFilesParser.h"
+#include "PollMainLoop.h"
 #include "ServerState.h"
 #include "SettingsContext.h"
+#include "SyncManagerSettings.h"
 
 namespace fs = std::filesystem;
 
@@ -196,6 +200,49 @@ TEST_F(SignInTest, AFailedChangeOfAccountChangesNothing) {
     EXPECT_FALSE(asked_);  // the question comes only once the new account passed
     EXPECT_EQ(Everything(), before);
   }
+}
+
+TEST_F(SignInTest, TheSettingsTabSavesLikeTheSignIn) {
+  AliceWithData();
+  SyncManagerSettings manager(settings_);
+  int questions = 0;
+  auto answerNo = [&](const AccountSwitch::AccountChange&) {
+    ++questions;
+    return false;
+  };
+  EXPECT_EQ(manager.SaveSettingsNew({url_, "alice", "", 15}, answerNo).message, SyncManagerSettings::kEmptyField);
+  const std::string before = Everything();
+  EXPECT_EQ(manager.SaveSettingsNew({url_, "alice", "nope", 15}, answerNo).message, SyncManagerSettings::kAccessFailed);
+  EXPECT_FALSE(manager.SaveSettingsNew({url_, "bob", "pw", 15}, answerNo).ok);
+  EXPECT_EQ(questions, 1);
+  EXPECT_EQ(Everything(), before);
+  EXPECT_EQ(CVConfiguration::Instance().Corvalink.SyncCV, 5);
+
+  auto saved = manager.SaveSettingsNew({url_, "Alice", "secret", 15}, answerNo);
+  ASSERT_TRUE(saved.ok) << saved.message;
+  EXPECT_EQ(questions, 1);
+  EXPECT_EQ(CVConfiguration::Instance().Corvalink.SyncCV, 15);
+  EXPECT_TRUE(fs::exists(home_->root() + "/Docs/report.txt"));
+}
+
+TEST_F(SignInTest, WorkDoneInTheBackgroundComesBackOnTheMainLoop) {
+  Clock clock;
+  PollMainLoop loop(clock);
+  std::thread::id worker, handedBack;
+  settings_.RunInBackground<LoginController::Result>(
+      loop,
+      [&] {
+        worker = std::this_thread::get_id();
+        return login_.LoginMethodRun({url_, "alice", "secret"}, nullptr);
+      },
+      [&](LoginController::Result result) {
+        handedBack = std::this_thread::get_id();
+        EXPECT_EQ(result.outcome, LoginController::Outcome::SignedIn);
+        loop.Quit(0);
+      });
+  loop.Run();
+  EXPECT_EQ(handedBack, std::this_thread::get_id());
+  EXPECT_NE(worker, handedBack);
 }
 
 }  // namespace

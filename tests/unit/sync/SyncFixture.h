@@ -161,6 +161,11 @@ class SyncFixture : public ::testing::Test {
  protected:
   // adjust: a derived fixture's changes to the application's dependencies.
   explicit SyncFixture(const std::function<void(AppDelegate::Dependencies&)>& adjust = nullptr) {
+    // A signed-in account: the fake connection answers for its server.
+    CVConnection& account = CVConfiguration::Instance().Corvalink;
+    account.Url = "http://server.test/";
+    account.UserName = "alice";
+    account.Password = "secret";
     loopThread = std::thread([this] { loop.Run(); });
     Drain();  // the loop thread is the main thread from here on
     AppDelegate::Dependencies deps{clock, loop, status, connection, &dispatcher, "9.9.9",
