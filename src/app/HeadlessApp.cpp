@@ -120,7 +120,7 @@ int HeadlessApp::Run() {
     // Commands from the terminal (and the file manager) reach this client here.
     SettingsContext settings(SyncControl::ForApp(app));
     LoginController login(settings);
-    ControlServer control(loop, CommandEnvironment{settings, login, &app, [&loop] { loop.Post([&loop] { loop.Quit(kExitInStep); }); }},
+    ControlServer control(loop, CommandEnvironment{settings, login, &app, [&loop] { loop.Quit(kExitInStep); }},
                           LocalEndpoint::SocketPath(settingsFolder));
     std::string controlError;
     if (instance && !control.Start(controlError)) {
