@@ -26,7 +26,6 @@ constexpr const char* kClass = "ManagerDownload";
 constexpr const char* kListing = "GetFileListFromServerNew";
 constexpr int kAttempts = 3;
 constexpr auto kPauseAfterServerFailure = std::chrono::seconds(5);
-constexpr auto kPauseBeforeEntry = std::chrono::milliseconds(1);
 
 bool StartsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
 
@@ -255,7 +254,6 @@ ManagerDownload::ListingRead ManagerDownload::ReadListingEntries(const std::stri
     const std::string root = uploadRequest ? siteUrl : CVStaticHelpers::GetLocalPathForSiteName(siteName);
     auto entries = Split(result, ';');
     for (std::size_t i = 1; i < entries.size(); ++i) {
-      clock_.Sleep(kPauseBeforeEntry);
       const std::string& entry = entries[i];
       auto fields = Split(entry, ':');
       if (fields.size() == 1) {
@@ -282,8 +280,6 @@ ManagerDownload::ListingRead ManagerDownload::ReadListingEntries(const std::stri
         Conversion conversion = Convert(serverPath, siteUrl, siteName);
         localPath = conversion.localPath;
         located = conversion.locationFound;
-        Note(prefix + "\nConverted path: " + CVStateXMLFile::PrintableText(localPath) +
-             " \nFrom this: " + CVStateXMLFile::PrintableText(serverPath));
       }
       if (localPath.empty()) {
         Note(prefix + "Local Name is not valid");

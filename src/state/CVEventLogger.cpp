@@ -1,8 +1,11 @@
 #include "CVEventLogger.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -10,6 +13,7 @@
 #include <fstream>
 #include <iostream>
 #include <mutex>
+#include <string_view>
 
 #include "CVStaticHelpers.h"
 
@@ -39,11 +43,68 @@ std::string FormatTime(const char* format, bool utc) {
 
 std::string LoggerFolder() { return CVStaticHelpers::GenerateSettingsPath() + "/CVLogger"; }
 
-void WriteLocked(std::mutex& lock, const std::string& kindFolder, const std::string& message) {
-  std::lock_guard<std::mutex> guard(lock);
-  std::string file = CVEventLogger::GetCorrectFileName(kindFolder);
-  CVEventLogger::CommonLogWriting(message, file);
+// The file a kind writes to, kept open between lines: a busy sync logs many
+// lines a second, and opening the file and checking its folders for each one
+// cost more than the line. It is opened again on a new day, in another home,
+// when it is full, or when it was removed under us. Guarded by the kind's lock.
+struct OpenLog {
+  std::string folder;  // the day folder the file lies in
+  int fd = -1;
+  std::int64_t size = 0;
+
+  void Close() {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+  }
+  bool Usable(const std::string& dayFolder) {
+    if (fd < 0 || folder != dayFolder || size >= CVEventLogger::kMaxLogFileSize) return false;
+    struct stat info {};
+    return ::fstat(fd, &info) == 0 && info.st_nlink > 0;
+  }
+  void Open(const std::string& kindFolder, const std::string& dayFolder) {
+    Close();
+    std::string file = CVEventLogger::GetCorrectFileName(kindFolder);
+    if (file.empty()) return;
+    fd = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    struct stat info {};
+    if (fd < 0 || ::fchmod(fd, 0600) != 0 || ::fstat(fd, &info) != 0) {
+      Close();
+      return;
+    }
+    folder = dayFolder;
+    size = info.st_size;
+  }
+};
+
+void WriteLocked(std::mutex& lock, OpenLog& open, const std::string& kindFolder, const std::string& message) {
+  try {
+    std::lock_guard<std::mutex> guard(lock);
+    if (gConsoleEcho) {
+      std::lock_guard<std::mutex> console(gConsoleLock);
+      std::cerr << message << '\n';
+    }
+    const std::string dayFolder = LoggerFolder() + kindFolder + "/" + FormatTime("%Y-%m-%d", false);
+    if (!open.Usable(dayFolder)) open.Open(kindFolder, dayFolder);
+    if (open.fd < 0) return;
+    const std::string line = "\n[" + CVEventLogger::DateText() + "]: " + message;
+    std::string_view rest(line);
+    while (!rest.empty()) {
+      ssize_t written = ::write(open.fd, rest.data(), rest.size());
+      if (written < 0 && errno == EINTR) continue;
+      if (written <= 0) break;
+      rest.remove_prefix(static_cast<std::size_t>(written));
+      open.size += written;
+    }
+  } catch (...) {
+    // A log line that cannot be written is dropped; logging never stops the caller.
+  }
 }
+
+OpenLog gMainFile;
+OpenLog gSettingsFile;
+OpenLog gExceptionsFile;
+OpenLog gSyncFile;
+OpenLog gUnitTestFile;
 
 }  // namespace
 
@@ -89,19 +150,19 @@ void CVEventLogger::CommonLogWriting(const std::string& message, const std::stri
 }
 
 void CVEventLogger::WriteMainLogMessage(const std::string& message) {
-  WriteLocked(gMainLock, "/CVMainLogs", message);
+  WriteLocked(gMainLock, gMainFile, "/CVMainLogs", message);
 }
 void CVEventLogger::WriteSettingsLogMessage(const std::string& message) {
-  WriteLocked(gSettingsLock, "/CVSettingsLogs", message);
+  WriteLocked(gSettingsLock, gSettingsFile, "/CVSettingsLogs", message);
 }
 void CVEventLogger::WriteExceptionsLog(const std::string& message) {
-  WriteLocked(gExceptionsLock, "/CVExceptionLogs", message);
+  WriteLocked(gExceptionsLock, gExceptionsFile, "/CVExceptionLogs", message);
 }
 void CVEventLogger::WriteSyncMessage(const std::string& message) {
-  WriteLocked(gSyncLock, "/CVSyncLogs", message);
+  WriteLocked(gSyncLock, gSyncFile, "/CVSyncLogs", message);
 }
 void CVEventLogger::WriteUnitTestMessage(const std::string& message) {
-  WriteLocked(gSyncLock, "/CVUnitTest", message);
+  WriteLocked(gSyncLock, gUnitTestFile, "/CVUnitTest", message);
 }
 void CVEventLogger::WriteMainLogMessageDebug(const std::string&) {}
 

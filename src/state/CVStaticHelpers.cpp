@@ -203,8 +203,23 @@ bool CVStaticHelpers::isFileLockedPreUploadCheck(const std::string& localPath) {
 }
 
 bool CVStaticHelpers::isFileLockedPreUploadCheck(const std::string& localPath, const Clock& clock) {
+  constexpr int kRounds = 20;
+  constexpr auto kRound = std::chrono::milliseconds(100);
   try {
-    for (int round = 0; round < 20; ++round) {
+    // The rounds watch whether a writer is still at the file. An inode that has
+    // not changed for as long as they would watch answers that at once: every
+    // write moves its change time, and nobody can set that time back.
+    struct stat info {};
+    if (lstat(localPath.c_str(), &info) == 0) {
+      const auto changed = std::chrono::system_clock::time_point(
+          std::chrono::duration_cast<std::chrono::system_clock::duration>(
+              std::chrono::seconds(info.st_ctim.tv_sec) + std::chrono::nanoseconds(info.st_ctim.tv_nsec)));
+      if (changed + std::chrono::duration_cast<std::chrono::system_clock::duration>(clock.Scaled(kRounds * kRound)) <
+          clock.WallNow()) {
+        return false;
+      }
+    }
+    for (int round = 0; round < kRounds; ++round) {
       std::int64_t before = SizeOf(localPath);
       if (before < 0) {
         // Nothing to wait for: the caller finds out about the missing file itself.
@@ -212,7 +227,7 @@ bool CVStaticHelpers::isFileLockedPreUploadCheck(const std::string& localPath, c
             "CVStaticHelpers_isFileLockedPreUploadCheck: cannot read the size of " + localPath);
         return false;
       }
-      clock.Sleep(std::chrono::milliseconds(100));
+      clock.Sleep(kRound);
       if (SizeOf(localPath) != before) return true;
     }
     return false;

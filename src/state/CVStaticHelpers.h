@@ -62,7 +62,8 @@ class CVStaticHelpers {
   static std::string serverPathFromLocalPath(const std::string& localPath);
 
   // True while the file's size still changes: up to 20 rounds of size, 100 ms,
-  // size. A quiet file costs two seconds (on clock's time scale).
+  // size (on clock's time scale). A file whose inode has not changed for those
+  // two seconds is quiet at once, without a round.
   static bool isFileLockedPreUploadCheck(const std::string& localPath);
   static bool isFileLockedPreUploadCheck(const std::string& localPath, const Clock& clock);
 

@@ -1,6 +1,7 @@
 #include "SERVER_Queues.h"
 
 #include <exception>
+#include <map>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -41,6 +42,38 @@ bool IsInsideStorage(const std::string& path, const std::string& storageFolder) 
   }
   return true;
 }
+
+// What the comparison found, for the log: a count per result, and the lines
+// that give work up to a bound, so that a pass over a large storage in step
+// writes a few lines and not one per file.
+class CompareNotes {
+ public:
+  static constexpr std::size_t kWorkLines = 100;
+
+  void Add(const std::string& path, std::int32_t result, bool work) {
+    ++counts_[result];
+    if (!work) return;
+    if (++workLines_ > kWorkLines) return;
+    lines_ += "\nServerFile: ";
+    lines_ += path;
+    lines_ += " res: " + std::to_string(result);
+  }
+  std::string Text() const {
+    std::string text;
+    for (const auto& [result, count] : counts_) {
+      text += (text.empty() ? "" : ", ") + std::to_string(count) + " with res: " + std::to_string(result);
+    }
+    if (text.empty()) text = "no lines";
+    text += lines_;
+    if (workLines_ > kWorkLines) text += "\n... and " + std::to_string(workLines_ - kWorkLines) + " more with work";
+    return text;
+  }
+
+ private:
+  std::map<std::int32_t, std::size_t> counts_;
+  std::size_t workLines_ = 0;
+  std::string lines_;
+};
 
 CVFileWithAction ItemFor(const CVFileForCompare& file, std::int32_t action) {
   CVFileWithAction item;
@@ -139,14 +172,10 @@ void SERVER_Queues::Fill_NFQ_ForStorage(const std::string& storageName) {
     if (auto rules = CVSelectiveSync::Instance().GetSiteRulesByName(storageName)) rules->addSyncItems(files);
 
     try {
-      std::string block = "\n********************NF_SQ***********************\n For site: " + storageName + " \n";
-      block.reserve(block.size() + files.size() * 64);
-      for (const auto& file : files) {
-        block += "\nffc: ";
-        block += file.localPath;
-      }
-      block += "\n--------------------NF_SQ-----------------------\n";
-      CVEventLogger::WriteMainLogMessage(block);
+      // A count, not a line per path: a storage in step must not fill the log at every pass.
+      CVEventLogger::WriteMainLogMessage("\n********************NF_SQ***********************\n For site: " +
+                                         storageName + " \n\nffc: " + std::to_string(files.size()) +
+                                         " listed\n--------------------NF_SQ-----------------------\n");
     } catch (const std::exception& exception) {
       CVEventLogger::LogException(kClass, "Fill_NFQ_ForStorage", std::string("ffc: **NF_SQ** ") + exception.what());
     }
@@ -236,7 +265,7 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
   const CVFileForCompareMethods::PathIndex index(records);
   std::unordered_set<std::string> seen;
   seen.reserve(listing.size());
-  std::string notes;
+  CompareNotes notes;
   work.reserve(listing.size());
 
   // The lines of the listing.
@@ -253,13 +282,11 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
     }
     const std::int32_t result = CVFileForCompareMethods::CheckFile2(line, records, index);
     const std::int32_t action = GetFWAEvent(result);
-    notes += "\nServerFile: ";
-    notes += line.localPath;
-    notes += " res: " + std::to_string(result);
+    notes.Add(line.localPath, result, action != FWA_Nothing);
     if (action == FWA_Nothing) MarkInStep(line.localPath, line.isFolder);
     work.push_back(ItemFor(line, action));
   }
-  Log("FilterNFQ", "All Items FilterNFQ:\n" + notes);
+  Log("FilterNFQ", "All Items FilterNFQ:\n" + notes.Text());
 
   // What the server no longer lists, selective sync forgets.
   if (rulesSite) {

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -65,7 +66,8 @@ class SERVER_Queues {
   std::size_t ServerQueueSize();
 
   std::vector<CVFileForCompare> NFSQ_ServerQueue;
-  std::vector<CVFileWithAction> SQ_ServerQueue;
+  // Taken from the front one item at a time: a deque keeps that constant per item.
+  std::deque<CVFileWithAction> SQ_ServerQueue;
   std::atomic<bool> siteOffline{false};
   std::atomic<bool> firstTimeSyncPerformed{false};
   std::mutex SQ_NFQ_Lock;

@@ -223,7 +223,7 @@ std::optional<CVFileWithAction> SmartSync::GetNextFileForProcessing() {
     item.dateModified = head.dateModified;
     item.fileSize = head.fileSize;
     item.fileAction = head.fileAction;
-    queue.erase(queue.begin());
+    queue.pop_front();
     return item;
   } catch (const std::exception&) {
     CVEventLogger::WriteExceptionsLog("Exception SmartSync Get next file for Processing");
@@ -365,9 +365,8 @@ void SmartSync::OneItem(CVFileWithAction& item) {
   }
   currentAction = item.fileAction;
   write_log_inforamtion(item, false);
-  if (item.fileAction == FWA_Nothing) {
-    app_.clock().Sleep(2ms);
-  } else {
+  // An item in step only counts in the progress; it waits on nothing.
+  if (item.fileAction != FWA_Nothing) {
     // The dispatcher handles the result itself (queues, records, error flag).
     (void)dispatcher_.PerformNextFileOperation(*this, item);
   }

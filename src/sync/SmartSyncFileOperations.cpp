@@ -59,8 +59,6 @@ SmartSyncFileOperations::~SmartSyncFileOperations() = default;
 
 void SmartSyncFileOperations::StopCurrentAction() { server_.StopCurrentAction(); }
 
-void SmartSyncFileOperations::Pause(std::chrono::milliseconds duration) { app_.clock().Sleep(duration); }
-
 void SmartSyncFileOperations::MarkInProgress(const std::string& path, bool isFolder) {
   app_.AddFileInProgress(path);
   if (!isFolder) return;
@@ -134,7 +132,6 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
           }
         } else {
           WriteState(item.nFilePath, "2", item.isFolder);
-          if (result == SYNC_RETURN_LOCKED) Pause(300ms);
         }
         break;
       case FWA_DeleteOnServer:
@@ -160,7 +157,6 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
         } else {
           WriteState(item.nFilePath, "2", item.isFolder);
         }
-        Pause(200ms);
         break;
       case FWA_DeleteLocally:
         Log("PerformNextFileOperation", "(FWA_DeleteLocally) for file: " + item.nFilePath + " ");
@@ -185,7 +181,6 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
         } else {
           WriteState(item.nFilePath, "2", item.isFolder);
         }
-        Pause(10ms);
         break;
       case FWA_CreateAndUploadLocalCopy:
         Log("PerformNextFileOperation", "(FWA_CreateAndUploadLocalCopy) for file: " + item.nFilePath + " ");
@@ -197,7 +192,6 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
         } else {
           WriteState(item.nFilePath, "2", item.isFolder);
         }
-        Pause(10ms);
         break;
       case FWA_RenameFileOnServer: {
         result = PerformRenameFileOnServer(sync, item, site);
@@ -223,9 +217,9 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
   }
 
   sync.write_log_inforamtion(item, false);
-  // Time for the file system to deliver the events of this operation, so that
-  // the watcher still takes them for the sync's own.
-  Pause(400ms);
+  // No pause for the file system to deliver this operation's events: they come
+  // late on the paths released here, and the watcher knows them by path, time
+  // and the state the operation left on the disk.
   app_.ReleaseFilesInProgress();
   Log("PerformNextFileOperation", "Result code: ((( " + std::to_string(result) + " )))");
 
@@ -410,9 +404,7 @@ std::int32_t SmartSyncFileOperations::PerformCreateLocalCopyAndDownloadFromServe
     result = SYNC_RETURN_FAILED;
   }
   (void)sync;
-  Pause(400ms);
-  app_.RemoveFileInProgress(original);
-  if (!copy.empty()) app_.RemoveFileInProgress(copy);
+  // Both paths stay the sync's own until the operation releases them.
   return result;
 }
 
@@ -458,7 +450,6 @@ std::int32_t SmartSyncFileOperations::PerformDeleteLocally(SmartSync&, CVFileWit
   if (checked) Log("PerformDeleteLocally", "Delete locally call SERVER for path: " + item.nFilePath);
   bool removed = true;
   if (!CVStaticHelpers::ExistsInAnyForm(item.nFilePath)) {
-    Pause(1ms);
     Log("PerformDeleteLocally", "File/Folder not exist! Or exist could not be determined! " + item.nFilePath);
   } else {
     if (item.isFolder) MarkInProgress(item.nFilePath, true);
@@ -466,7 +457,6 @@ std::int32_t SmartSyncFileOperations::PerformDeleteLocally(SmartSync&, CVFileWit
       Log("PerformDeleteLocally", "Error delete locally for path: " + item.nFilePath);
       removed = false;
     }
-    Pause(400ms);
   }
   if (item.isFSWAction) {
     Log("PerformDeleteLocally",

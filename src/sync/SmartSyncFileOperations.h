@@ -61,7 +61,6 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   void MarkInProgress(const std::string& path, bool isFolder);
   void WriteState(const std::string& path, const std::string& state, bool isFolder);
   void RemoveState(const std::string& path);
-  void Pause(std::chrono::milliseconds duration);
   void Forget(const std::shared_ptr<CVSelectiveSyncSite>& site, const CVFileWithAction& item);
   void QueueUploadOfGivenUpRename(SmartSync& sync, const CVFileWithAction& item);
   // True (and the record forgotten) when the server no longer has the item.

@@ -55,8 +55,12 @@ class CountingClock : public Clock {
     EXPECT_EQ(duration, std::chrono::milliseconds(100));
     if (onSleep) onSleep(sleeps);
   }
+  std::chrono::system_clock::time_point WallNow() const override {
+    return std::chrono::system_clock::now() + wallOffset;
+  }
   mutable int sleeps = 0;
   std::function<void(int)> onSleep;
+  std::chrono::seconds wallOffset{0};
 };
 
 class FixedIdentity : public MachineIdentity {
@@ -346,6 +350,12 @@ TEST(CVStaticHelpers, AFileIsLockedWhileItsSizeChangesWithinTwentyRounds) {
     EXPECT_TRUE(CVStaticHelpers::isFileLockedPreUploadCheck(file, clock)) << growAt;
     EXPECT_EQ(clock.sleeps, growAt);
   }
+
+  // A file nobody has changed for longer than the rounds would watch needs no round.
+  CountingClock later;
+  later.wallOffset = std::chrono::seconds(3);
+  EXPECT_FALSE(CVStaticHelpers::isFileLockedPreUploadCheck(file, later));
+  EXPECT_EQ(later.sleeps, 0);
 
   CountingClock missing;
   EXPECT_FALSE(CVStaticHelpers::isFileLockedPreUploadCheck(home.path() + "/missing", missing));
