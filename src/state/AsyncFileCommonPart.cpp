@@ -6,44 +6,17 @@
 
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
-#include "DownloadedXMLStaticMethods.h"
+#include "DownloadedFilesStore.h"
 #include "NewFilesParser.h"
-#include "ServerXMLParser.h"
+#include "NewFilesStore.h"
 #include "StateFileSupport.h"
 
 namespace {
 
 const char kClassName[] = "AsyncFileCommonPart";
 
-using DownloadedLock = std::lock_guard<std::recursive_mutex>;
-
-// The records for a change. False when the file stands but cannot be read: a
-// save then would replace records nobody has seen.
-bool ReadDownloaded(const char* method, std::vector<CVFileForCompare>& files) {
-  ServerXMLParser parser;
-  auto read = parser.readDownloadedFiles();
-  if (parser.lastRead() == StateFileRead::Unreadable) {
-    CVEventLogger::LogException(kClassName, method, "DownloadedFiles.xml cannot be read; it is left as it is");
-    return false;
-  }
-  files = read.value_or(std::vector<CVFileForCompare>{});
-  return true;
-}
-
-bool ReadNew(const char* method, std::vector<NFQ_File>& files) {
-  NewFilesParser parser;
-  auto read = parser.readNewFiles();
-  if (parser.lastRead() == StateFileRead::Unreadable) {
-    CVEventLogger::LogException(kClassName, method, "NewFiles.xml cannot be read; it is left as it is");
-    return false;
-  }
-  files = read.value_or(std::vector<NFQ_File>{});
-  return true;
-}
-
-std::string WithSlash(const std::string& path) {
-  return !path.empty() && path.back() == '/' ? path : path + "/";
-}
+const char kUnreadableRecord[] = "DownloadedFiles.xml cannot be read; it is left as it is";
+const char kUnreadableQueue[] = "NewFiles.xml cannot be read; it is left as it is";
 
 // A storage's folder from its folder or its name, without a final "/"; "" when
 // it would be the root itself, which no storage operation may mean.
@@ -62,19 +35,9 @@ std::string StorageFolder(const std::string& path) {
 
 bool ChangeNewFilesForPath(const std::string& nFilePath, bool isFolder, std::int32_t action) {
   try {
-    std::lock_guard<std::recursive_mutex> lock(NewFilesParser::newFilesLock());
-    std::vector<NFQ_File> files;
-    if (!ReadNew("ChangeNewFiles", files)) return false;
-    auto found = std::find_if(files.begin(), files.end(),
-                              [&](const NFQ_File& record) { return record.nFilePath == nFilePath; });
-    if (action == 1) {
-      if (found != files.end()) files.erase(found);
-    } else if (action == 0) {
-      if (found == files.end()) found = files.insert(files.end(), NFQ_File{});
-      found->nFilePath = nFilePath;
-      found->isFolder = isFolder;
-    }
-    return NewFilesParser::saveNewFilesXML(files);
+    if (NewFilesStore::Instance().Change(nFilePath, isFolder, action)) return true;
+    CVEventLogger::LogException(kClassName, "ChangeNewFiles", kUnreadableQueue);
+    return false;
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClassName, "ChangeNewFiles", exception.what());
     return false;
@@ -99,47 +62,9 @@ bool AsyncFileCommonPart::ChangeDownloadedFiles(const CVFileWithAction& file, bo
   // A download for an upload request lands outside the storages: nothing to remember.
   if (file.fileAction == FWA_DownloadForUploadRequest) return true;
   try {
-    DownloadedLock lock(DownloadedXMLStaticMethods::downloadedFilesLock());
-    std::vector<CVFileForCompare> files;
-    if (!ReadDownloaded("ChangeDownloadedFiles", files)) return false;
-
-    const std::string& searchPath = action == 2 ? file.oldFilePath : file.nFilePath;
-    const std::string temporaryName = TemporaryNameForPath(searchPath);
-    auto found = std::find_if(files.begin(), files.end(), [&](const CVFileForCompare& record) {
-      return record.localPath == searchPath || record.localPath == temporaryName;
-    });
-
-    switch (action) {
-      case 0: {
-        bool isNew = found == files.end();
-        if (isNew) found = files.insert(files.end(), CVFileForCompare{});
-        found->fileStatus = isNew ? 0 : 1;
-        found->statusChangeTime = StateFileSupport::NowSeconds();
-        found->localPath = file.nFilePath;
-        found->size = file.fileSize;
-        found->modifiedTime = file.dateModified;
-        found->wasProcessed = false;
-        found->isFolder = file.isFolder;
-        found->brokeDownload = isBroken;
-        break;
-      }
-      case 1:
-        if (found != files.end()) {
-          files.erase(found);
-          if (file.isFolder) {
-            std::erase_if(files, [&](const CVFileForCompare& record) {
-              return StateFileSupport::IsSameOrBelow(record.localPath, file.nFilePath);
-            });
-          }
-        }
-        break;
-      case 2:
-        if (found != files.end()) found->localPath = file.nFilePath;
-        break;
-      default:
-        break;
-    }
-    return ServerXMLParser::saveDownloadedXML(files);
+    if (DownloadedFilesStore::Instance().Change(file, isBroken, action, StateFileSupport::NowSeconds())) return true;
+    CVEventLogger::LogException(kClassName, "ChangeDownloadedFiles", kUnreadableRecord);
+    return false;
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClassName, "ChangeDownloadedFiles", exception.what());
     return false;
@@ -156,24 +81,9 @@ bool AsyncFileCommonPart::RemoveFromDownloadedFiles(const CVFileWithAction& file
 
 bool AsyncFileCommonPart::WriteRenameOperationToDownloadedFiles(const CVFileWithAction& file) {
   try {
-    DownloadedLock lock(DownloadedXMLStaticMethods::downloadedFilesLock());
-    std::vector<CVFileForCompare> files;
-    if (!ReadDownloaded("WriteRenameOperationToDownloadedFiles", files)) return false;
-    auto found = std::find_if(files.begin(), files.end(),
-                              [&](const CVFileForCompare& record) { return record.localPath == file.oldFilePath; });
-    if (found != files.end() && !file.oldFilePath.empty()) {
-      found->localPath = file.nFilePath;
-      if (file.isFolder) {
-        const std::string oldFolder = WithSlash(file.oldFilePath);
-        const std::string newFolder = WithSlash(file.nFilePath);
-        for (auto& record : files) {
-          if (record.localPath.compare(0, oldFolder.size(), oldFolder) == 0) {
-            record.localPath = newFolder + record.localPath.substr(oldFolder.size());
-          }
-        }
-      }
-    }
-    return ServerXMLParser::saveDownloadedXML(files);
+    if (DownloadedFilesStore::Instance().Rename(file.oldFilePath, file.nFilePath, file.isFolder)) return true;
+    CVEventLogger::LogException(kClassName, "WriteRenameOperationToDownloadedFiles", kUnreadableRecord);
+    return false;
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClassName, "WriteRenameOperationToDownloadedFiles", exception.what());
     return false;
@@ -182,12 +92,9 @@ bool AsyncFileCommonPart::WriteRenameOperationToDownloadedFiles(const CVFileWith
 
 bool AsyncFileCommonPart::FileExistInDownloadFile(const CVFileWithAction& file) {
   try {
-    ServerXMLParser parser;
-    auto files = parser.readDownloadedFiles();
-    if (parser.lastRead() == StateFileRead::Unreadable) return true;
-    if (!files) return false;
-    return std::any_of(files->begin(), files->end(),
-                       [&](const CVFileForCompare& record) { return record.localPath == file.nFilePath; });
+    DownloadedFilesStore& store = DownloadedFilesStore::Instance();
+    if (store.ReadState() == StateFileRead::Unreadable) return true;
+    return store.Find(file.nFilePath).has_value();
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClassName, "FileExistInDownloadFile", exception.what());
     return true;
@@ -196,16 +103,9 @@ bool AsyncFileCommonPart::FileExistInDownloadFile(const CVFileWithAction& file) 
 
 bool AsyncFileCommonPart::SetNothingStatusForFile(const std::string& FileURL) {
   try {
-    DownloadedLock lock(DownloadedXMLStaticMethods::downloadedFilesLock());
-    std::vector<CVFileForCompare> files;
-    if (!ReadDownloaded("SetNothingStatusForFile", files)) return false;
-    const std::int64_t now = StateFileSupport::NowSeconds();
-    for (auto& record : files) {
-      if (record.localPath != FileURL) continue;
-      record.fileStatus = -1;
-      record.statusChangeTime = now;
-    }
-    return ServerXMLParser::saveDownloadedXML(files);
+    if (DownloadedFilesStore::Instance().SetNothingStatus(FileURL, StateFileSupport::NowSeconds())) return true;
+    CVEventLogger::LogException(kClassName, "SetNothingStatusForFile", kUnreadableRecord);
+    return false;
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClassName, "SetNothingStatusForFile", exception.what());
     return false;
@@ -241,11 +141,9 @@ bool AsyncFileCommonPart::RemoveItemNewFilesForSite(const std::string& path) {
       CVEventLogger::LogException(kClassName, "RemoveItemNewFilesForSite", "no storage folder given: \"" + path + "\"");
       return false;
     }
-    std::lock_guard<std::recursive_mutex> lock(NewFilesParser::newFilesLock());
-    std::vector<NFQ_File> files;
-    if (!ReadNew("RemoveItemNewFilesForSite", files)) return false;
-    std::erase_if(files, [&](const NFQ_File& record) { return StateFileSupport::IsSameOrBelow(record.nFilePath, folder); });
-    return NewFilesParser::saveNewFilesXML(files);
+    if (NewFilesStore::Instance().RemoveBelow(folder)) return true;
+    CVEventLogger::LogException(kClassName, "RemoveItemNewFilesForSite", kUnreadableQueue);
+    return false;
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClassName, "RemoveItemNewFilesForSite", exception.what());
     return false;
@@ -261,16 +159,9 @@ bool AsyncFileCommonPart::RenameSiteOld(const std::string& old, const std::strin
                                   "no storage folder given: \"" + old + "\" to \"" + InNewSite + "\"");
       return false;
     }
-    std::lock_guard<std::recursive_mutex> lock(NewFilesParser::newFilesLock());
-    std::vector<NFQ_File> files;
-    if (!ReadNew("RenameSiteOld", files)) return false;
-    for (auto& record : files) {
-      if (!StateFileSupport::IsSameOrBelow(record.nFilePath, oldFolder)) continue;
-      std::string tail = record.nFilePath.substr(oldFolder.size());
-      if (!tail.empty() && tail.front() == '/') tail.erase(0, 1);
-      record.nFilePath = BuildPathComponent(newFolder, tail);
-    }
-    return NewFilesParser::saveNewFilesXML(files);
+    if (NewFilesStore::Instance().MoveBelow(oldFolder, newFolder)) return true;
+    CVEventLogger::LogException(kClassName, "RenameSiteOld", kUnreadableQueue);
+    return false;
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClassName, "RenameSiteOld", exception.what());
     return false;

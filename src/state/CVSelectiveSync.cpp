@@ -103,7 +103,29 @@ struct Reader {
 
 }  // namespace
 
-CVSelectiveSync::CVSelectiveSync() : lock_(std::make_shared<std::recursive_mutex>()) {}
+CVSelectiveSync::CVSelectiveSync() : lock_(std::make_shared<std::recursive_mutex>()) {
+  changes_ = std::make_shared<const CVSelectiveSyncSite::ChangeSink>(
+      [this](const CVSelectiveSyncSite& site, const CVStateJournal::Entry& change) { RecordChange(site, change); });
+}
+
+CVSelectiveSync::SitePtr CVSelectiveSync::NewSite(std::string name, std::vector<CVSelectiveSyncRule> rules,
+                                                  std::vector<CVSelectiveSyncItem> items) {
+  return std::make_shared<CVSelectiveSyncSite>(std::move(name), std::move(rules), std::move(items), lock_, changes_);
+}
+
+void CVSelectiveSync::RecordChange(const CVSelectiveSyncSite& site, const CVStateJournal::Entry& change) {
+  std::lock_guard<std::recursive_mutex> lock(*lock_);
+  // Entries name their site by its place in the list, which only a save changes.
+  auto at = std::find_if(sites_.begin(), sites_.end(), [&](const SitePtr& candidate) { return candidate.get() == &site; });
+  if (at == sites_.end()) return;  // a site no longer in the store
+  changed_ = true;
+  CVStateJournal::Entry entry;
+  entry.Number(at - sites_.begin()).Append(change);
+  if (!journal_ || !journal_->Append(entry) ||
+      journal_->entryBytes() > std::max<std::int64_t>(1 << 20, version_.size)) {
+    SaveLocked();
+  }
+}
 
 CVSelectiveSync& CVSelectiveSync::Raw() {
   // Lives to the end of the process: threads may still reach it during exit.
@@ -123,6 +145,8 @@ void CVSelectiveSync::RemoveAll() {
   std::lock_guard<std::recursive_mutex> lock(*store.lock_);
   store.sites_.clear();
   store.read_ = true;
+  // The journal's entries name sites that are gone: the file goes empty with it.
+  if (store.journal_) store.SaveLocked();
 }
 
 void CVSelectiveSync::ResetForTests() {
@@ -130,6 +154,9 @@ void CVSelectiveSync::ResetForTests() {
   std::lock_guard<std::mutex> reading(store.readLock_);
   std::lock_guard<std::recursive_mutex> lock(*store.lock_);
   store.sites_.clear();
+  store.journal_.reset();
+  store.journalFor_.clear();
+  store.changed_ = false;
   store.read_ = false;
 }
 
@@ -159,6 +186,7 @@ void CVSelectiveSync::ReadConfigFromFile() {
     CVStaticHelpers::CreateSettingsFolder();
 
     const std::string path = SelectiveSyncXMLPath();
+    const auto version = CVStateJournal::FileVersion::Of(path);
     Reader reader;
     CVStateXMLFile::Events events;
     events.startElement = [&](const std::string& name) { reader.Start(name); };
@@ -188,15 +216,35 @@ void CVSelectiveSync::ReadConfigFromFile() {
     }
     std::vector<SitePtr> sites;
     for (auto& parts : reader.complete) {
-      sites.push_back(std::make_shared<CVSelectiveSyncSite>(std::move(parts.name), std::move(parts.rules),
-                                                            std::move(parts.items), lock_));
+      sites.push_back(NewSite(std::move(parts.name), std::move(parts.rules), std::move(parts.items)));
     }
-    {
-      std::lock_guard<std::recursive_mutex> lock(*lock_);
-      sites_ = std::move(sites);
-    }
+    std::lock_guard<std::recursive_mutex> lock(*lock_);
+    sites_ = std::move(sites);
     read_ = true;
-    if (read.rewrite) SaveConfigXML();
+    if (!journal_ || journalFor_ != path) journal_ = std::make_unique<CVStateJournal>(path);
+    journalFor_ = path;
+    version_ = version;
+    changed_ = false;
+    // Changes of an earlier run that did not reach the file.
+    std::size_t applied = 0;
+    const auto entries = journal_->Read(version_);
+    for (const auto& bytes : entries) {
+      CVStateJournal::Reader entry(bytes);
+      const std::int64_t index = entry.Number();
+      if (entry.ok() && index >= 0 && index < static_cast<std::int64_t>(sites_.size()) &&
+          sites_[static_cast<std::size_t>(index)]->ApplyChange(entry)) {
+        ++applied;
+      }
+    }
+    if (!entries.empty()) {
+      Log("ReadConfigFromFile", std::to_string(applied) + " of " + std::to_string(entries.size()) +
+                                    " journal entries applied");
+    }
+    if (read.rewrite || !entries.empty()) {
+      SaveLocked();
+    } else {
+      journal_->Restart(version_);
+    }
   } catch (const std::exception& exception) {
     // Never a crash at start: the failure is logged and the store goes on as it is.
     CVEventLogger::LogException(kClassName, "ReadConfigFromFile", exception.what());
@@ -204,33 +252,51 @@ void CVSelectiveSync::ReadConfigFromFile() {
   }
 }
 
+void CVSelectiveSync::WriteDocument(CVStateXMLFile::Writer& writer) {
+  std::lock_guard<std::recursive_mutex> lock(*lock_);
+  writer.StartElement("SelectiveSync");
+  writer.StartElement("Sites");
+  for (const auto& site : sites_) site->getInXML(writer);
+  writer.EndElement();
+  writer.EndElement();
+}
+
 std::string CVSelectiveSync::GetInXML() {
   CVStateXMLFile::Writer writer;
-  {
-    std::lock_guard<std::recursive_mutex> lock(*lock_);
-    writer.StartElement("SelectiveSync");
-    writer.StartElement("Sites");
-    for (const auto& site : sites_) site->getInXML(writer);
-    writer.EndElement();
-    writer.EndElement();
-  }
+  WriteDocument(writer);
   return writer.Finish().value_or("");
+}
+
+bool CVSelectiveSync::SaveLocked() {
+  const std::string path = SelectiveSyncXMLPath();
+  // Under the lock from the first site written to the journal's restart: no
+  // change falls between the file and the journal.
+  bool saved = CVStateXMLFile::SaveStreamed(path, [&](CVStateXMLFile::Writer& writer) { WriteDocument(writer); });
+  if (!saved) {
+    Log("SaveConfigXML", "SelectiveSync.xml could not be written; it stays as it was");
+    return false;
+  }
+  version_ = CVStateJournal::FileVersion::Of(path);
+  changed_ = false;
+  if (!journal_ || journalFor_ != path) journal_ = std::make_unique<CVStateJournal>(path);
+  journalFor_ = path;
+  journal_->Restart(version_);
+  return true;
 }
 
 bool CVSelectiveSync::SaveConfigXML() {
   try {
-    // Serialised, so that the last snapshot taken is the last one written.
-    std::lock_guard<std::mutex> saving(saveLock_);
-    std::string document = GetInXML();
-    if (document.empty()) {
-      Log("SaveConfigXML", "The document could not be built; SelectiveSync.xml stays as it was");
-      return false;
-    }
-    return CVStateXMLFile::Save(SelectiveSyncXMLPath(), document);
+    std::lock_guard<std::recursive_mutex> lock(*lock_);
+    return SaveLocked();
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClassName, "SaveConfigXML", exception.what());
     return false;
   }
+}
+
+bool CVSelectiveSync::SaveIfChanged() {
+  std::lock_guard<std::recursive_mutex> lock(*lock_);
+  return !changed_ || SaveConfigXML();
 }
 
 CVSelectiveSync::SitePtr CVSelectiveSync::FindSiteLocked(const std::string& name) {
@@ -258,9 +324,8 @@ CVSelectiveSync::SitePtr CVSelectiveSync::GetSiteRulesByName(const std::string& 
     site = FindSiteLocked(name);
     if (site || !createIfNotExist || name.empty()) return site;
     // A new storage keeps nothing until the user chooses what to sync.
-    site = std::make_shared<CVSelectiveSyncSite>(
-        name, std::vector<CVSelectiveSyncRule>{CVSelectiveSyncRule{CVSelectiveSyncRule::syncNone, name}},
-        std::vector<CVSelectiveSyncItem>{}, lock_);
+    site = NewSite(name, std::vector<CVSelectiveSyncRule>{CVSelectiveSyncRule{CVSelectiveSyncRule::syncNone, name}},
+                   std::vector<CVSelectiveSyncItem>{});
     sites_.push_back(site);
   }
   Log("GetSiteRulesByName", "Create site rule: " + name);
@@ -278,6 +343,8 @@ bool CVSelectiveSync::RemoveSite(const std::string& name) {
   for (auto site = sites_.rbegin(); site != sites_.rend(); ++site) {
     if ((*site)->Name() == name) {
       sites_.erase(std::next(site).base());
+      // The journal names sites by their place in the list, which has changed.
+      SaveLocked();
       return true;
     }
   }
@@ -300,14 +367,23 @@ CVSyncRulesDictionary CVSelectiveSync::GetSyncRulesDictionary(const CVSelectiveS
 
 std::optional<CVSelectiveSyncRule> CVSelectiveSync::FindSyncRule(const CVSyncRulesDictionary& dictionary,
                                                                  const std::string& forPath) {
+  return FindSyncRule(
+      [&](const std::string& itemUrl) -> const CVSelectiveSyncRule* {
+        auto found = dictionary.find(itemUrl);
+        return found == dictionary.end() ? nullptr : &found->second;
+      },
+      forPath);
+}
+
+std::optional<CVSelectiveSyncRule> CVSelectiveSync::FindSyncRule(const RuleLookup& lookup, const std::string& forPath) {
   std::string level = forPath;
   while (true) {
-    if (auto found = dictionary.find(level); found != dictionary.end()) return found->second;
+    if (const CVSelectiveSyncRule* found = lookup(level)) return *found;
     // A name may come composed from the server and decomposed from the disk.
     if (!IsAscii(level)) {
       for (const std::string& other : {CVStaticHelpers::PrecomposedForm(level), CVStaticHelpers::DecomposedForm(level)}) {
         if (other == level) continue;
-        if (auto found = dictionary.find(other); found != dictionary.end()) return found->second;
+        if (const CVSelectiveSyncRule* found = lookup(other)) return *found;
       }
     }
     std::size_t slash = level.rfind('/');

@@ -1,12 +1,15 @@
 #pragma once
 // CVSelectiveSync: the process-wide choice, storage by storage, of what is kept
 // locally, stored in ".Settings/SelectiveSync.xml". Read at the first Instance;
-// from then on the object is the truth and the file its copy, rewritten whole and
-// atomically. One recursive lock guards the list and every site in it; saves are
-// serialised by a second lock taken before it, and no lock is held while a
-// caller's code runs.
+// from then on the object is the truth. Each change of a site goes at once to
+// the journal beside the file (CVStateJournal), and SaveConfigXML folds
+// everything into the file whole and atomically: at the end of a pass, on quit,
+// when the journal has grown as large as the file, and wherever the whole store
+// is written on purpose. One recursive lock guards the list, every site in it
+// and the journal; no lock is held while a caller's code runs.
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -14,6 +17,8 @@
 #include <vector>
 
 #include "CVSelectiveSyncRule.h"
+#include "CVStateJournal.h"
+#include "CVStateXMLFile.h"
 #include "CVSelectiveSyncSite.h"
 
 class CVSelectiveSync {
@@ -31,8 +36,11 @@ class CVSelectiveSync {
   // file gives an empty store, written at once. A damaged file is moved aside
   // and the storages read whole from it are kept.
   void ReadConfigFromFile();
-  // Writes the whole store; false (logged) when the file stays as it was.
+  // Writes the whole store and starts its journal afresh; false (logged) when
+  // the file stays as it was.
   bool SaveConfigXML();
+  // SaveConfigXML when anything changed since the last one.
+  bool SaveIfChanged();
   // The document SaveConfigXML writes.
   std::string GetInXML();
 
@@ -44,7 +52,7 @@ class CVSelectiveSync {
   SitePtr GetSiteRulesByName(const std::string& name, bool createIfNotExist);
   // A copy of the list of sites.
   std::vector<SitePtr> Sites();
-  // Removes the last site of exactly this name; false when there is none.
+  // Removes the last site of exactly this name and saves; false when there is none.
   bool RemoveSite(const std::string& name);
 
   // Root + "/.Settings/SelectiveSync.xml".
@@ -57,6 +65,9 @@ class CVSelectiveSync {
   // decomposed path and the reverse.
   static std::optional<CVSelectiveSyncRule> FindSyncRule(const CVSyncRulesDictionary& dictionary,
                                                          const std::string& forPath);
+  // The same walk over any lookup of a relative path's own rule (null for none).
+  using RuleLookup = std::function<const CVSelectiveSyncRule*(const std::string& itemUrl)>;
+  static std::optional<CVSelectiveSyncRule> FindSyncRule(const RuleLookup& lookup, const std::string& forPath);
   // Makes a site for each storage of the configuration that has none, then saves.
   static void InitSelectiveSync();
   // The site of the storage that holds the local path, or nothing.
@@ -67,10 +78,20 @@ class CVSelectiveSync {
   static CVSelectiveSync& Raw();
   void EnsureRead();
   SitePtr FindSiteLocked(const std::string& name);
+  SitePtr NewSite(std::string name, std::vector<CVSelectiveSyncRule> rules, std::vector<CVSelectiveSyncItem> items);
+  // A site's change into the journal, under the lock; a fold when the journal
+  // cannot take it or has grown large.
+  void RecordChange(const CVSelectiveSyncSite& site, const CVStateJournal::Entry& change);
+  bool SaveLocked();
+  void WriteDocument(CVStateXMLFile::Writer& writer);
 
   std::shared_ptr<std::recursive_mutex> lock_;
+  std::shared_ptr<const CVSelectiveSyncSite::ChangeSink> changes_;
   std::vector<SitePtr> sites_;
-  std::mutex saveLock_;
+  std::unique_ptr<CVStateJournal> journal_;
+  std::string journalFor_;  // the store file the journal belongs to
+  CVStateJournal::FileVersion version_;  // of the file as last read or written
+  bool changed_ = false;  // journal entries since the last save
   std::mutex readLock_;
   std::atomic<bool> read_{false};
 };

@@ -5,6 +5,7 @@
 
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
+#include "DownloadedFilesStore.h"
 #include "ServerXMLParser.h"
 #include "StateFileSupport.h"
 
@@ -30,15 +31,7 @@ bool DownloadedXMLStaticMethods::CleanXMLFromSite(const std::string& path) {
       CVEventLogger::LogException(kClassName, "CleanXMLFromSite", "no storage folder given: \"" + path + "\"");
       return false;
     }
-    std::lock_guard<std::recursive_mutex> lock(downloadedFilesLock());
-    ServerXMLParser parser;
-    auto files = parser.readDownloadedFiles();
-    if (parser.lastRead() == StateFileRead::Unreadable) return false;
-    std::vector<CVFileForCompare> kept = files.value_or(std::vector<CVFileForCompare>{});
-    std::erase_if(kept, [&](const CVFileForCompare& record) {
-      return StateFileSupport::IsSameOrBelow(record.localPath, folder);
-    });
-    return ServerXMLParser::saveDownloadedXML(kept);
+    return DownloadedFilesStore::Instance().RemoveBelow(folder);
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClassName, "CleanXMLFromSite", exception.what());
     return false;

@@ -4,6 +4,7 @@
 
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
+#include "NewFilesStore.h"
 #include "StateFileSupport.h"
 
 namespace {
@@ -49,9 +50,10 @@ std::recursive_mutex& NewFilesParser::newFilesLock() {
   return lock;
 }
 
-void NewFilesParser::WriteNewFilesXML(CVStateXMLFile::Writer& writer, const std::vector<NFQ_File>& array) {
+void NewFilesParser::WriteNewFilesXML(CVStateXMLFile::Writer& writer, const RecordSource& next) {
   writer.StartElement("NewFiles", CVStateXMLFile::Writer::kSchemaNamespaces);
-  for (const auto& record : array) {
+  while (const NFQ_File* found = next()) {
+    const NFQ_File& record = *found;
     if (!CVStateXMLFile::IsXMLText(record.nFilePath) || !CVStateXMLFile::IsXMLText(record.oldFilePath)) {
       // An XML file cannot hold such a name; writing it would break every later read.
       CVEventLogger::LogException(kClassName, "saveNewFilesXML",
@@ -70,11 +72,15 @@ void NewFilesParser::WriteNewFilesXML(CVStateXMLFile::Writer& writer, const std:
 }
 
 bool NewFilesParser::saveNewFilesXML(const std::vector<NFQ_File>& array) {
+  return NewFilesStore::Instance().ReplaceAll(array);
+}
+
+bool NewFilesParser::WriteFile(const RecordSource& next) {
   try {
     std::lock_guard<std::recursive_mutex> lock(newFilesLock());
     // Replaced in one step, never removed first: a crash leaves the old file or the new one.
     if (CVStateXMLFile::SaveStreamed(NewFilesXMLPath(),
-                                     [&](CVStateXMLFile::Writer& writer) { WriteNewFilesXML(writer, array); })) {
+                                     [&](CVStateXMLFile::Writer& writer) { WriteNewFilesXML(writer, next); })) {
       return true;
     }
     CVEventLogger::LogException(kClassName, "saveNewFilesXML", "NewFiles.xml could not be written; the old file stays");
@@ -86,10 +92,14 @@ bool NewFilesParser::saveNewFilesXML(const std::vector<NFQ_File>& array) {
 }
 
 std::optional<std::vector<NFQ_File>> NewFilesParser::readNewFiles() {
+  return NewFilesStore::Instance().Records(lastRead_);
+}
+
+std::optional<std::vector<NFQ_File>> NewFilesParser::ReadFile(StateFileRead& state) {
   const StateFileSupport::RecordFile file = NewFile();
   return StateFileSupport::ReadRecords<NFQ_File>(
       file, [&](NFQ_File& record, std::string_view name, std::string_view text) {
         return ReadField(file, record, name, text);
       },
-      lastRead_);
+      state);
 }

@@ -1,8 +1,11 @@
 #pragma once
 // NewFilesParser: reads and writes ".Settings/NewFiles.xml", the local changes
 // that are queued and not yet on the server, one NewFile per NFQ_File, so that
-// they survive a restart. One parser per thread; the file is guarded by newFilesLock().
+// they survive a restart. The queue is kept in memory by NewFilesStore: a read
+// gives a copy of it, a save replaces it; ReadFile and WriteFile are the file
+// itself, for the store. One parser per thread; the file is guarded by newFilesLock().
 
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -22,9 +25,16 @@ class NewFilesParser {
   // as the process. saveNewFilesXML and readNewFiles take it too.
   static std::recursive_mutex& newFilesLock();
 
-  // Replaces the file with array; an empty array gives the root element alone.
-  // False (logged) when the old file stays.
+  // Replaces the queue with array and writes the file at once; an empty array
+  // gives the root element alone. False (logged) when the old file stays.
   static bool saveNewFilesXML(const std::vector<NFQ_File>& array);
+
+  // The records of the file itself, as readNewFiles describes them.
+  static std::optional<std::vector<NFQ_File>> ReadFile(StateFileRead& state);
+  // The next record to write, or null at the end.
+  using RecordSource = std::function<const NFQ_File*()>;
+  // Replaces the file with the records that next gives. False (logged) when the old file stays.
+  static bool WriteFile(const RecordSource& next);
   // The records of the file in file order; nothing when it is missing or cannot
   // be read. Creates the root and settings folders where they are missing. A file
   // that does not parse gives the records read before the fault (logged, and the
@@ -36,7 +46,7 @@ class NewFilesParser {
  private:
   // The document of array; records whose paths cannot stand in XML are left
   // out, each with a line in the log.
-  static void WriteNewFilesXML(CVStateXMLFile::Writer& writer, const std::vector<NFQ_File>& array);
+  static void WriteNewFilesXML(CVStateXMLFile::Writer& writer, const RecordSource& next);
 
   StateFileRead lastRead_ = StateFileRead::Missing;
 };

@@ -5,6 +5,7 @@
 
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
+#include "DownloadedFilesStore.h"
 #include "DownloadedXMLStaticMethods.h"
 #include "StateFileSupport.h"
 
@@ -71,44 +72,48 @@ std::string ServerXMLParser::SiteForLocalPath(const std::string& localPath) {
 }
 
 std::optional<std::vector<CVFileForCompare>> ServerXMLParser::readDownloadedFiles() {
+  return DownloadedFilesStore::Instance().Records(lastRead_);
+}
+
+std::optional<std::vector<CVFileForCompare>> ServerXMLParser::ReadFile(StateFileRead& state) {
   const StateFileSupport::RecordFile file = DownloadedFile();
   return StateFileSupport::ReadRecords<CVFileForCompare>(
       file,
       [&](CVFileForCompare& record, std::string_view name, std::string_view text) {
         return ReadField(file, record, name, text);
       },
-      lastRead_);
+      state);
 }
 
-void ServerXMLParser::WriteDownloadedXML(CVStateXMLFile::Writer& writer, const std::vector<CVFileForCompare>& array) {
+void ServerXMLParser::WriteDownloadedXML(CVStateXMLFile::Writer& writer, const RecordSource& next) {
   writer.StartElement("DownloadedFiles", CVStateXMLFile::Writer::kSchemaNamespaces);
-  for (const auto& record : array) {
-    if (record.deleted) continue;
-    if (!CVStateXMLFile::IsXMLText(record.localPath)) {
+  while (const CVFileForCompare* record = next()) {
+    if (record->deleted) continue;
+    if (!CVStateXMLFile::IsXMLText(record->localPath)) {
       // An XML file cannot hold such a name; writing it would break every later read.
       CVEventLogger::LogException(kClassName, "saveDownloadedXML",
                                   "a path that XML cannot hold is not recorded: " +
-                                      CVStateXMLFile::PrintableText(record.localPath));
+                                      CVStateXMLFile::PrintableText(record->localPath));
       continue;
     }
     writer.StartElement("DownloadedFile");
-    writer.WriteElement("localPath", record.localPath);
-    writer.WriteElement("modifiedTime", std::to_string(record.modifiedTime));
-    writer.WriteElement("statusChangeTime", std::to_string(record.statusChangeTime));
-    writer.WriteElement("size", std::to_string(record.size));
-    writer.WriteElement("brokenDownload", StateFileSupport::YesNo(record.brokeDownload));
-    writer.WriteElement("isFolder", StateFileSupport::YesNo(record.isFolder));
-    writer.WriteElement("fileStatus", std::to_string(record.fileStatus));
+    writer.WriteElement("localPath", record->localPath);
+    writer.WriteElement("modifiedTime", std::to_string(record->modifiedTime));
+    writer.WriteElement("statusChangeTime", std::to_string(record->statusChangeTime));
+    writer.WriteElement("size", std::to_string(record->size));
+    writer.WriteElement("brokenDownload", StateFileSupport::YesNo(record->brokeDownload));
+    writer.WriteElement("isFolder", StateFileSupport::YesNo(record->isFolder));
+    writer.WriteElement("fileStatus", std::to_string(record->fileStatus));
     writer.EndElement();
   }
 }
 
-bool ServerXMLParser::saveDownloadedXML(const std::vector<CVFileForCompare>& array) {
+bool ServerXMLParser::WriteFile(const RecordSource& next) {
   try {
     std::lock_guard<std::recursive_mutex> lock(DownloadedXMLStaticMethods::downloadedFilesLock());
     // Replaced in one step, never removed first: a crash leaves the old file or the new one.
     if (CVStateXMLFile::SaveStreamed(CVStaticHelpers::GenerateDownloadedXMLPath(),
-                                     [&](CVStateXMLFile::Writer& writer) { WriteDownloadedXML(writer, array); })) {
+                                     [&](CVStateXMLFile::Writer& writer) { WriteDownloadedXML(writer, next); })) {
       return true;
     }
     CVEventLogger::LogException(kClassName, "saveDownloadedXML",
@@ -118,4 +123,8 @@ bool ServerXMLParser::saveDownloadedXML(const std::vector<CVFileForCompare>& arr
     CVEventLogger::LogException(kClassName, "saveDownloadedXML", exception.what());
     return false;
   }
+}
+
+bool ServerXMLParser::saveDownloadedXML(const std::vector<CVFileForCompare>& array) {
+  return DownloadedFilesStore::Instance().ReplaceAll(array);
 }

@@ -14,8 +14,10 @@
 #include "AsyncFileCommonPart.h"
 #include "CVConfiguration.h"
 #include "CVSelectiveSync.h"
+#include "DownloadedFilesStore.h"
 #include "DownloadedXMLStaticMethods.h"
 #include "NewFilesParser.h"
+#include "NewFilesStore.h"
 #include "ServerXMLParser.h"
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
@@ -124,7 +126,7 @@ void AppDelegate::initializeRules() {
   for (const auto& storage : CVConfiguration::Instance().SitesCopy()) {
     auto site = store.GetSiteRulesByName(storage->Name, true);
     if (!site) continue;
-    if (!site->SyncItems().empty() || records.empty()) continue;
+    if (site->SyncItemCount() > 0 || records.empty()) continue;
     // A store that is new or empty learns the storage's items from the record.
     std::string prefix = root + "/" + storage->Name + "/";
     std::vector<std::string> relativePaths;
@@ -360,7 +362,16 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
   isSyncRunning = false;
   CVEventLogger::WriteMainLogMessage(passId);
   sync->serverQueue().firstTimeSyncPerformed = true;
+  SaveStateFiles();
   if (outcome) ReportPass(*outcome);
+}
+
+void AppDelegate::SaveStateFiles() {
+  // What a pass changed stands in the journals of the state files; the files
+  // take it whole now, so that at rest they hold everything.
+  DownloadedFilesStore::Instance().Fold();
+  NewFilesStore::Instance().Fold();
+  CVSelectiveSync::Instance().SaveIfChanged();
 }
 
 void AppDelegate::ResetSyncTime() {
@@ -716,6 +727,7 @@ void AppDelegate::applicationWillTerminate() {
   CVEventLogger::WriteMainLogMessage("\n***** Application ended ****");
   CVEventLogger::WriteMainLogMessage(CVEventLogger::DateText());
   StopFSWsForStorages();
+  SaveStateFiles();
   CVEventLogger::killMyLock();
 }
 

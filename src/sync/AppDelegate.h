@@ -160,6 +160,8 @@ class AppDelegate {
 
  private:
   void ReportPass(PassOutcome outcome);
+  // Folds the journals of the state files into the files.
+  void SaveStateFiles();
   void RunOnMainAndWait(const std::function<void()>& work);
 
   const Clock& clock_;

@@ -20,10 +20,10 @@
 #include "CVSelectiveSync.h"
 #include "CVSelectiveSyncRule.h"
 #include "CVStaticHelpers.h"
+#include "DownloadedFilesStore.h"
 #include "IconOverlayInFinderStaticMethods.h"
 #include "MyParser.h"
 #include "ServerFileOperations.h"
-#include "ServerXMLParser.h"
 #include "SmartSync.h"
 #include "SyncListener.h"
 
@@ -262,7 +262,8 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
     if (result == SYNC_RETURN_FAILED) sync.syncedWithSomeErrors = true;
     sync.itemsLeftForLater = true;
   }
-  CVSelectiveSync::Instance().SaveConfigXML();
+  // What the operation changed in the selective sync store is in its journal
+  // already; the store is written whole at the end of the pass.
   return result;
 }
 
@@ -287,16 +288,9 @@ bool SmartSyncFileOperations::CheckNextFileOnServer(const CVFileWithAction& item
                                                     const std::optional<std::vector<std::string>>& serverData) {
   try {
     if (!serverData || serverData->empty()) return true;
-    ServerXMLParser parser;
-    auto records = parser.readDownloadedFiles();
-    if (!records) return false;
-    std::string wanted = CVStaticHelpers::PrecomposedForm(item.nFilePath);
-    for (const auto& record : *records) {
-      if (CVStaticHelpers::PrecomposedForm(record.localPath) != wanted) continue;
-      if (serverData->size() < 3) return false;
-      return record.size == std::stoll((*serverData)[2]);
-    }
-    return false;
+    auto record = DownloadedFilesStore::Instance().FindSame(item.nFilePath);
+    if (!record || serverData->size() < 3) return false;
+    return record->size == std::stoll((*serverData)[2]);
   } catch (const std::exception& failure) {
     CVEventLogger::LogException(kClass, "CheckNextFileOnServer", failure.what());
     return false;

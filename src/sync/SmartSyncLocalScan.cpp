@@ -10,7 +10,7 @@
 
 #include "CVEventLogger.h"
 #include "CVFileForCompareMethods.h"
-#include "ServerXMLParser.h"
+#include "DownloadedFilesStore.h"
 #include "SmartSync.h"
 
 namespace {
@@ -128,15 +128,11 @@ std::vector<NFQ_File> SmartSync::GetChildFilesAndFoldersNFQ(const std::string& f
 
 std::int32_t SmartSync::CheckFileNameStringState(const std::string& path) {
   try {
-    ServerXMLParser parser;
-    auto records = parser.readDownloadedFiles();
-    if (!records) return -1;
-    for (const auto& record : *records) {
-      if (!CVFileForCompareMethods::IsSamePath(record.localPath, path)) continue;
-      if (record.localPath == path) return 0;
-      CVEventLogger::WriteMainLogMessage("precomposed! " + CVFileForCompareMethods::NormalizedPath(path));
-      return 1;
-    }
+    auto record = DownloadedFilesStore::Instance().FindSame(path);
+    if (!record) return -1;
+    if (record->localPath == path) return 0;
+    CVEventLogger::WriteMainLogMessage("precomposed! " + CVFileForCompareMethods::NormalizedPath(path));
+    return 1;
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClass, "CheckFileNameStringState", exception.what());
   }

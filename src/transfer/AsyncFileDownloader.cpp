@@ -25,7 +25,7 @@
 #include "Clock.h"
 #include "IconOverlayInFinderStaticMethods.h"
 #include "MyParser.h"
-#include "ServerXMLParser.h"
+#include "DownloadedFilesStore.h"
 #include "SyncListener.h"
 
 namespace fs = std::filesystem;
@@ -370,16 +370,11 @@ std::int64_t AsyncFileDownloader::ResumableSize(const CVFileWithAction& file,
   // download says belongs to this size and time.
   bool sameVersion = file.fileAction == FWA_DownloadForUploadRequest;
   if (!sameVersion) {
-    ServerXMLParser parser;
-    auto records = parser.readDownloadedFiles();
-    if (records && parser.lastRead() != StateFileRead::Unreadable) {
-      for (const auto& record : *records) {
-        if (record.localPath != file.nFilePath && record.localPath != temporaryPath) continue;
-        sameVersion = record.brokeDownload && record.size == file.fileSize &&
-                      record.modifiedTime == file.dateModified;
-        break;
-      }
-    }
+    DownloadedFilesStore& store = DownloadedFilesStore::Instance();
+    auto record = store.Find(file.nFilePath);
+    if (!record) record = store.Find(temporaryPath);
+    sameVersion = record && record->brokeDownload && record->size == file.fileSize &&
+                  record->modifiedTime == file.dateModified;
   }
   if (sameVersion && temporary.size <= file.fileSize) return temporary.size;
 
@@ -779,6 +774,8 @@ void AsyncFileDownloader::FinishFileDownloading(const std::shared_ptr<Attempt>& 
         EndAttemptLocked(*attempt, kReasonSizeMismatch);
       } else {
         fs::rename(temporaryPath, file.nFilePath);
+        // The rename is made durable with the record's next commit, many files at once.
+        DownloadedFilesStore::Instance().NoteFolder(fs::path(file.nFilePath).parent_path().string());
         AsyncFileCommonPart::WriteToDownloadedFiles(file, false);
         EndAttemptLocked(*attempt, kReasonSuccess);
       }

@@ -11,6 +11,8 @@
 #include "CVSelectiveSync.h"
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
+#include "DownloadedFilesStore.h"
+#include "NewFilesStore.h"
 #include "SyncListenerAddInfo.h"
 
 namespace fs = std::filesystem;
@@ -27,6 +29,8 @@ TempHome::TempHome() {
   CVEventLogger::SetConsoleEcho(false);
   CVConfiguration::ResetForTests();
   CVSelectiveSync::ResetForTests();
+  DownloadedFilesStore::Instance().Forget();
+  NewFilesStore::Instance().Forget();
   CVIPRestriction::RemoveAll();
   SyncListenerAddInfo::ResetForTests();
   CVStaticHelpers::SetMachineIdentity(nullptr);

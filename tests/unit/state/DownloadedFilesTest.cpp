@@ -14,6 +14,7 @@
 
 #include "AsyncFileCommonPart.h"
 #include "CVStaticHelpers.h"
+#include "DownloadedFilesStore.h"
 #include "DownloadedXMLStaticMethods.h"
 #include "ServerXMLParser.h"
 #include "StateFileSupport.h"
@@ -245,6 +246,7 @@ TEST(DownloadedFiles, BrokenDownloadTurnsWholeUnderItsFinalPath) {
   auto records = Records();
   ASSERT_EQ(records.size(), 1u);
   EXPECT_TRUE(records[0].brokeDownload);
+  ASSERT_TRUE(DownloadedFilesStore::Instance().Fold());
   EXPECT_NE(ReadFile(XMLPath()).find("<brokenDownload>YES</brokenDownload>"), std::string::npos);
   ASSERT_TRUE(AsyncFileCommonPart::WriteToDownloadedFiles(Item(P("Docs/big.bin"), false, 100), false));
   records = Records();

@@ -1,0 +1,427 @@
+#include "DownloadedFilesStore.h"
+
+#include <algorithm>
+
+#include "AsyncFileCommonPart.h"
+#include "CVEventLogger.h"
+#include "CVStaticHelpers.h"
+#include "DownloadedXMLStaticMethods.h"
+#include "ServerXMLParser.h"
+#include "StateFileSupport.h"
+
+namespace {
+
+const char kClassName[] = "DownloadedFilesStore";
+
+enum Operation : std::int64_t { kChange = 1, kRename = 2, kSetNothing = 3, kRemoveBelow = 4 };
+
+std::string WithSlash(const std::string& path) {
+  return !path.empty() && path.back() == '/' ? path : path + "/";
+}
+
+}  // namespace
+
+DownloadedFilesStore::DownloadedFilesStore()
+    : CVJournaledStateFile(kClassName, DownloadedXMLStaticMethods::downloadedFilesLock()) {}
+
+DownloadedFilesStore& DownloadedFilesStore::Instance() {
+  // Lives to the end of the process: threads may still record during exit.
+  static DownloadedFilesStore* store = new DownloadedFilesStore();
+  return *store;
+}
+
+std::string DownloadedFilesStore::Path() const { return CVStaticHelpers::GenerateDownloadedXMLPath(); }
+
+// --- Content ---
+
+void DownloadedFilesStore::Clear() {
+  slots_.clear();
+  byPath_.clear();
+  byNormalised_.clear();
+  live_ = 0;
+  sharedKeys_ = false;
+}
+
+CVFileForCompare DownloadedFilesStore::ToRecord(const Slot& slot) const {
+  CVFileForCompare record;
+  record.localPath = slot.path;
+  record.site = ServerXMLParser::SiteForLocalPath(slot.path);
+  record.modifiedTime = slot.modifiedTime;
+  record.statusChangeTime = slot.statusChangeTime;
+  record.size = slot.size;
+  record.fileStatus = slot.fileStatus;
+  record.brokeDownload = slot.broken;
+  record.isFolder = slot.isFolder;
+  return record;
+}
+
+void DownloadedFilesStore::IndexSlot(Index at) {
+  const std::string& path = slots_[at].path;
+  auto [exact, added] = byPath_.try_emplace(std::string_view(path), at);
+  if (!added) {
+    sharedKeys_ = true;
+    if (exact->second > at) {
+      byPath_.erase(exact);
+      byPath_.emplace(std::string_view(path), at);
+    }
+  }
+  std::string normalised = CVStaticHelpers::PrecomposedForm(path);
+  if (normalised == path) return;
+  auto [other, inserted] = byNormalised_.try_emplace(std::move(normalised), at);
+  if (!inserted) {
+    sharedKeys_ = true;
+    other->second = std::min(other->second, at);
+  }
+}
+
+std::optional<DownloadedFilesStore::Index> DownloadedFilesStore::NextWithPath(std::string_view path, bool normalised,
+                                                                              Index from) const {
+  for (Index at = from; at < slots_.size(); ++at) {
+    const Slot& slot = slots_[at];
+    if (!slot.live) continue;
+    if (normalised ? CVStaticHelpers::PrecomposedForm(slot.path) == path && slot.path != path : slot.path == path) {
+      return at;
+    }
+  }
+  return std::nullopt;
+}
+
+void DownloadedFilesStore::UnindexSlot(Index at) {
+  const std::string path = slots_[at].path;
+  if (auto exact = byPath_.find(path); exact != byPath_.end() && exact->second == at) {
+    byPath_.erase(exact);
+    // Another slot of the same path now comes first; its own string is the key.
+    if (sharedKeys_) {
+      if (auto next = NextWithPath(path, false, at + 1)) byPath_.emplace(std::string_view(slots_[*next].path), *next);
+    }
+  }
+  std::string normalised = CVStaticHelpers::PrecomposedForm(path);
+  if (normalised == path) return;
+  if (auto other = byNormalised_.find(normalised); other != byNormalised_.end() && other->second == at) {
+    byNormalised_.erase(other);
+    if (sharedKeys_) {
+      if (auto next = NextWithPath(normalised, true, at + 1)) byNormalised_.emplace(normalised, *next);
+    }
+  }
+}
+
+void DownloadedFilesStore::Add(Slot slot) {
+  if (!CVStateXMLFile::IsXMLText(slot.path)) {
+    // The file could not hold it: a record of it would live only until the next start.
+    CVEventLogger::LogException(kClassName, "saveDownloadedXML",
+                                "a path that XML cannot hold is not recorded: " +
+                                    CVStateXMLFile::PrintableText(slot.path));
+    return;
+  }
+  slot.live = true;
+  slots_.push_back(std::move(slot));
+  ++live_;
+  IndexSlot(static_cast<Index>(slots_.size() - 1));
+}
+
+void DownloadedFilesStore::Kill(Index at) {
+  Slot& slot = slots_[at];
+  if (!slot.live) return;
+  UnindexSlot(at);
+  slot.live = false;
+  --live_;
+  std::string().swap(slot.path);
+}
+
+void DownloadedFilesStore::Move(Index at, std::string path) {
+  if (!CVStateXMLFile::IsXMLText(path)) {
+    CVEventLogger::LogException(kClassName, "saveDownloadedXML",
+                                "a path that XML cannot hold is not recorded: " + CVStateXMLFile::PrintableText(path));
+    Kill(at);
+    return;
+  }
+  UnindexSlot(at);
+  slots_[at].path = std::move(path);
+  IndexSlot(at);
+}
+
+std::optional<DownloadedFilesStore::Index> DownloadedFilesStore::FindExact(std::string_view path) const {
+  auto found = byPath_.find(path);
+  if (found == byPath_.end()) return std::nullopt;
+  return found->second;
+}
+
+std::optional<DownloadedFilesStore::Index> DownloadedFilesStore::FindSameIndex(const std::string& path) const {
+  const std::string normalised = CVStaticHelpers::PrecomposedForm(path);
+  std::optional<Index> first = FindExact(normalised);
+  if (auto other = byNormalised_.find(normalised); other != byNormalised_.end()) {
+    if (!first || other->second < *first) first = other->second;
+  }
+  return first;
+}
+
+// --- The operations on the content ---
+
+bool DownloadedFilesStore::ApplyChange(std::int32_t action, const std::string& nFilePath,
+                                       const std::string& oldFilePath, bool isFolder, std::int64_t size,
+                                       std::int64_t modified, bool isBroken, std::int64_t now) {
+  const std::string& searchPath = action == 2 ? oldFilePath : nFilePath;
+  std::optional<Index> found = FindExact(searchPath);
+  if (auto temporary = FindExact(AsyncFileCommonPart::TemporaryNameForPath(searchPath))) {
+    if (!found || *temporary < *found) found = temporary;
+  }
+  switch (action) {
+    case 0: {
+      if (!found) {
+        Slot slot;
+        slot.path = nFilePath;
+        slot.fileStatus = 0;
+        slot.statusChangeTime = now;
+        slot.size = size;
+        slot.modifiedTime = modified;
+        slot.isFolder = isFolder;
+        slot.broken = isBroken;
+        Add(std::move(slot));
+        return true;
+      }
+      Slot& slot = slots_[*found];
+      slot.fileStatus = 1;
+      slot.statusChangeTime = now;
+      slot.size = size;
+      slot.modifiedTime = modified;
+      slot.isFolder = isFolder;
+      slot.broken = isBroken;
+      if (slot.path != nFilePath) Move(*found, nFilePath);
+      return true;
+    }
+    case 1:
+      if (!found) return false;
+      Kill(*found);
+      if (isFolder) {
+        for (Index at = 0; at < slots_.size(); ++at) {
+          if (slots_[at].live && StateFileSupport::IsSameOrBelow(slots_[at].path, nFilePath)) Kill(at);
+        }
+      }
+      return true;
+    case 2:
+      if (!found) return false;
+      if (slots_[*found].path != nFilePath) Move(*found, nFilePath);
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool DownloadedFilesStore::ApplyRename(const std::string& oldPath, const std::string& newPath, bool isFolder) {
+  if (oldPath.empty()) return false;
+  std::optional<Index> found = FindExact(oldPath);
+  if (!found) return false;
+  Move(*found, newPath);
+  if (isFolder) {
+    const std::string oldFolder = WithSlash(oldPath);
+    const std::string newFolder = WithSlash(newPath);
+    for (Index at = 0; at < slots_.size(); ++at) {
+      const Slot& slot = slots_[at];
+      if (!slot.live || slot.path.compare(0, oldFolder.size(), oldFolder) != 0) continue;
+      Move(at, newFolder + slot.path.substr(oldFolder.size()));
+    }
+  }
+  return true;
+}
+
+bool DownloadedFilesStore::ApplySetNothing(const std::string& path, std::int64_t now) {
+  bool changed = false;
+  for (std::optional<Index> at = FindExact(path); at; at = NextWithPath(path, false, *at + 1)) {
+    slots_[*at].fileStatus = -1;
+    slots_[*at].statusChangeTime = now;
+    changed = true;
+    if (!sharedKeys_) break;
+  }
+  return changed;
+}
+
+bool DownloadedFilesStore::ApplyRemoveBelow(const std::string& folder) {
+  bool changed = false;
+  for (Index at = 0; at < slots_.size(); ++at) {
+    if (slots_[at].live && StateFileSupport::IsSameOrBelow(slots_[at].path, folder)) {
+      Kill(at);
+      changed = true;
+    }
+  }
+  return changed;
+}
+
+bool DownloadedFilesStore::ApplyEntry(CVStateJournal::Reader& entry) {
+  switch (entry.Number()) {
+    case kChange: {
+      const auto action = static_cast<std::int32_t>(entry.Number());
+      const std::string nFilePath = entry.Text();
+      const std::string oldFilePath = entry.Text();
+      const bool isFolder = entry.Number() != 0;
+      const std::int64_t size = entry.Number();
+      const std::int64_t modified = entry.Number();
+      const bool isBroken = entry.Number() != 0;
+      const std::int64_t now = entry.Number();
+      return entry.ok() && ApplyChange(action, nFilePath, oldFilePath, isFolder, size, modified, isBroken, now);
+    }
+    case kRename: {
+      const std::string oldPath = entry.Text();
+      const std::string newPath = entry.Text();
+      const bool isFolder = entry.Number() != 0;
+      return entry.ok() && ApplyRename(oldPath, newPath, isFolder);
+    }
+    case kSetNothing: {
+      const std::string path = entry.Text();
+      const std::int64_t now = entry.Number();
+      return entry.ok() && ApplySetNothing(path, now);
+    }
+    case kRemoveBelow: {
+      const std::string folder = entry.Text();
+      return entry.ok() && ApplyRemoveBelow(folder);
+    }
+    default:
+      return false;
+  }
+}
+
+// --- The file ---
+
+StateFileRead DownloadedFilesStore::ReadFile() {
+  Clear();
+  StateFileRead state = StateFileRead::Missing;
+  auto records = ServerXMLParser::ReadFile(state);
+  if (records) {
+    for (auto& record : *records) {
+      Slot slot;
+      slot.path = std::move(record.localPath);
+      slot.modifiedTime = record.modifiedTime;
+      slot.statusChangeTime = record.statusChangeTime;
+      slot.size = record.size;
+      slot.fileStatus = record.fileStatus;
+      slot.broken = record.brokeDownload;
+      slot.isFolder = record.isFolder;
+      if (!record.deleted) Add(std::move(slot));
+    }
+  }
+  return state;
+}
+
+bool DownloadedFilesStore::WriteFile() {
+  // The file holds the live records alone: the dead slots go now.
+  if (live_ != slots_.size()) {
+    std::deque<Slot> kept;
+    for (auto& slot : slots_) {
+      if (slot.live) kept.push_back(std::move(slot));
+    }
+    Clear();
+    for (auto& slot : kept) Add(std::move(slot));
+  }
+  std::size_t next = 0;
+  CVFileForCompare record;
+  return ServerXMLParser::WriteFile([&]() -> const CVFileForCompare* {
+    if (next == slots_.size()) return nullptr;
+    const Slot& slot = slots_[next++];
+    record.localPath = slot.path;
+    record.modifiedTime = slot.modifiedTime;
+    record.statusChangeTime = slot.statusChangeTime;
+    record.size = slot.size;
+    record.fileStatus = slot.fileStatus;
+    record.brokeDownload = slot.broken;
+    record.isFolder = slot.isFolder;
+    return &record;
+  });
+}
+
+// --- Public ---
+
+StateFileRead DownloadedFilesStore::ReadState() {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  StateFileRead state = EnsureLoaded();
+  // Changes not yet in a file that was missing still make a record.
+  if (state == StateFileRead::Missing && (live_ > 0 || changedSinceFold())) return StateFileRead::Whole;
+  return state;
+}
+
+std::optional<std::vector<CVFileForCompare>> DownloadedFilesStore::Records(StateFileRead& state) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  state = ReadState();
+  if (state == StateFileRead::Missing || state == StateFileRead::Unreadable) return std::nullopt;
+  std::vector<CVFileForCompare> records;
+  records.reserve(live_);
+  for (const auto& slot : slots_) {
+    if (slot.live) records.push_back(ToRecord(slot));
+  }
+  return records;
+}
+
+std::optional<CVFileForCompare> DownloadedFilesStore::Find(const std::string& path) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  EnsureLoaded();
+  auto at = FindExact(path);
+  if (!at) return std::nullopt;
+  return ToRecord(slots_[*at]);
+}
+
+std::optional<CVFileForCompare> DownloadedFilesStore::FindSame(const std::string& path) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  EnsureLoaded();
+  auto at = FindSameIndex(path);
+  if (!at) return std::nullopt;
+  return ToRecord(slots_[*at]);
+}
+
+bool DownloadedFilesStore::Change(const CVFileWithAction& file, bool isBroken, std::int32_t action,
+                                  std::int64_t now) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (EnsureLoaded() == StateFileRead::Unreadable) return false;
+  if (!ApplyChange(action, file.nFilePath, file.oldFilePath, file.isFolder, file.fileSize, file.dateModified,
+                   isBroken, now)) {
+    return true;  // nothing to change: the file already says so
+  }
+  CVStateJournal::Entry entry;
+  entry.Number(kChange).Number(action).Text(file.nFilePath).Text(file.oldFilePath).Number(file.isFolder ? 1 : 0);
+  entry.Number(file.fileSize).Number(file.dateModified).Number(isBroken ? 1 : 0).Number(now);
+  return Record(entry);
+}
+
+bool DownloadedFilesStore::Rename(const std::string& oldPath, const std::string& newPath, bool isFolder) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (EnsureLoaded() == StateFileRead::Unreadable) return false;
+  if (!ApplyRename(oldPath, newPath, isFolder)) return true;
+  CVStateJournal::Entry entry;
+  entry.Number(kRename).Text(oldPath).Text(newPath).Number(isFolder ? 1 : 0);
+  return Record(entry);
+}
+
+bool DownloadedFilesStore::SetNothingStatus(const std::string& path, std::int64_t now) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (EnsureLoaded() == StateFileRead::Unreadable) return false;
+  if (!ApplySetNothing(path, now)) return true;
+  CVStateJournal::Entry entry;
+  entry.Number(kSetNothing).Text(path).Number(now);
+  return Record(entry);
+}
+
+bool DownloadedFilesStore::RemoveBelow(const std::string& folder) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  if (EnsureLoaded() == StateFileRead::Unreadable) return false;
+  if (!ApplyRemoveBelow(folder)) return true;
+  CVStateJournal::Entry entry;
+  entry.Number(kRemoveBelow).Text(folder);
+  return Record(entry);
+}
+
+bool DownloadedFilesStore::ReplaceAll(const std::vector<CVFileForCompare>& records) {
+  std::lock_guard<std::recursive_mutex> lock(lock_);
+  // Whatever the file held, it is replaced: not even an unreadable one is read first.
+  EnsureLoaded();
+  Clear();
+  for (const auto& record : records) {
+    if (record.deleted) continue;
+    Slot slot;
+    slot.path = record.localPath;
+    slot.modifiedTime = record.modifiedTime;
+    slot.statusChangeTime = record.statusChangeTime;
+    slot.size = record.size;
+    slot.fileStatus = record.fileStatus;
+    slot.broken = record.brokeDownload;
+    slot.isFolder = record.isFolder;
+    Add(std::move(slot));
+  }
+  return FoldLocked(/*overUnreadable=*/true);
+}
