@@ -138,6 +138,8 @@ int HeadlessApp::Run() {
       if (!signedIn) {
         std::cout << "No account is signed in. Sign in with: corvalink-sync login URL USER" << std::endl;
       }
+      // One pass and out: it need not wait for the timer's first tick.
+      if (options_.once) app.SyncNow();
       exitCode = loop.Run();
       control.Drain(loop);
       app.applicationWillTerminate();

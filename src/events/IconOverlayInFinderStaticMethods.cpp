@@ -101,7 +101,11 @@ void IconOverlayInFinderStaticMethods::WriteFileStateToClonnedTreeForPath(const 
     if (RelativeToStorages(path).empty()) return;
     const fs::path clone = GetClonnedFilePath(path);
     CreateParentsOf(clone);
-    if (Exists(clone)) fs::remove_all(clone);
+    // A file's clone is written over in place: a new file for each state would
+    // cost an inode per change of every file the sync touches.
+    std::error_code error;
+    const bool fileThere = fs::is_regular_file(fs::symlink_status(clone, error));
+    if (Exists(clone) && (isDir || !fileThere)) fs::remove_all(clone);
     if (isDir) {
       fs::create_directories(clone);
       return;

@@ -780,9 +780,12 @@ std::int64_t SteadyNowNanos() {
 }
 
 // What stands at a path, as far as telling the sync's own write from a later one goes.
+// A folder is only a folder: its size and time move with every file the sync
+// writes into it, and say nothing of a change of the folder itself.
 std::string DiskState(const std::string& path) {
   struct stat info {};
   if (::lstat(path.c_str(), &info) != 0) return "none";
+  if (S_ISDIR(info.st_mode)) return "folder";
   return std::to_string(info.st_mode & S_IFMT) + ":" + std::to_string(info.st_size) + ":" +
          std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec);
 }
@@ -807,10 +810,16 @@ void AppDelegate::ReleaseFilesInProgress() {
   const std::int64_t now = SteadyNowNanos();
   const std::int64_t until = now + std::chrono::nanoseconds(kOwnPathsGrace).count();
   std::lock_guard<std::recursive_mutex> lock(FilesInProgressLock);
-  for (auto it = recentOwnPaths_.begin(); it != recentOwnPaths_.end();) {
-    it = it->second.until <= now ? recentOwnPaths_.erase(it) : std::next(it);
+  // Oldest first: what has expired stands at the front, whatever the number kept.
+  while (!ownPathsExpiry_.empty() && ownPathsExpiry_.front().first <= now) {
+    auto expired = recentOwnPaths_.find(ownPathsExpiry_.front().second);
+    if (expired != recentOwnPaths_.end() && expired->second.until <= now) recentOwnPaths_.erase(expired);
+    ownPathsExpiry_.pop_front();
   }
-  for (const auto& entry : filesInProgress) recentOwnPaths_[entry.first] = OwnPath{until, DiskState(entry.first)};
+  for (const auto& entry : filesInProgress) {
+    recentOwnPaths_[entry.first] = OwnPath{until, DiskState(entry.first)};
+    ownPathsExpiry_.emplace_back(until, entry.first);
+  }
   filesInProgress.clear();
 }
 

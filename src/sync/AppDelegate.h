@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -187,6 +188,7 @@ class AppDelegate {
     std::string state;
   };
   std::map<std::string, OwnPath> recentOwnPaths_;
+  std::deque<std::pair<std::int64_t, std::string>> ownPathsExpiry_;  // (until, path), in time order
   bool timersRunning_ = false;
   std::mutex startLock_;
   std::atomic<bool> syncStarted_{false};

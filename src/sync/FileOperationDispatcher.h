@@ -15,4 +15,7 @@ class FileOperationDispatcher {
   // Asks the running transfer or server operation to end; returns at once.
   virtual void StopCurrentAction() {}
   virtual void StopDownloading() {}
+  // Finishes what operations left waiting (downloads that land in batches);
+  // the loop calls it when it runs out of work and when it stops.
+  virtual void FinishPendingWork() {}
 };

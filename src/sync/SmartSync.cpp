@@ -292,6 +292,7 @@ void SmartSync::Sync() {
       {
         std::lock_guard<std::mutex> lock(Sync_Lock);
         if (!syncMainThreadShouldRun) {
+          dispatcher_.FinishPendingWork();
           sqInProcess = false;
           mainLoopIsRunning = false;
           CVEventLogger::WriteMainLogMessage("Main loop thread stopped!");
@@ -402,6 +403,8 @@ void SmartSync::Refill() {
 }
 
 void SmartSync::Idle(bool& workDone) {
+  // Nothing of the run waits any more when the scheduler learns the queue is through.
+  dispatcher_.FinishPendingWork();
   ReleaseSchedulerIfQueueEmpty();
   if (queuesNotEmpty) {
     app_.SetStatusIcon(2);

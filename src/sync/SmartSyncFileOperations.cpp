@@ -112,6 +112,8 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
   SyncListener::SendSyncNumberChangedNotification(SiteIndex(storage->Name));
   SyncListener::SendFileInProgressChangedNotification(LastComponent(item.nFilePath), item.fileSize,
                                                       item.fileAction);
+  // Downloads wait to land together; anything else finds them in place.
+  if (item.fileAction != FWA_DownloadFromServer || landing_.Due(item.fileSize)) LandDownloads();
   std::int32_t result = SYNC_RETURN_NO_OPERATION;
   auto markBusy = [&] { WriteState(item.nFilePath, "1", item.isFolder); };
   try {
@@ -505,11 +507,15 @@ std::int32_t SmartSyncFileOperations::PerformRenameFileOnServer(SmartSync&, CVFi
 bool SmartSyncFileOperations::DownloadFile(CVFileWithAction& item) {
   // A fresh downloader for each download, kept where a stop from another thread finds it.
   auto downloader = std::make_shared<AsyncFileDownloader>(app_.sharedClock());
+  downloader->SetLanding(&landing_);
   {
     std::lock_guard<std::mutex> lock(downloaderLock_);
     cvAFD_ = downloader;
   }
   bool arrived = downloader->DownloadFile(item);
+  // Only a plain download may wait to land with others: the conflict flows
+  // compare and move the file at once.
+  if (arrived && item.fileAction != FWA_DownloadFromServer) LandDownloads();
   if (arrived) {
     app_.DiskHasRoom();
   } else if (downloader->lastLocalErrno() == ENOSPC || downloader->lastLocalErrno() == EDQUOT) {
@@ -518,6 +524,18 @@ bool SmartSyncFileOperations::DownloadFile(CVFileWithAction& item) {
   std::lock_guard<std::mutex> lock(downloaderLock_);
   if (cvAFD_ == downloader) cvAFD_.reset();
   return arrived;
+}
+
+void SmartSyncFileOperations::LandDownloads() {
+  if (landing_.empty()) return;
+  for (const auto& path : landing_.Paths()) app_.AddFileInProgress(path);
+  landing_.Land();
+}
+
+void SmartSyncFileOperations::FinishPendingWork() {
+  if (landing_.empty()) return;
+  LandDownloads();
+  app_.ReleaseFilesInProgress();
 }
 
 void SmartSyncFileOperations::StopDownloading() {

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "DownloadLanding.h"
 #include "FileOperationDispatcher.h"
 #include "SyncRecords.h"
 
@@ -32,6 +33,7 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   std::int32_t PerformNextFileOperation(SmartSync& sync, CVFileWithAction& item) override;
   void StopCurrentAction() override;
   void StopDownloading() override;
+  void FinishPendingWork() override;
 
   std::int32_t PerformUploadToServer(SmartSync& sync, CVFileWithAction& item);
   std::int32_t PerformDeleteOnServer(SmartSync& sync, CVFileWithAction& item);
@@ -68,6 +70,10 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
 
   AppDelegate& app_;
   ServerFileOperations& server_;
+  // Moves the batch of arrived downloads into place, their paths the sync's own.
+  void LandDownloads();
+
+  DownloadLanding landing_;
   std::mutex downloaderLock_;
   std::shared_ptr<AsyncFileDownloader> cvAFD_;
 };

@@ -25,6 +25,7 @@
 #include "Clock.h"
 #include "IconOverlayInFinderStaticMethods.h"
 #include "MyParser.h"
+#include "DownloadLanding.h"
 #include "DownloadedFilesStore.h"
 #include "SyncListener.h"
 
@@ -272,7 +273,8 @@ bool AsyncFileDownloader::DownloadFile(const CVFileWithAction& file, const std::
       }
 
       if (StartFileDownloadingAsync(file, spName)) {
-        ChangeDate(file.dateModified, file.nFilePath);
+        // A file waiting to land has its time already, under its temporary name.
+        if (!landing_ || fs::exists(file.nFilePath, error)) ChangeDate(file.dateModified, file.nFilePath);
         failDownloadsCount_ = 0;
         result = true;
         break;
@@ -755,13 +757,23 @@ void AsyncFileDownloader::FinishFileDownloading(const std::shared_ptr<Attempt>& 
         }
         KeepModeOfTarget(attempt->fileHandle, file.nFilePath);
         SetModificationTime(attempt->fileHandle, file.dateModified);
-        if (::fsync(attempt->fileHandle) != 0) {
+        struct stat written {};
+        if (landing_ && ::fstat(attempt->fileHandle, &written) == 0 &&
+            static_cast<std::int64_t>(written.st_size) == file.fileSize) {
+          // Whole: it lands with others, its data made durable with theirs.
+          landing_->Add(attempt->fileHandle, temporaryPath, file);
+          attempt->fileHandle = -1;
+          EndAttemptLocked(*attempt, kReasonSuccess);
+        }
+        if (attempt->fileHandle >= 0 && ::fsync(attempt->fileHandle) != 0) {
           throw SystemFailure("Failed to write file at path", temporaryPath);
         }
         attempt->CloseFile();
       }
       const PathState finished = Inspect(temporaryPath);
-      if (!finished.exists || !finished.regular) {
+      if (attempt->ended) {
+        // Handed to the landing.
+      } else if (!finished.exists || !finished.regular) {
         Log("FinishFileDownloading", "the temporary file is gone: " + temporaryPath);
         EndAttemptLocked(*attempt, kReasonNoTokenOrFile);
       } else if (finished.size != file.fileSize) {

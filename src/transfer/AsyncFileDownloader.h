@@ -29,6 +29,7 @@
 #include "SyncRecords.h"
 
 class ASIFormDataRequest;
+class DownloadLanding;
 class ASIHTTPRequest;
 class Clock;
 
@@ -57,6 +58,10 @@ class AsyncFileDownloader {
   ~AsyncFileDownloader();
   AsyncFileDownloader(const AsyncFileDownloader&) = delete;
   AsyncFileDownloader& operator=(const AsyncFileDownloader&) = delete;
+
+  // Whole downloads are handed to landing, which moves them into place later
+  // with others; without one each lands at once.
+  void SetLanding(DownloadLanding* landing) { landing_ = landing; }
 
   // The download of the sync: the storage's name from the path (or the upload
   // request), then DownloadFile with it. True when the file is in place.
@@ -137,6 +142,7 @@ class AsyncFileDownloader {
   bool IsCurrent(const Attempt& attempt) const;
 
   std::shared_ptr<const Clock> clock_;
+  DownloadLanding* landing_ = nullptr;
 
   mutable std::mutex mutex_;  // guards the fields up to the atomics
   std::shared_ptr<ASIFormDataRequest> request_;

@@ -1,0 +1,85 @@
+#include "DownloadLanding.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "AsyncFileCommonPart.h"
+#include "CVEventLogger.h"
+#include "DownloadedFilesStore.h"
+
+namespace fs = std::filesystem;
+
+DownloadLanding::~DownloadLanding() { Land(); }
+
+void DownloadLanding::Add(int fd, const std::string& temporaryPath, const CVFileWithAction& file) {
+  // The writeback starts now, so that the commit at landing finds the data on its way.
+  ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (waiting_.empty()) oldest_ = std::chrono::steady_clock::now();
+  waiting_.push_back(Arrived{fd, temporaryPath, file});
+  bytes_ += file.fileSize;
+}
+
+bool DownloadLanding::Due(std::int64_t nextSize) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (waiting_.empty()) return false;
+  return waiting_.size() >= kMostFiles || bytes_ + nextSize > kMostBytes ||
+         std::chrono::steady_clock::now() - oldest_ >= kLongestWait;
+}
+
+bool DownloadLanding::empty() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return waiting_.empty();
+}
+
+std::vector<std::string> DownloadLanding::Paths() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> paths;
+  for (const auto& arrived : waiting_) {
+    paths.push_back(arrived.temporaryPath);
+    paths.push_back(arrived.file.nFilePath);
+  }
+  return paths;
+}
+
+void DownloadLanding::Land() {
+  std::vector<Arrived> batch;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    batch.swap(waiting_);
+    bytes_ = 0;
+  }
+  if (batch.empty()) return;
+  // The first fdatasync commits the allocations of the whole batch; the others
+  // find their data written and their blocks committed.
+  for (auto& arrived : batch) {
+    if (::fdatasync(arrived.fd) != 0) {
+      CVEventLogger::WriteMainLogMessage("DownloadLanding - Land -> the data of " + arrived.temporaryPath +
+                                         " could not be made durable: " + std::strerror(errno) +
+                                         "; it waits for the next pass");
+      ::close(arrived.fd);
+      arrived.fd = -2;
+      continue;
+    }
+    ::close(arrived.fd);
+    arrived.fd = -1;
+  }
+  for (const auto& arrived : batch) {
+    if (arrived.fd == -2) continue;
+    std::error_code error;
+    fs::rename(arrived.temporaryPath, arrived.file.nFilePath, error);
+    if (error) {
+      CVEventLogger::WriteMainLogMessage("DownloadLanding - Land -> " + arrived.temporaryPath +
+                                         " could not be moved into place: " + error.message() +
+                                         "; it waits for the next pass");
+      continue;
+    }
+    // The rename is made durable with the record's next commit, many files at once.
+    DownloadedFilesStore::Instance().NoteFolder(fs::path(arrived.file.nFilePath).parent_path().string());
+    AsyncFileCommonPart::WriteToDownloadedFiles(arrived.file, false);
+  }
+}
