@@ -23,3 +23,18 @@ std::int64_t Clock::WallNowSeconds() const {
 void Clock::Sleep(std::chrono::nanoseconds specDuration) const {
   std::this_thread::sleep_for(Scaled(specDuration));
 }
+
+bool WakeableSleep::Sleep(const Clock& clock, std::chrono::nanoseconds specDuration) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  const bool woken = woken_.wait_for(lock, clock.Scaled(specDuration), [this] { return pending_; });
+  pending_ = false;
+  return woken;
+}
+
+void WakeableSleep::Wake() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    pending_ = true;
+  }
+  woken_.notify_all();
+}

@@ -5,7 +5,9 @@
 // Intervals use the steady clock; wall time is only for what is stored or shown.
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 
 class Clock {
  public:
@@ -33,4 +35,19 @@ class Clock {
 
  private:
   double timeScale_;
+};
+
+// A sleep on a clock that another thread may end early: a thread waits out its
+// pause unless there is something for it to do first. A Wake that comes while
+// nobody sleeps ends the next sleep at once, so that no wake is lost.
+class WakeableSleep {
+ public:
+  // Sleeps for a duration of the program's own, scaled, or until Wake; true when woken.
+  bool Sleep(const Clock& clock, std::chrono::nanoseconds specDuration);
+  void Wake();
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable woken_;
+  bool pending_ = false;
 };

@@ -179,8 +179,11 @@ void AppDelegate::FinishAppLaunchNewSync() {
   // Local changes that the last run had not finished come back, with their attempts.
   if (auto queued = NewFilesParser().readNewFiles()) {
     FSW_Queues& fsw = mainSyncObject_->fswQueue();
-    std::lock_guard<std::mutex> lock(fsw.FSW_FQ_Lock);
-    fsw.FQ_FilteredQueue = std::move(*queued);
+    {
+      std::lock_guard<std::mutex> lock(fsw.FSW_FQ_Lock);
+      fsw.FQ_FilteredQueue = std::move(*queued);
+    }
+    mainSyncObject_->WakeUp();
   }
   workers_.Start([this] { GetWebServiceVersionAgain(); });
 }
@@ -413,17 +416,21 @@ void AppDelegate::pauseSync() {
 bool AppDelegate::CheckCVConnection() {
   if (isCheckingConnection) {
     CVEventLogger::WriteMainLogMessage("Connection checking is already in progress...");
-    while (isCheckingConnection) clock_.Sleep(300ms);
+    // Woken when that check ends; no pause of its own after it.
+    while (isCheckingConnection) connectionChecked_.Sleep(clock_, 300ms);
     CVEventLogger::WriteMainLogMessage("..checked");
-    clock_.Sleep(100ms);
     return !isAppOffline;
   }
   isCheckingConnection = true;
   // Cleared on every way out, an exception included.
   struct Guard {
     std::atomic<bool>& flag;
-    ~Guard() { flag = false; }
-  } guard{isCheckingConnection};
+    WakeableSleep& waiters;
+    ~Guard() {
+      flag = false;
+      waiters.Wake();
+    }
+  } guard{isCheckingConnection, connectionChecked_};
   try {
     CVEventLogger::WriteMainLogMessage("Starting to check CV Connection");
     bool succeeded = false;
@@ -441,6 +448,7 @@ bool AppDelegate::CheckCVConnection() {
           SetStatusIcon(2);
         }
         isAppOffline = false;
+        if (mainSyncObject_) mainSyncObject_->WakeUp();
         succeeded = true;
         break;
       }
@@ -514,6 +522,7 @@ void AppDelegate::FSWTimerSeparatedThread() {
     sync->fswQueueIndex = 0;
     break;
   }
+  sync->WakeUp();
   std::lock_guard<std::mutex> lock(sync->Sync_Lock);
   sync->fswQueueInProcess = false;
 }

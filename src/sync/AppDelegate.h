@@ -193,6 +193,8 @@ class AppDelegate {
   std::mutex startLock_;
   std::atomic<bool> syncStarted_{false};
 
+  // Ends the wait of a second connection check when the first one ends.
+  WakeableSleep connectionChecked_;
   std::mutex versionLock_;
   std::string webServiceVersion_;
   std::mutex handlerLock_;

@@ -380,11 +380,16 @@ void FSW_Queues::RenameFilesInQueue(const std::string& oldName, const std::strin
 }
 
 void FSW_Queues::printNFQueue(const std::vector<NFQ_File>& queue, const std::string& prefix) {
+  // A tree copied in is thousands of entries, printed at each of four stages:
+  // the first ones tell what happened, the rest is counted.
+  constexpr std::size_t kShown = 100;
   std::string text;
-  for (const auto& entry : queue) {
+  for (std::size_t i = 0; i < queue.size() && i < kShown; ++i) {
+    const NFQ_File& entry = queue[i];
     text += " " + prefix + ": old file path: " + entry.oldFilePath + " to: " + entry.nFilePath + " (:" +
             NFQActionName(entry.fileAction) + ")\n";
   }
+  if (queue.size() > kShown) text += " " + prefix + ": ... and " + std::to_string(queue.size() - kShown) + " more\n";
   text += " " + prefix + ":--------------------------";
   CVEventLogger::WriteMainLogMessage(text);
 }

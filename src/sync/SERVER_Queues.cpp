@@ -167,7 +167,7 @@ void SERVER_Queues::Fill_NFQ_ForStorage(const std::string& storageName) {
       CVEventLogger::WriteMainLogMessage("serverFiles == nil");
       return;
     }
-    const std::vector<CVFileForCompare>& files = *listing.files;
+    std::vector<CVFileForCompare>& files = *listing.files;
 
     if (auto rules = CVSelectiveSync::Instance().GetSiteRulesByName(storageName)) rules->addSyncItems(files);
 
@@ -185,7 +185,8 @@ void SERVER_Queues::Fill_NFQ_ForStorage(const std::string& storageName) {
       return;
     }
     std::lock_guard<std::mutex> lock(SQ_NFQ_Lock);
-    NFSQ_ServerQueue.insert(NFSQ_ServerQueue.end(), files.begin(), files.end());
+    NFSQ_ServerQueue.insert(NFSQ_ServerQueue.end(), std::make_move_iterator(files.begin()),
+                            std::make_move_iterator(files.end()));
   } catch (const std::exception& exception) {
     CVEventLogger::LogException(kClass, "Fill_NFQ_ForStorage", exception.what());
     siteOffline = true;
@@ -204,7 +205,8 @@ void SERVER_Queues::FilterNFQ(const std::string& storageName) {
   {
     std::lock_guard<std::mutex> lock(SQ_NFQ_Lock);
     generation = clearGeneration_;
-    listing = NFSQ_ServerQueue;
+    // Taken, not copied: the raw listing is emptied at the end of the filter anyway.
+    listing.swap(NFSQ_ServerQueue);
   }
 
   std::vector<CVFileWithAction> work;

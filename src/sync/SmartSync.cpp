@@ -72,13 +72,15 @@ void SmartSync::StopMainSyncThread() {
     syncMainThreadShouldRun = false;
     if (!mainLoopIsRunning) return;  // both queues stay as they are
   }
+  idleSleep_.Wake();
+  queueReleased_.Wake();
   StopCurrentOperation();
   for (;;) {
     {
       std::lock_guard<std::mutex> lock(Sync_Lock);
       if (!mainLoopIsRunning) break;
     }
-    app_.clock().Sleep(200ms);
+    loopEnded_.Sleep(app_.clock(), 200ms);
   }
   sqInProcess = false;
   serverQueue_->ClearServerQueues();
@@ -110,13 +112,16 @@ void SmartSync::StopCurrentOperation() {
 void SmartSync::WaitForSQProcessEnding(const CancelFlag* cancel) {
   while (sqInProcess) {
     if (cancel && cancel->IsCancelled()) return;
-    app_.clock().Sleep(200ms);
+    queueReleased_.Sleep(app_.clock(), 200ms);
   }
 }
 
 void SmartSync::SetSQInProcess() {
-  std::lock_guard<std::mutex> lock(serverQueue_->SQ_FQ_Lock);
-  sqInProcess = true;
+  {
+    std::lock_guard<std::mutex> lock(serverQueue_->SQ_FQ_Lock);
+    sqInProcess = true;
+  }
+  idleSleep_.Wake();
 }
 
 void SmartSync::ReleaseSchedulerIfQueueEmpty() {
@@ -126,7 +131,7 @@ void SmartSync::ReleaseSchedulerIfQueueEmpty() {
   std::unique_lock<std::mutex> comparing(serverQueue_->compareLock, std::try_to_lock);
   if (!comparing.owns_lock()) return;
   std::lock_guard<std::mutex> lock(serverQueue_->SQ_FQ_Lock);
-  if (serverQueue_->SQ_ServerQueue.empty()) sqInProcess = false;
+  if (serverQueue_->SQ_ServerQueue.empty() && sqInProcess.exchange(false)) queueReleased_.Wake();
 }
 
 std::string SmartSync::CurrentStorageName() {
@@ -295,17 +300,19 @@ void SmartSync::Sync() {
           dispatcher_.FinishPendingWork();
           sqInProcess = false;
           mainLoopIsRunning = false;
+          queueReleased_.Wake();
+          loopEnded_.Wake();
           CVEventLogger::WriteMainLogMessage("Main loop thread stopped!");
           break;
         }
       }
       if (app_.isAppOffline || app_.syncWasPaused) {
-        app_.clock().Sleep(1s);
+        idleSleep_.Sleep(app_.clock(), 1s);
         continue;
       }
       if (fswQueue_->RawCount() > 0) {
         // While raw events wait for the filter, no file is touched.
-        app_.clock().Sleep(1s);
+        idleSleep_.Sleep(app_.clock(), 1s);
         continue;
       }
       if (auto item = GetNextFileForProcessing()) {
@@ -426,6 +433,7 @@ void SmartSync::Idle(bool& workDone) {
     SyncListener::SendSyncStateChangedNotification(0);
   }
   app_.mainSyncWorking = false;
-  app_.clock().Sleep(1s);
+  // Asleep until the second is over or work comes: a queue handed over, a filter done.
+  idleSleep_.Sleep(app_.clock(), 1s);
   workDone = false;
 }

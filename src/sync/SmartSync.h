@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "Clock.h"
 #include "FSW_Queues.h"
 #include "SERVER_Queues.h"
 #include "SyncRecords.h"
@@ -72,6 +73,8 @@ class SmartSync {
 
   // Sets sqInProcess under SQ_FQ_Lock: the scheduler's hand-over.
   void SetSQInProcess();
+  // Ends the loop's idle wait: there is work (a filtered queue, a connection back).
+  void WakeUp() { idleSleep_.Wake(); }
   std::string CurrentStorageName();
   void SetCurrentStorageName(const std::string& name);
 
@@ -120,5 +123,10 @@ class SmartSync {
   // Raised by StopCurrentOperation, lowered before each item: ends the web
   // service call in flight on the loop thread.
   CancelFlag operationCancel_;
+  // The loop's pauses, ended early by work or a stop; the scheduler's wait for
+  // the queue, ended when the loop releases it; a stop's wait for the loop's end.
+  WakeableSleep idleSleep_;
+  WakeableSleep queueReleased_;
+  WakeableSleep loopEnded_;
   WorkerThreads loopThreads_;
 };

@@ -10,6 +10,8 @@
 #include <charconv>
 #include <cstring>
 #include <exception>
+#include <set>
+#include <thread>
 
 #include "ASIHTTPRequest.h"
 #include "AsyncFileCommonPart.h"
@@ -70,12 +72,12 @@ struct AsyncFileMethods::Target {
 AsyncFileMethods::AsyncFileMethods(std::shared_ptr<const Clock> clock) : clock_(std::move(clock)) {}
 
 AsyncFileMethods::~AsyncFileMethods() {
-  std::shared_ptr<AsyncFileUploader> uploader;
+  std::vector<std::shared_ptr<AsyncFileUploader>> uploaders;
   {
     std::lock_guard<std::mutex> lock(cvWSLock_);
-    uploader = cvWS;
+    uploaders = cvWS;
   }
-  if (uploader) uploader->StopFileUploading();
+  for (const auto& uploader : uploaders) uploader->StopFileUploading();
 }
 
 void AsyncFileMethods::SetFirstTimeSyncPerformedHandler(std::function<void(bool)> handler) {
@@ -207,7 +209,7 @@ std::shared_ptr<AsyncFileUploader> AsyncFileMethods::NewUploader() {
   auto uploader = std::make_shared<AsyncFileUploader>(clock_, shouldRun);
   {
     std::lock_guard<std::mutex> lock(cvWSLock_);
-    cvWS = uploader;
+    cvWS.push_back(uploader);
   }
   // A stop that came before the uploader was in place still reaches it.
   if (Stopped()) uploader->StopFileUploading();
@@ -216,7 +218,7 @@ std::shared_ptr<AsyncFileUploader> AsyncFileMethods::NewUploader() {
 
 void AsyncFileMethods::DropUploader(const std::shared_ptr<AsyncFileUploader>& uploader) {
   std::lock_guard<std::mutex> lock(cvWSLock_);
-  if (cvWS == uploader) cvWS.reset();
+  std::erase(cvWS, uploader);
 }
 
 bool AsyncFileMethods::PauseUnlessStopped(std::chrono::nanoseconds duration) {
@@ -227,14 +229,14 @@ bool AsyncFileMethods::PauseUnlessStopped(std::chrono::nanoseconds duration) {
 }
 
 void AsyncFileMethods::StopCurrentAction() {
-  std::shared_ptr<AsyncFileUploader> uploader;
+  std::vector<std::shared_ptr<AsyncFileUploader>> uploaders;
   {
     std::lock_guard<std::mutex> lock(cvWSLock_);
     actionWasStoppedByUser_ = true;
-    uploader = cvWS;
+    uploaders = cvWS;
     stopCondition_.notify_all();
   }
-  if (uploader) uploader->StopFileUploading();
+  for (const auto& uploader : uploaders) uploader->StopFileUploading();
 }
 
 // --- The token loop of rename, create and delete ---
@@ -554,8 +556,8 @@ int AsyncFileMethods::UploadFileToServerAtPath51(const std::string& path, const 
       status = uploader->UploadFileToServerAtPath(path, token, servPath);
     } else {
       CVEventLogger::WriteMainLogMessage("PART UPLOAD");
-      PartUpload upload{path, servPath, site.Name, token, size, partBytes};
-      status = RunPartLoop(*uploader, mobile, upload);
+      PartUpload upload{path, servPath, site.Name, token, size, partBytes, {}};
+      status = RunPartLoop(mobile, upload);
     }
     DropUploader(uploader);
     return status;
@@ -566,35 +568,58 @@ int AsyncFileMethods::UploadFileToServerAtPath51(const std::string& path, const 
   }
 }
 
-int AsyncFileMethods::SendPart(AsyncFileUploader& uploader, MobileClientWS& mobile, PartUpload& upload,
-                               std::int64_t step, std::vector<std::string>& localMD5) {
+int AsyncFileMethods::SendPart(AsyncFileUploader& uploader, PartUpload& upload, std::int64_t step,
+                               const std::vector<std::string>& serverMD5, std::string& hash) {
   const char* method = "UploadFileToServerAtPath51";
   CVHandler& handler = CVHandler::Instance();
   int status = 0;
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    auto serverMD5 = mobile.GetHashesWithServerPath(upload.servPath, upload.partBytes, upload.siteName);
-    Log(method, "Step k for in part upload: " + std::to_string(step));
-    status = uploader.PartialUploadFileToServerAtPath(upload.path, upload.token, upload.servPath,
-                                                      serverMD5.value_or(std::vector<std::string>()), localMD5,
-                                                      upload.partBytes, step);
-    Log(method, "Result part upload one step: " + std::to_string(status));
-    if (!CheckFileSize(upload.size, upload.path)) return AsyncFileUploader::kStatusFileChanged;
-    if (status != 401 || Stopped()) return status;
-    // A refused token is renewed once; the parts sent so far stay on the server.
-    handler.RemoveCVToken(upload.siteName);
-    upload.token = handler.CheckCVToken(upload.siteName);
-    Log(method, "Remove token in for k cicle, NEW Token for site &&& k &&&  token: " + upload.token);
+  for (int repeats = 0;; ++repeats) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      std::string token;
+      {
+        std::lock_guard<std::mutex> lock(upload.tokenLock);
+        token = upload.token;
+      }
+      Log(method, "Step k for in part upload: " + std::to_string(step));
+      std::vector<std::string> localMD5;
+      status = uploader.PartialUploadFileToServerAtPath(upload.path, token, upload.servPath, serverMD5, localMD5,
+                                                        upload.partBytes, step);
+      Log(method, "Result part upload one step: " + std::to_string(status));
+      if (!localMD5.empty()) hash = localMD5.back();
+      if (!CheckFileSize(upload.size, upload.path)) return AsyncFileUploader::kStatusFileChanged;
+      if (status != 401 || Stopped()) break;
+      // A refused token is renewed once; the parts sent so far stay on the server.
+      std::lock_guard<std::mutex> lock(upload.tokenLock);
+      if (upload.token == token) {
+        handler.RemoveCVToken(upload.siteName);
+        upload.token = handler.CheckCVToken(upload.siteName);
+      }
+      Log(method, "Remove token in for k cicle, NEW Token for site &&& k &&&  token: " + upload.token);
+    }
+    CVEventLogger::WriteMainLogMessage("File part: " + upload.path + " and step: " + std::to_string(step) +
+                                       " and server hashs count: " + std::to_string(serverMD5.size()) +
+                                       ",  Result part upload: < " + std::to_string(status) + " >");
+    if (IsSuccess(status) || status == AsyncFileUploader::kStatusPartExists) return status;
+    if (status == 100) return AsyncFileUploader::kStatusStopped;
+    if (status > 499 || status == AsyncFileUploader::kStatusFileChanged || status == 0 || status == 401) {
+      return status == 401 ? AsyncFileUploader::kStatusFailure : status;
+    }
+    // Any other answer: the same part again, a few times, after a growing pause.
+    if (repeats == kPartRepeats) {
+      Log(method, "part " + std::to_string(step) + " given up after " + std::to_string(kPartRepeats) +
+                      " repeats, status " + std::to_string(status));
+      return status;
+    }
+    if (!PauseUnlessStopped(kPartRepeatPause * (repeats + 1))) return AsyncFileUploader::kStatusStopped;
   }
-  return status;
 }
 
-int AsyncFileMethods::RunPartLoop(AsyncFileUploader& uploader, MobileClientWS& mobile, PartUpload& upload) {
+int AsyncFileMethods::RunPartLoop(MobileClientWS& mobile, PartUpload& upload) {
   const char* method = "UploadFileToServerAtPath51";
   const std::int64_t partCount = PartCount(upload.size, upload.partBytes);
-  std::vector<std::string> localMD5;  // of the parts the server has, in order
-  if (!mobile.GetHashesWithServerPath(upload.servPath, upload.partBytes, upload.siteName)) {
-    return AsyncFileUploader::kStatusStopped;
-  }
+  // The server's hashes, asked once for the round: a part it holds already is not sent again.
+  const auto serverMD5 = mobile.GetHashesWithServerPath(upload.servPath, upload.partBytes, upload.siteName);
+  if (!serverMD5) return AsyncFileUploader::kStatusStopped;
   CVEventLogger::WriteMainLogMessage("File size is " + std::to_string(upload.size) + ", block size is " +
                                      std::to_string(upload.partBytes) + ", total part count is " +
                                      std::to_string(partCount));
@@ -605,64 +630,57 @@ int AsyncFileMethods::RunPartLoop(AsyncFileUploader& uploader, MobileClientWS& m
     ~PercentReset() { self.ChangeVariableForVisiblePercent(0, 0, 0); }
   } resetPercent{*this};
 
-  int status = 0;
-  bool finished = false;
-  bool leave = false;
-  for (std::int64_t step = 0; step < partCount && !leave; ++step) {
-    ChangeVariableForVisiblePercent(upload.partBytes, step, upload.size);
-    for (int repeats = 0;; ++repeats) {
-      status = SendPart(uploader, mobile, upload, step, localMD5);
-      if (Stopped()) return AsyncFileUploader::kStatusStopped;
-      auto listed = mobile.GetHashesWithServerPath(upload.servPath, upload.partBytes, upload.siteName);
-      CVEventLogger::WriteMainLogMessage(
-          "File part: " + upload.path + " and step: " + std::to_string(step) + " (" + std::to_string(partCount) +
-          ") and server hashs count: " + std::to_string(listed ? listed->size() : 0) + " and local hashs " +
-          std::to_string(localMD5.size()) + " and token " + upload.token + ",  Result part upload: < " +
-          std::to_string(status) + " >");
-
-      if (IsSuccess(status) || status == AsyncFileUploader::kStatusPartExists) {
-        finished = step == partCount - 1;
-        break;
+  std::vector<std::string> hashes(static_cast<std::size_t>(partCount));
+  std::mutex progressLock;
+  std::int64_t nextStep = 0;
+  std::optional<int> failure;  // the status of the first part that failed
+  // The senders answer the stop of the thread that runs the upload.
+  CancelFlag* cancel = CancelFlag::ForThisThread();
+  auto sendParts = [&] {
+    std::optional<CancelFlag::Binding> binding;
+    if (cancel) binding.emplace(*cancel);
+    auto uploader = NewUploader();
+    for (;;) {
+      std::int64_t step = 0;
+      {
+        std::lock_guard<std::mutex> lock(progressLock);
+        if (failure || nextStep == partCount) break;
+        step = nextStep++;
+        ChangeVariableForVisiblePercent(upload.partBytes, step, upload.size);
       }
-      if (status == 100) {
-        status = AsyncFileUploader::kStatusStopped;
-        break;
+      std::string hash;
+      const int status = Stopped() ? AsyncFileUploader::kStatusStopped
+                                   : SendPart(*uploader, upload, step, *serverMD5, hash);
+      std::lock_guard<std::mutex> lock(progressLock);
+      if ((IsSuccess(status) || status == AsyncFileUploader::kStatusPartExists) && !hash.empty()) {
+        hashes[static_cast<std::size_t>(step)] = hash;
+      } else if (!failure) {
+        failure = IsSuccess(status) ? AsyncFileUploader::kStatusFailure : status;
       }
-      if (status > 499 || status == AsyncFileUploader::kStatusFileChanged || status == 0 || status == 401) {
-        if (status == 401) status = AsyncFileUploader::kStatusFailure;
-        leave = true;
-        break;
-      }
-      // Any other answer: the same part again, a few times, after a growing pause.
-      finished = false;
-      if (repeats == kPartRepeats) {
-        Log(method, "part " + std::to_string(step) + " given up after " + std::to_string(kPartRepeats) +
-                        " repeats, status " + std::to_string(status));
-        leave = true;
-        break;
-      }
-      if (!PauseUnlessStopped(kPartRepeatPause * (repeats + 1))) return AsyncFileUploader::kStatusStopped;
     }
+    DropUploader(uploader);
+  };
+  {
+    std::vector<std::thread> senders;
+    const auto extra = std::min<std::int64_t>(kPartsInFlight, partCount) - 1;
+    for (std::int64_t i = 0; i < extra; ++i) senders.emplace_back(sendParts);
+    sendParts();
+    for (auto& sender : senders) sender.join();
   }
-
-  if (!finished || !(IsSuccess(status) || status == AsyncFileUploader::kStatusPartExists)) {
+  if (Stopped()) return AsyncFileUploader::kStatusStopped;
+  if (failure) {
     CVEventLogger::WriteMainLogMessage(std::string("3) ") + kClass + " - " + method +
                                        " -> Error finish part upload!_2");
-    return status;
+    return *failure;
   }
-  Log(method, "finish bool value: 1, result part upload: " + std::to_string(status) + " token: " + upload.token);
-  if (static_cast<std::int64_t>(localMD5.size()) != partCount) {
-    // Every part must be known to be on the server before it assembles them.
-    Log(method, "only " + std::to_string(localMD5.size()) + " of " + std::to_string(partCount) +
-                    " parts are confirmed, not finished: " + upload.path);
-    return AsyncFileUploader::kStatusFailure;
-  }
+  Log(method, "finish bool value: 1, result part upload: 200 token: " + upload.token);
+  // Every part must be known to be on the server before it assembles them.
+  const std::vector<std::string>& localMD5 = hashes;
   auto stored = mobile.GetHashesWithServerPath(upload.servPath, upload.partBytes, upload.siteName);
   if (!stored) return AsyncFileUploader::kStatusFailure;
+  const std::set<std::string> held(stored->begin(), stored->end());
   std::size_t matching = 0;
-  for (const auto& hash : localMD5) {
-    if (std::find(stored->begin(), stored->end(), hash) != stored->end()) ++matching;
-  }
+  for (const auto& hash : localMD5) matching += held.count(hash);
   if (matching + 1 < localMD5.size()) {
     CVEventLogger::WriteMainLogMessage("WARNING TOKEN COLL DOES NOT MATCH ");
     return AsyncFileUploader::kStatusFailure;

@@ -51,6 +51,8 @@ class AsyncFileMethods : public ServerFileOperations {
   static constexpr int kPartRepeats = 3;
   static constexpr std::chrono::seconds kPartRepeatPause{2};
   static constexpr std::int64_t kAzurePartSizeKb = 4096;
+  // Parts of one file on the wire at once, within the shared queue's 4 requests.
+  static constexpr int kPartsInFlight = 3;
 
   // clock: of the pauses and waits of an upload; the request engine's when null.
   explicit AsyncFileMethods(std::shared_ptr<const Clock> clock = nullptr);
@@ -152,14 +154,18 @@ class AsyncFileMethods : public ServerFileOperations {
     std::string path;
     std::string servPath;
     std::string siteName;
-    std::string token;  // renewed when the server refuses it
+    std::string token;  // renewed when the server refuses it, under tokenLock
     std::int64_t size = 0;
     std::int64_t partBytes = 0;
+    std::mutex tokenLock;
   };
-  int RunPartLoop(AsyncFileUploader& uploader, MobileClientWS& mobile, PartUpload& upload);
-  // One part, with one renewal of a refused token; -101 when the file's size changed.
-  int SendPart(AsyncFileUploader& uploader, MobileClientWS& mobile, PartUpload& upload, std::int64_t step,
-               std::vector<std::string>& localMD5);
+  // Parts go kPartsInFlight at a time, each hashed on its own thread while the
+  // others travel, against the server's hashes asked once for the round.
+  int RunPartLoop(MobileClientWS& mobile, PartUpload& upload);
+  // One part: a refused token renewed once, an unexpected status repeated a few
+  // times; -101 when the file's size changed. hash: the part's, once the server has it.
+  int SendPart(AsyncFileUploader& uploader, PartUpload& upload, std::int64_t step,
+               const std::vector<std::string>& serverMD5, std::string& hash);
   std::int64_t ConfiguredPartSizeKb();
   std::shared_ptr<AsyncFileUploader> NewUploader();
   void DropUploader(const std::shared_ptr<AsyncFileUploader>& uploader);
@@ -181,7 +187,8 @@ class AsyncFileMethods : public ServerFileOperations {
 
   std::mutex cvWSLock_;  // guards cvWS and the stop's condition
   std::condition_variable stopCondition_;
-  std::shared_ptr<AsyncFileUploader> cvWS;
+  // The uploaders of the running upload: one, or one per part in flight.
+  std::vector<std::shared_ptr<AsyncFileUploader>> cvWS;
   std::shared_ptr<MobileClientWS> mobileClient;
 
   std::atomic<bool> actionWasStoppedByUser_{false};

@@ -343,7 +343,6 @@ std::string ASIHTTPRequest::appendPostDataFromFile2(const std::string& path,
       ::close(fd);
       return "";
     }
-    std::shared_ptr<const Clock> clock = GetClock();
     std::string chunk(kPartChunkSize, '\0');
     std::string copied;  // the part, when it is not streamed from disk
     std::int64_t read = 0;
@@ -356,7 +355,6 @@ std::string ASIHTTPRequest::appendPostDataFromFile2(const std::string& path,
       EVP_DigestUpdate(md5, chunk.data(), static_cast<std::size_t>(got));
       if (!target.shouldStreamPostDataFromDisk_) copied.append(chunk.data(), static_cast<std::size_t>(got));
       read += got;
-      clock->Sleep(1ms);
     }
     ::close(fd);
     fd = -1;

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iostream>
 #include <random>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -89,10 +90,11 @@ class UploadServerTest : public ClientServerTest {
     return server_->FolderOf(storage) / relative;
   }
 
-  std::vector<std::string> UploadRanges() const {
-    std::vector<std::string> ranges;
+  // Parts travel several at a time: their order on the wire is any.
+  std::multiset<std::string> UploadRanges() const {
+    std::multiset<std::string> ranges;
     for (const auto& request : server_->Requests("UploadStorageFile.ashx")) {
-      ranges.push_back(request.HasHeader("Range") ? request.Header("Range") : "(whole)");
+      ranges.insert(request.HasHeader("Range") ? request.Header("Range") : "(whole)");
     }
     return ranges;
   }
@@ -106,7 +108,7 @@ TEST_F(UploadServerTest, SmallAndLargeFilesArriveWholeWithTheServersTimeRecorded
     const char* storage;
     const char* relative;
     std::size_t size;
-    std::vector<std::string> ranges;
+    std::multiset<std::string> ranges;
   };
   const Case cases[] = {
       {"Docs", "small & odd #1.txt", 1000, {"(whole)"}},
@@ -144,11 +146,14 @@ TEST_F(UploadServerTest, APartWhoseReplyWasLostIsNotSentAgain) {
   EXPECT_FALSE(fs::exists(OnServer("Docs", "resumed.bin")));
   auto pending = server_->PendingParts("Docs", "resumed.bin");
   ASSERT_TRUE(pending);
-  EXPECT_EQ(pending->parts.size(), 1u);
+  const std::size_t held = pending->parts.size();
+  EXPECT_GE(held, 1u);
 
+  // Whatever the server holds goes no second time.
   server_->ClearRequests();
   EXPECT_EQ(methods_->UploadFileToServer(item), 0);
-  EXPECT_EQ(UploadRanges(), (std::vector<std::string>{"bytes=65536-131072", "bytes=131072-163840"}));
+  EXPECT_EQ(UploadRanges().count("bytes=0-65536"), 0u);
+  EXPECT_EQ(UploadRanges().size(), 3 - held);
   EXPECT_EQ(ReadAll(OnServer("Docs", "resumed.bin")), bytes);
   EXPECT_FALSE(server_->PendingParts("Docs", "resumed.bin"));
 }
@@ -187,8 +192,10 @@ TEST_F(UploadServerTest, ATokenRefusedBetweenThePartsIsRenewedAndTheUploadGoesOn
   EXPECT_EQ(result, 0);
   EXPECT_EQ(ReadAll(OnServer("Docs", "midway.bin")), bytes);
   EXPECT_FALSE(server_->PendingParts("Docs", "midway.bin"));
-  // Five parts, one of them refused once and sent again with the new token.
-  EXPECT_EQ(server_->CallCount("UploadStorageFile.ashx"), 6);
+  // Five parts; those on the wire when the tokens went were refused once and
+  // sent again with the new token.
+  EXPECT_GE(server_->CallCount("UploadStorageFile.ashx"), 6);
+  EXPECT_LE(server_->CallCount("UploadStorageFile.ashx"), 5 + AsyncFileMethods::kPartsInFlight);
 }
 
 TEST_F(UploadServerTest, AStopEndsAnUploadTheServerHoldsUp) {

@@ -177,7 +177,10 @@ TEST_F(SmartSyncTest, RunTellsItsStateAndAnItemOfNoActionStillCounts) {
     std::lock_guard<std::mutex> lock(s.serverQueue().SQ_FQ_Lock);
     s.serverQueue().SQ_ServerQueue = {ServerItem("/same", FWA_Nothing), ServerItem("/new")};
   }
-  ASSERT_TRUE(WaitUntil([&] { return dispatcher.Done().size() == 1 && !s.queuesNotEmpty; }));
+  // The end of the run is told last by the "last update" text; what was posted before it has run after Drain.
+  ASSERT_TRUE(WaitUntil([&] {
+    return dispatcher.Done().size() == 1 && !s.queuesNotEmpty && SyncListenerAddInfo::Instance().Snapshot().lastSync;
+  }));
   Drain();
   EXPECT_THAT(dispatcher.Done(), ElementsAre("S:/new"));  // -1 is never dispatched
   auto icons = status.icons();
