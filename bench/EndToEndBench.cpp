@@ -2,12 +2,14 @@
 // as processes on loopback, at the normal time scale, beside curl fetching and
 // sending the same files from and to the same server in the same run.
 //
-//   FirstSync/N    a fresh client fills its folder with N small files (--once)
-//   PassInStep/N   the next --once over the same N files, all in step
-//   FirstUpload/N  a fresh client sends N small files it finds in its folder (--once)
-//   CopiedIn/N     N small files moved into the folder of a running client,
+//   FirstSyncThenPassInStep/files:N/in_step:0  a fresh client fills its folder
+//                  with N small files (--once)
+//   FirstSyncThenPassInStep/files:N/in_step:1  the next --once over the same N
+//                  files, all in step
+//   FirstUpload/files:N  a fresh client sends N small files it finds in its folder (--once)
+//   CopiedIn/files:N     N small files moved into the folder of a running client,
 //                  until the server holds them (the watcher waits 5 quiet seconds)
-//   Idle/N         a running client in step over N files: CPU and wake-ups
+//   Idle/files:N   a running client in step over N files: CPU and wake-ups
 //   Large*         one large file down, up in one request, up in parts, and up
 //                  resumed after a kill -9 with half of the parts on the server
 //

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <iostream>
+#include <utility>
 
 #include "AppDelegate.h"
 #include "CVEventLogger.h"
@@ -93,9 +94,12 @@ int HeadlessApp::Run() {
         loop.Quit(kExitInStep);
       });
     }
+    // The first pass ends a --once run; one the timer started meanwhile is not told.
+    bool passTold = false;
     if (options_.once) {
-      app.SetPassFinishedHandler([&loop](AppDelegate::PassOutcome outcome) {
-        loop.Post([&loop, outcome] {
+      app.SetPassFinishedHandler([&loop, &passTold](AppDelegate::PassOutcome outcome) {
+        loop.Post([&loop, &passTold, outcome] {
+          if (std::exchange(passTold, true)) return;
           // The start is offline already, so a failed first probe changes no tool
           // tip: say plainly how the pass ended.
           switch (outcome) {

@@ -389,6 +389,8 @@ std::string CVHandler::VersionText() {
     if (versionWSBackup_) return *versionWSBackup_;
   }
   std::string version = CorvalinkWS().GetVersion();
+  // No answer (offline, or the call ended by a quit) is asked again next time.
+  if (version.empty()) return version;
   std::lock_guard<std::mutex> lock(lock_);
   versionWSBackup_ = version;
   return version;
@@ -414,6 +416,8 @@ int CVHandler::VersionLevel(const std::string& version) {
 int CVHandler::GetWSVersion() {
   std::string version = VersionText();
   CVEventLogger::WriteSettingsLogMessage("Version WS: " + version);
+  // No answer is no malformed one: the level stays unknown until one comes.
+  if (version.empty()) return 0;
   try {
     return VersionLevel(version);
   } catch (const std::exception& failure) {

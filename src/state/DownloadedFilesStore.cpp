@@ -42,16 +42,32 @@ void DownloadedFilesStore::Clear() {
   sharedKeys_ = false;
 }
 
-CVFileForCompare DownloadedFilesStore::ToRecord(const Slot& slot) const {
-  CVFileForCompare record;
+void DownloadedFilesStore::FillRecord(const Slot& slot, CVFileForCompare& record) {
   record.localPath = slot.path;
-  record.site = ServerXMLParser::SiteForLocalPath(slot.path);
   record.modifiedTime = slot.modifiedTime;
   record.statusChangeTime = slot.statusChangeTime;
   record.size = slot.size;
   record.fileStatus = slot.fileStatus;
   record.brokeDownload = slot.broken;
   record.isFolder = slot.isFolder;
+}
+
+DownloadedFilesStore::Slot DownloadedFilesStore::SlotOf(CVFileForCompare record) {
+  Slot slot;
+  slot.path = std::move(record.localPath);
+  slot.modifiedTime = record.modifiedTime;
+  slot.statusChangeTime = record.statusChangeTime;
+  slot.size = record.size;
+  slot.fileStatus = record.fileStatus;
+  slot.broken = record.brokeDownload;
+  slot.isFolder = record.isFolder;
+  return slot;
+}
+
+CVFileForCompare DownloadedFilesStore::ToRecord(const Slot& slot) const {
+  CVFileForCompare record;
+  FillRecord(slot, record);
+  record.site = ServerXMLParser::SiteForLocalPath(slot.path);
   return record;
 }
 
@@ -287,15 +303,7 @@ StateFileRead DownloadedFilesStore::ReadFile() {
   auto records = ServerXMLParser::ReadFile(state);
   if (records) {
     for (auto& record : *records) {
-      Slot slot;
-      slot.path = std::move(record.localPath);
-      slot.modifiedTime = record.modifiedTime;
-      slot.statusChangeTime = record.statusChangeTime;
-      slot.size = record.size;
-      slot.fileStatus = record.fileStatus;
-      slot.broken = record.brokeDownload;
-      slot.isFolder = record.isFolder;
-      if (!record.deleted) Add(std::move(slot));
+      if (!record.deleted) Add(SlotOf(std::move(record)));
     }
   }
   return state;
@@ -315,14 +323,7 @@ bool DownloadedFilesStore::WriteFile() {
   CVFileForCompare record;
   return ServerXMLParser::WriteFile([&]() -> const CVFileForCompare* {
     if (next == slots_.size()) return nullptr;
-    const Slot& slot = slots_[next++];
-    record.localPath = slot.path;
-    record.modifiedTime = slot.modifiedTime;
-    record.statusChangeTime = slot.statusChangeTime;
-    record.size = slot.size;
-    record.fileStatus = slot.fileStatus;
-    record.brokeDownload = slot.broken;
-    record.isFolder = slot.isFolder;
+    FillRecord(slots_[next++], record);
     return &record;
   });
 }
@@ -412,16 +413,7 @@ bool DownloadedFilesStore::ReplaceAll(const std::vector<CVFileForCompare>& recor
   EnsureLoaded();
   Clear();
   for (const auto& record : records) {
-    if (record.deleted) continue;
-    Slot slot;
-    slot.path = record.localPath;
-    slot.modifiedTime = record.modifiedTime;
-    slot.statusChangeTime = record.statusChangeTime;
-    slot.size = record.size;
-    slot.fileStatus = record.fileStatus;
-    slot.broken = record.brokeDownload;
-    slot.isFolder = record.isFolder;
-    Add(std::move(slot));
+    if (!record.deleted) Add(SlotOf(record));
   }
   return FoldLocked(/*overUnreadable=*/true);
 }

@@ -69,6 +69,9 @@ class DownloadedFilesStore : public CVJournaledStateFile {
   using Index = std::uint32_t;
 
   DownloadedFilesStore();
+  // The stored fields of a slot over those of a record, and back; ToRecord adds the site.
+  static void FillRecord(const Slot& slot, CVFileForCompare& record);
+  static Slot SlotOf(CVFileForCompare record);
   CVFileForCompare ToRecord(const Slot& slot) const;
 
   void Clear();
