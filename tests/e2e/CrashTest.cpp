@@ -117,7 +117,7 @@ class CrashTest : public E2ETest {
     auto client = StartClient(home);
     ASSERT_TRUE(WaitFor([&] {
       return client->CountExactLines("Status: in step") > 0 && Tree(ServerDocs()) == Tree(ClientDocs(home));
-    }, 300s)) << client->Output();
+    }, std::max<std::chrono::milliseconds>(300s, kFiles * 200ms))) << client->Output();
     client->Signal(SIGTERM);
     EXPECT_EQ(client->Wait(30s), 0);
     for (std::size_t k = 0; k < kills.size(); ++k) {
