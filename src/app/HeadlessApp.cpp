@@ -131,17 +131,24 @@ int HeadlessApp::Run() {
       std::cout << "Commands cannot reach this client: " << controlError << std::endl;
     }
     const bool signedIn = app.applicationDidFinishLaunching();
+    auto tellHowToSignIn = [] {
+      if (auto copy = CVConfiguration::Instance().UnreadableFileCopy()) {
+        std::cout << "Configuration.xml could not be read"
+                  << (copy->empty() ? std::string(" and could not be copied") : "; its copy is kept in " + *copy)
+                  << ". Sign in again with: corvalink-sync login URL USER" << std::endl;
+      } else {
+        std::cout << "No account is signed in. Sign in with: corvalink-sync login URL USER" << std::endl;
+      }
+    };
     if (!signedIn && options_.once) {
-      std::cout << "No account is signed in. Sign in with: corvalink-sync login URL USER" << std::endl;
+      tellHowToSignIn();
       control.Stop();
       app.applicationWillTerminate();
       exitCode = kExitNoAccount;
     } else {
       std::cout << "Corvalink Sync " << CORVALINK_VERSION << " running without windows; logs in "
                 << CVStaticHelpers::GenerateSettingsPath() << "/CVLogger" << std::endl;
-      if (!signedIn) {
-        std::cout << "No account is signed in. Sign in with: corvalink-sync login URL USER" << std::endl;
-      }
+      if (!signedIn) tellHowToSignIn();
       // One pass and out: it need not wait for the timer's first tick.
       if (options_.once) app.SyncNow();
       exitCode = loop.Run();

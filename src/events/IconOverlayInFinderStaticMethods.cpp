@@ -1,5 +1,10 @@
 #include "IconOverlayInFinderStaticMethods.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -67,13 +72,48 @@ bool Exists(const fs::path& path) {
   return fs::exists(fs::symlink_status(path, error));
 }
 
-// The clone folder's parents, with ".Settings" made first so that it gets its
-// private mode.
+// The clone's parents, with ".Settings" made first so that it gets its private
+// mode. A file clone where a folder now stands (the item changed its kind) is
+// replaced by the folder.
 void CreateParentsOf(const fs::path& clone) {
-  fs::path parent = clone.parent_path();
+  const fs::path parent = clone.parent_path();
   if (fs::is_directory(parent)) return;
   CVStaticHelpers::CreateSettingsFolder();
+  std::error_code error;
+  if (fs::create_directories(parent, error) || fs::is_directory(parent)) return;
+  fs::path folder = IconOverlayInFinderStaticMethods::ClonnedTreeRoot();
+  for (const auto& part : fs::relative(parent, folder)) {
+    folder /= part;
+    const auto status = fs::symlink_status(folder);
+    if (fs::exists(status) && !fs::is_directory(status)) fs::remove(folder);
+  }
   fs::create_directories(parent);
+}
+
+// The state into the clone file in one step: readers see the old or the new
+// state. A clone that holds it already is left alone, which spares a new inode
+// for each of the many writes of an unchanged state.
+void WriteStateFile(const fs::path& clone, const std::string& content) {
+  std::error_code error;
+  if (fs::is_regular_file(fs::symlink_status(clone, error)) && fs::file_size(clone, error) == content.size()) {
+    std::ifstream in(clone, std::ios::binary);
+    std::string held(content.size(), '\0');
+    if (in.read(held.data(), static_cast<std::streamsize>(held.size())) && held == content) return;
+  }
+  std::string temporary = (clone.parent_path() / ("." + clone.filename().string() + ".XXXXXX")).string();
+  const int fd = mkostemp(temporary.data(), O_CLOEXEC);
+  if (fd < 0) throw std::runtime_error("cannot create " + temporary);
+  const bool written = ::write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
+  ::fchmod(fd, 0644);
+  if (::close(fd) != 0 || !written) {
+    ::unlink(temporary.c_str());
+    throw std::runtime_error("cannot write " + temporary);
+  }
+  if (fs::is_directory(fs::symlink_status(clone))) fs::remove_all(clone);
+  if (::rename(temporary.c_str(), clone.c_str()) != 0) {
+    ::unlink(temporary.c_str());
+    throw std::runtime_error("cannot move into place " + clone.string());
+  }
 }
 
 }  // namespace
@@ -101,20 +141,16 @@ void IconOverlayInFinderStaticMethods::WriteFileStateToClonnedTreeForPath(const 
     if (RelativeToStorages(path).empty()) return;
     const fs::path clone = GetClonnedFilePath(path);
     CreateParentsOf(clone);
-    // A file's clone is written over in place: a new file for each state would
-    // cost an inode per change of every file the sync touches.
-    std::error_code error;
-    const bool fileThere = fs::is_regular_file(fs::symlink_status(clone, error));
-    if (Exists(clone) && (isDir || !fileThere)) fs::remove_all(clone);
-    if (isDir) {
-      fs::create_directories(clone);
+    if (!isDir) {
+      WriteStateFile(clone, content);
       return;
     }
-    std::ofstream out(clone, std::ios::binary | std::ios::trunc);
-    if (!out) throw std::runtime_error("cannot create " + clone.string());
-    out.write(content.data(), static_cast<std::streamsize>(content.size()));
-    out.close();
-    if (!out) throw std::runtime_error("cannot write " + clone.string());
+    // A folder's clone only records that the folder is known: the clones below
+    // it stay, so that their badges do not flicker.
+    const auto status = fs::symlink_status(clone);
+    if (fs::is_directory(status)) return;
+    if (fs::exists(status) || fs::is_symlink(status)) fs::remove(clone);
+    fs::create_directories(clone);
   } catch (const std::exception& exception) {
     LogError("WriteFileStateToClonnedTreeForPath", exception.what());
   }

@@ -25,8 +25,10 @@ class IconOverlayInFinderStaticMethods {
   static std::string GetClonnedFilePath(const std::string& path);
   // True when the path has a clone and something stands at it.
   static bool CheckClonnedFileExistence(const std::string& path);
-  // Replaces the clone with the state: a folder for isDir (which drops the clones
-  // below it), else a file holding the state's bytes ("0" is written as "").
+  // Writes the state: for isDir makes sure the folder's clone exists (the
+  // clones below it stay), else replaces the file clone in one step with the
+  // state's bytes ("0" is written as ""). A clone of the other kind in the way
+  // (the item changed its kind) is replaced.
   static void WriteFileStateToClonnedTreeForPath(const std::string& path, const std::string& state,
                                                  bool isDir);
   // Makes the folder's clone with its missing parents, unless something stands there.

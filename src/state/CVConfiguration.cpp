@@ -321,11 +321,13 @@ void CVConfiguration::ReadConfigFromFile() {
   }
 
   std::optional<std::string> plain = CVStorageDataProtection::DecryptFile(file);
-  if (!plain || plain->empty()) {
-    CVEventLogger::WriteMainLogMessage("CVConfiguration: " + file +
-                                       " could not be deciphered; the account stays as it is");
-  } else {
-    ParseDocument(*plain);
+  unreadableCopy_.reset();
+  if (!plain || plain->empty() || !ParseDocument(*plain)) {
+    // Its bytes are kept for the user; the account comes from a new sign-in.
+    unreadableCopy_ = text ? CVStateXMLFile::KeepBrokenCopy(file, *text) : "";
+    CVEventLogger::WriteMainLogMessage("CVConfiguration: " + file + " could not be read; " +
+                                       (unreadableCopy_->empty() ? "no copy could be kept"
+                                                                 : "a copy is kept in " + *unreadableCopy_));
   }
 
   try {
@@ -349,7 +351,7 @@ void CVConfiguration::ReadConfigFromFile() {
   CreateAddStoragesInfo();
 }
 
-void CVConfiguration::ParseDocument(const std::string& text) {
+bool CVConfiguration::ParseDocument(const std::string& text) {
   ConfigParser parser{*this, nullptr, nullptr, {}};
   CVStateXMLFile::Events events;
   events.startElement = [&](const std::string& name) { parser.Start(name); };
@@ -361,7 +363,7 @@ void CVConfiguration::ParseDocument(const std::string& text) {
               << ", Line: " << error.line << ", Column: " << error.column << '\n';
   };
   // What was read before an error stays; the reader goes on where it can.
-  (void)CVStateXMLFile::Parse(text, events);
+  return !CVStateXMLFile::Parse(text, events);
 }
 
 std::int64_t CVConfiguration::LastSync() {

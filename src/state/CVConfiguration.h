@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,9 @@ class CVConfiguration {
 
   // Prepares the folders and fills the object from the file.
   void ReadConfigFromFile();
+  // After a read of a file that could not be deciphered or parsed: where its
+  // bytes are kept ("" when they could not be); nothing when it read well.
+  std::optional<std::string> UnreadableFileCopy() const { return unreadableCopy_; }
   // Writes the file and the side files; returns the document's text.
   std::string SaveConfigXML();
 
@@ -56,7 +60,9 @@ class CVConfiguration {
 
  private:
   CVConfiguration() = default;
-  void ParseDocument(const std::string& text);
+  // False when the text is no whole document; what was read before stays.
+  bool ParseDocument(const std::string& text);
+  std::optional<std::string> unreadableCopy_;
   std::function<std::int64_t()> partSizeSource_;
   std::mutex saveLock_;
 };

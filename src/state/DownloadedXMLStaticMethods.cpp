@@ -1,6 +1,7 @@
 #include "DownloadedXMLStaticMethods.h"
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 
 #include "CVEventLogger.h"
@@ -11,7 +12,12 @@
 
 namespace {
 const char kClassName[] = "DownloadedXMLStaticMethods";
+std::atomic<std::uint64_t> brokenReads{0};
 }  // namespace
+
+std::uint64_t DownloadedXMLStaticMethods::BrokenReads() { return brokenReads; }
+
+void DownloadedXMLStaticMethods::NoteBrokenRead() { ++brokenReads; }
 
 std::recursive_mutex& DownloadedXMLStaticMethods::downloadedFilesLock() {
   static std::recursive_mutex lock;

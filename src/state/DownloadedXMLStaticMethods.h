@@ -2,6 +2,7 @@
 // DownloadedXMLStaticMethods: the rewrite of DownloadedFiles.xml, the clean-up of a
 // storage's records, and the one lock of the file. Any thread.
 
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -14,6 +15,11 @@ class DownloadedXMLStaticMethods {
   // file so that no thread's change is lost to another's. Recursive: a cycle
   // reads and saves under it. Lives as long as the process.
   static std::recursive_mutex& downloadedFilesLock();
+
+  // How many reads found the file broken since the process began: the records
+  // after the fault were lost then, and the comparison rebuilds them.
+  static std::uint64_t BrokenReads();
+  static void NoteBrokenRead();
 
   // The same rewrite as ServerXMLParser::saveDownloadedXML.
   static bool SaveDownloadedXMLFile(const std::vector<CVFileForCompare>& array);

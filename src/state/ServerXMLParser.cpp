@@ -77,12 +77,14 @@ std::optional<std::vector<CVFileForCompare>> ServerXMLParser::readDownloadedFile
 
 std::optional<std::vector<CVFileForCompare>> ServerXMLParser::ReadFile(StateFileRead& state) {
   const StateFileSupport::RecordFile file = DownloadedFile();
-  return StateFileSupport::ReadRecords<CVFileForCompare>(
+  auto records = StateFileSupport::ReadRecords<CVFileForCompare>(
       file,
       [&](CVFileForCompare& record, std::string_view name, std::string_view text) {
         return ReadField(file, record, name, text);
       },
       state);
+  if (state == StateFileRead::Broken) DownloadedXMLStaticMethods::NoteBrokenRead();
+  return records;
 }
 
 void ServerXMLParser::WriteDownloadedXML(CVStateXMLFile::Writer& writer, const RecordSource& next) {

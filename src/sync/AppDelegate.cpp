@@ -759,6 +759,12 @@ void AppDelegate::NotifySyncError() {
   mainLoop_.RunOnMain([&status = status_] { UIFunctions::NotificationSyncError(status); });
 }
 
+void AppDelegate::NotifyUser(const std::string& text) {
+  CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - NotifyUser -> " + text);
+  mainLoop_.RunOnMain(
+      [&status = status_, text] { UIFunctions::ShowNotificationInTrayWithTitle(status, "Corvalink Sync", text); });
+}
+
 void AppDelegate::NotifyDiskFull(const std::string& path) {
   if (diskFullNotified_.exchange(true)) return;
   const std::string name = std::filesystem::path(path).filename().string();

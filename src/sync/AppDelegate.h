@@ -117,6 +117,8 @@ class AppDelegate {
   void SetTooltip(const std::string& text);
   void SyncNewEnable(bool hidden);
   void NotifySyncError();
+  // A notification of the sync's own; the text goes to the main log too.
+  void NotifyUser(const std::string& text);
   // Tells the user once that a download found the disk full; DiskHasRoom makes
   // the next full disk told again.
   void NotifyDiskFull(const std::string& path);

@@ -93,19 +93,22 @@ std::int32_t CVFileForCompareMethods::CheckFile2(const CVFileForCompare& serverF
   return CheckFile2(serverFile, record, CreateCVFileForCompare(serverFile.localPath));
 }
 
-std::int32_t CVFileForCompareMethods::CheckFile2(const CVFileForCompare& serverFile,
-                                                 std::vector<CVFileForCompare>& serverFiles,
-                                                 const PathIndex& index) {
-  CVFileForCompare* record = nullptr;
-  if (auto position = index.Find(serverFile.localPath); position && *position < serverFiles.size()) {
-    record = &serverFiles[*position];
-  }
-  return CheckFile2(serverFile, record, CreateCVFileForCompare(serverFile.localPath));
-}
-
 std::int32_t CVFileForCompareMethods::CheckFile2(const CVFileForCompare& serverFile, CVFileForCompare* record,
                                                  const std::optional<CVFileForCompare>& local) {
   if (record) record->wasProcessed = true;
+
+  if (local && local->isFolder != serverFile.isFolder) {
+    // One side replaced a file by a folder or the other way round. Only a local
+    // change with the server as recorded goes up; in every other case the
+    // server's item takes the name and the download makes room for it.
+    const bool localChangedKind = record && record->isFolder == serverFile.isFolder;
+    const bool serverAsRecorded =
+        localChangedKind && (serverFile.isFolder || (serverFile.size == record->size &&
+                                                     serverFile.modifiedTime == record->modifiedTime));
+    return serverAsRecorded ? CMP_LocalChanged : CMP_ServerNewer;
+  }
+  // A record of the other kind stands for an item that no longer is.
+  if (record && record->isFolder != serverFile.isFolder) record = nullptr;
 
   if (serverFile.isFolder) {
     if (!record) return CMP_NeverDownloaded;

@@ -36,15 +36,14 @@ class CVFileForCompareMethods {
 
   // The comparison result (CMP_*) of a server line against the first record of
   // the same path in serverFiles, and the disk. That record gets wasProcessed.
-  // A walk over the list; FilterNFQ uses the indexed form below.
+  // A walk over the list; FilterNFQ finds the record through a PathIndex.
   [[nodiscard]] static std::int32_t CheckFile2(const CVFileForCompare& serverFile,
                                                std::vector<CVFileForCompare>& serverFiles);
-  // The same with an index of serverFiles made beforehand.
-  [[nodiscard]] static std::int32_t CheckFile2(const CVFileForCompare& serverFile,
-                                               std::vector<CVFileForCompare>& serverFiles,
-                                               const PathIndex& index);
   // The decision table alone: line, its record (or none), what the disk holds at
-  // its path (or none). Marks the record processed.
+  // its path (or none). Marks the record processed. Where the disk holds the
+  // other kind than the line (a file became a folder or the reverse), the result
+  // is CMP_LocalChanged when only the disk changed, else CMP_ServerNewer: the
+  // download then makes room for the server's item.
   [[nodiscard]] static std::int32_t CheckFile2(const CVFileForCompare& serverFile,
                                                CVFileForCompare* record,
                                                const std::optional<CVFileForCompare>& local);

@@ -1,20 +1,24 @@
 #include "SERVER_Queues.h"
 
+#include <algorithm>
 #include <exception>
 #include <map>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
 
+#include "AsyncFileCommonPart.h"
 #include "CVConfiguration.h"
 #include "CVEventLogger.h"
 #include "CVFileForCompareMethods.h"
 #include "CVSelectiveSync.h"
 #include "CVStaticHelpers.h"
+#include "DownloadedXMLStaticMethods.h"
 #include "IconOverlayInFinderStaticMethods.h"
 #include "ManagerDownload.h"
 #include "ServerXMLParser.h"
 #include "SmartSync.h"
+#include "StateFileSupport.h"
 #include "UIFunctions.h"
 
 namespace {
@@ -85,16 +89,6 @@ CVFileWithAction ItemFor(const CVFileForCompare& file, std::int32_t action) {
   return item;
 }
 
-const char* ReadStateText(StateFileRead state) {
-  switch (state) {
-    case StateFileRead::Missing: return "missing";
-    case StateFileRead::Whole: return "whole";
-    case StateFileRead::Broken: return "broken";
-    case StateFileRead::Unreadable: return "unreadable";
-  }
-  return "unknown";
-}
-
 }  // namespace
 
 SERVER_Queues::SERVER_Queues(const Clock* clock, std::function<bool()> stopRequested)
@@ -104,6 +98,11 @@ void SERVER_Queues::SetListingContext(const Clock* clock, std::function<bool()> 
   std::lock_guard<std::mutex> lock(contextLock_);
   clock_ = clock;
   stopRequested_ = std::move(stopRequested);
+}
+
+void SERVER_Queues::SetNoticeHandler(std::function<void(const std::string& text)> notice) {
+  std::lock_guard<std::mutex> lock(contextLock_);
+  notice_ = std::move(notice);
 }
 
 void SERVER_Queues::MarkInStep(const std::string& path, bool isFolder) {
@@ -245,16 +244,19 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
 
   ServerXMLParser parser;
   auto read = parser.readDownloadedFiles();
-  const StateFileRead readState = parser.lastRead();
-  if (readState == StateFileRead::Unreadable || readState == StateFileRead::Broken) {
-    // Records lost to a bad file would make their server files look new and
-    // their local files unknown; better no comparison than a wrong one.
-    Log("FilterNFQ", std::string("DownloadedFiles.xml is ") + ReadStateText(readState) +
-                         "; storage " + storageName + " is passed over until the file reads whole");
+  if (parser.lastRead() == StateFileRead::Unreadable) {
+    // Nothing is known of the records: the server's files would look new and
+    // the local ones unknown. Better no comparison than a wrong one.
+    Log("FilterNFQ", "DownloadedFiles.xml is unreadable; storage " + storageName +
+                         " is passed over until the file can be read");
     return false;
   }
   std::vector<CVFileForCompare> records = read.value_or(std::vector<CVFileForCompare>{});
   Log("FilterNFQ", "DownloadFiles.count: " + std::to_string(records.size()));
+  // Records lost to a broken file are rebuilt once for each storage, and this
+  // storage is compared as on a first sync.
+  const std::uint64_t brokenReads = DownloadedXMLStaticMethods::BrokenReads();
+  const bool rebuild = brokenReads > rebuiltAt_[storageName];
 
   auto rulesSite = CVSelectiveSync::Instance().GetSiteRulesByName(storageName);
   const std::vector<CVSelectiveSyncItem> syncItems =
@@ -264,9 +266,24 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
 
   const std::string root = CVStaticHelpers::GenerateRootPath();
   const std::string storageFolder = root + "/" + storageName + "/";
+  std::vector<CVFileForCompare> rebuilt;
+  if (rebuild) rebuilt = RebuildRecords(listing, records, rules, storageFolder);
+  // The rebuild's own write read the broken file once more.
+  rebuiltAt_[storageName] = DownloadedXMLStaticMethods::BrokenReads();
   const CVFileForCompareMethods::PathIndex index(records);
   std::unordered_set<std::string> seen;
   seen.reserve(listing.size());
+  // Items whose kind changed: a local folder that goes up with what it holds, a
+  // local file that replaces a server folder, and local items the download of
+  // a server item moves out of the way.
+  std::unordered_set<std::string> queuedUploads;
+  std::vector<std::string> replacedOnServer;
+  std::vector<std::string> makingRoom;
+  auto below = [](const std::vector<std::string>& folders, const std::string& path) {
+    return std::any_of(folders.begin(), folders.end(), [&](const std::string& folder) {
+      return path != folder && StateFileSupport::IsSameOrBelow(path, folder);
+    });
+  };
   CompareNotes notes;
   work.reserve(listing.size());
 
@@ -282,11 +299,37 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
         rule && rule->Rule == CVSelectiveSyncRule::syncNone) {
       continue;  // its record stays unprocessed and becomes a local delete below
     }
-    const std::int32_t result = CVFileForCompareMethods::CheckFile2(line, records, index);
+    auto position = index.Find(line.localPath);
+    CVFileForCompare* record = position ? &records[*position] : nullptr;
+    if (below(replacedOnServer, line.localPath)) {
+      // Goes with the server folder that a local file replaces.
+      if (record) record->wasProcessed = true;
+      continue;
+    }
+    const auto local = CVFileForCompareMethods::CreateCVFileForCompare(line.localPath);
+    const std::int32_t result = CVFileForCompareMethods::CheckFile2(line, record, local);
     const std::int32_t action = GetFWAEvent(result);
     notes.Add(line.localPath, result, action != FWA_Nothing);
     if (action == FWA_Nothing) MarkInStep(line.localPath, line.isFolder);
-    work.push_back(ItemFor(line, action));
+    CVFileWithAction item = ItemFor(line, action);
+    const bool kindChanged = local && local->isFolder != line.isFolder;
+    if (kindChanged && action == FWA_UploadToServer) {
+      item.isFolder = local->isFolder;
+      work.push_back(std::move(item));
+      if (!local->isFolder) {
+        replacedOnServer.push_back(line.localPath);
+        continue;
+      }
+      // A folder in place of a server file goes up with everything in it.
+      for (const auto& inside : SmartSync::readLocalFiles(line.localPath)) {
+        queuedUploads.insert(inside.localPath);
+        work.push_back(ItemFor(inside, FWA_UploadToServer));
+        MarkPendingUpload(inside.localPath, inside.isFolder);
+      }
+      continue;
+    }
+    if (kindChanged) makingRoom.push_back(line.localPath);
+    work.push_back(std::move(item));
   }
   Log("FilterNFQ", "All Items FilterNFQ:\n" + notes.Text());
 
@@ -306,14 +349,77 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
 
   // Until a first pass has ended: what was put into the tree while the program
   // was not running.
-  if (!firstTimeSyncPerformed) {
+  if (!firstTimeSyncPerformed || rebuild) {
     for (const auto& local : SmartSync::readLocalFiles(root + "/" + storageName)) {
-      if (index.Contains(local.localPath)) continue;
+      if (index.Contains(local.localPath) || queuedUploads.count(local.localPath) ||
+          below(makingRoom, local.localPath)) {
+        continue;
+      }
       work.push_back(ItemFor(local, FWA_UploadToServer));
       MarkPendingUpload(local.localPath, local.isFolder);
     }
   }
+  if (rebuild) TellRebuilt(storageName, rebuilt, brokenReads);
   return true;
+}
+
+std::vector<CVFileForCompare> SERVER_Queues::RebuildRecords(const std::vector<CVFileForCompare>& listing,
+                                                            std::vector<CVFileForCompare>& records,
+                                                            const CVSyncRulesDictionary& rules,
+                                                            const std::string& storageFolder) {
+  // What is the same on both sides, by kind, size and time, was in step: it
+  // gets its record back without a transfer. The rest has no record and goes
+  // through the first sync's flow, which overwrites nothing.
+  const std::string root = CVStaticHelpers::GenerateRootPath();
+  const CVFileForCompareMethods::PathIndex known(records);
+  std::vector<CVFileForCompare> rebuilt;
+  std::vector<CVFileWithAction> writes;
+  for (const auto& line : listing) {
+    if (!IsInsideStorage(line.localPath, storageFolder) || known.Contains(line.localPath)) continue;
+    if (auto rule = CVSelectiveSync::FindSyncRule(rules, line.localPath.substr(root.size() + 1));
+        rule && rule->Rule == CVSelectiveSyncRule::syncNone) {
+      continue;
+    }
+    const auto local = CVFileForCompareMethods::CreateCVFileForCompare(line.localPath);
+    if (!local || local->isFolder != line.isFolder ||
+        (!line.isFolder && (local->size != line.size || local->modifiedTime != line.modifiedTime))) {
+      continue;
+    }
+    CVFileForCompare record = line;
+    record.wasProcessed = false;
+    record.site = ServerXMLParser::SiteForLocalPath(line.localPath);
+    rebuilt.push_back(record);
+    writes.push_back(ItemFor(line, FWA_Nothing));
+  }
+  bool written = true;
+  for (const auto& write : writes) written = AsyncFileCommonPart::WriteToDownloadedFiles(write, false) && written;
+  if (!written) {
+    Log("FilterNFQ", "the rebuilt records could not be written; they are rebuilt again at the next pass");
+  }
+  records.insert(records.end(), rebuilt.begin(), rebuilt.end());
+  return rebuilt;
+}
+
+void SERVER_Queues::TellRebuilt(const std::string& storageName, const std::vector<CVFileForCompare>& rebuilt,
+                                std::uint64_t brokenReads) {
+  Log("FilterNFQ", "DownloadedFiles.xml was broken: " + std::to_string(rebuilt.size()) +
+                       " records of storage " + storageName +
+                       " rebuilt from what is the same here and on the server; the rest is compared as on a "
+                       "first sync");
+  // Once for all storages: the reads of this breakage come before the last told.
+  if (brokenReads <= toldRebuiltAt_) return;
+  toldRebuiltAt_ = rebuiltAt_[storageName];
+  std::function<void(const std::string&)> notice;
+  {
+    std::lock_guard<std::mutex> lock(contextLock_);
+    notice = notice_;
+  }
+  if (notice) {
+    notice("The record of what is in step (DownloadedFiles.xml) could not be read; a copy is kept beside it in " +
+           CVStaticHelpers::GenerateSettingsPath() +
+           ". It was rebuilt from the files that are the same here and on the server; the others are compared "
+           "as on a first sync, and nothing is overwritten.");
+  }
 }
 
 void SERVER_Queues::WriteDebugInformation(std::int32_t action, const std::string& forPath,

@@ -7,18 +7,22 @@
 // takes, so two comparisons never interleave.
 //
 // No local delete comes from what was not read whole: a listing that is missing,
-// empty or stopped, or a record file that is broken or unreadable, leaves the
-// storage offline for the pass, and no work item is made.
+// empty or stopped, or a record file that cannot be read, leaves the storage
+// offline for the pass, and no work item is made. Records lost to a broken file
+// are rebuilt from what is the same on both sides, and the rest of the storage
+// is compared as on a first sync.
 
 #include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "CVSelectiveSync.h"
 #include "CVSharepoint.h"
 #include "Clock.h"
 #include "SyncRecords.h"
@@ -42,6 +46,8 @@ class SERVER_Queues {
 
   // The same as the constructor's arguments, for an owner that comes later.
   void SetListingContext(const Clock* clock, std::function<bool()> stopRequested);
+  // Tells the user what the comparison had to mend (a rebuilt record), once.
+  void SetNoticeHandler(std::function<void(const std::string& text)> notice);
 
   // Fills NFSQ_ServerQueue with the storage's listing and sets siteOffline.
   virtual void Fill_NFQ_ForStorage(const std::string& storageName);
@@ -85,11 +91,23 @@ class SERVER_Queues {
   // this pass.
   bool Compare(const std::string& storageName, const std::vector<CVFileForCompare>& listing,
                std::vector<CVFileWithAction>& work);
+  // Records for the lines that the disk holds alike (kind, size, time), written
+  // and added to records; the ones made.
+  std::vector<CVFileForCompare> RebuildRecords(const std::vector<CVFileForCompare>& listing,
+                                               std::vector<CVFileForCompare>& records,
+                                               const CVSyncRulesDictionary& rules, const std::string& storageFolder);
+  void TellRebuilt(const std::string& storageName, const std::vector<CVFileForCompare>& rebuilt,
+                   std::uint64_t brokenReads);
 
   // Counts ClearServerQueues calls; raised before the work list is emptied.
   std::atomic<std::uint64_t> clearGeneration_{0};
   mutable std::mutex contextLock_;
   const Clock* clock_ = nullptr;
   std::function<bool()> stopRequested_;
+  std::function<void(const std::string&)> notice_;
   Clock defaultClock_;
+  // Under compareLock: the count of broken reads of the record file when each
+  // storage's records were last rebuilt, and when the user was last told.
+  std::map<std::string, std::uint64_t> rebuiltAt_;
+  std::uint64_t toldRebuiltAt_ = 0;
 };

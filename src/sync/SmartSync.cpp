@@ -29,6 +29,7 @@ SmartSync::SmartSync(AppDelegate& app, FileOperationDispatcher& dispatcher,
       serverQueue_(serverQueue ? std::move(serverQueue) : std::make_unique<SERVER_Queues>()) {
   // The listing waits on the application's clock and ends when the loop is stopped.
   serverQueue_->SetListingContext(&app_.clock(), [this] { return !syncMainThreadShouldRun; });
+  serverQueue_->SetNoticeHandler([this](const std::string& text) { app_.NotifyUser(text); });
 }
 
 SmartSync::~SmartSync() {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -19,12 +20,15 @@
 #include "CVIPRestriction.h"
 #include "CVSelectiveSync.h"
 #include "CVSelectiveSyncRule.h"
+#include "CVFileForCompareMethods.h"
 #include "CVStaticHelpers.h"
 #include "DownloadedFilesStore.h"
 #include "IconOverlayInFinderStaticMethods.h"
+#include "ManagerDownload.h"
 #include "MyParser.h"
 #include "ServerFileOperations.h"
 #include "SmartSync.h"
+#include "StateFileSupport.h"
 #include "SyncListener.h"
 
 using namespace std::chrono_literals;
@@ -42,6 +46,38 @@ std::string LastComponent(const std::string& path) {
 }
 
 bool StartsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
+
+std::optional<std::int64_t> Number(const std::string& text) {
+  std::int64_t value = 0;
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+const char* Kind(bool isFolder) { return isFolder ? "folder" : "file"; }
+
+// The record of the last sync and an index of it; nothing when it cannot be read.
+struct Records {
+  std::vector<CVFileForCompare> all;
+  CVFileForCompareMethods::PathIndex index;
+
+  static std::optional<Records> Read() {
+    ServerXMLParser parser;
+    auto read = parser.readDownloadedFiles();
+    if (!read) return std::nullopt;
+    Records records{std::move(*read), {}};
+    records.index = CVFileForCompareMethods::PathIndex(records.all);
+    return records;
+  }
+  // True when item has a record of its kind, and a file its size and time.
+  bool Alike(const CVFileForCompare& item) const {
+    auto at = index.Find(item.localPath);
+    if (!at) return false;
+    const CVFileForCompare& record = all[*at];
+    return record.isFolder == item.isFolder &&
+           (item.isFolder || (record.size == item.size && record.modifiedTime == item.modifiedTime));
+  }
+};
 
 std::int32_t SiteIndex(const std::string& name) {
   auto sites = CVConfiguration::Instance().SitesCopy();
@@ -95,6 +131,23 @@ std::optional<std::vector<std::string>> SmartSyncFileOperations::GetFileInfo(con
   auto site = CVStaticHelpers::GetSpSiteForLocalPath(localPath);
   if (!site) return std::nullopt;
   return CVHandler::Instance().GetFileInfo(CVStaticHelpers::serverPathFromLocalPath(localPath), site->Name);
+}
+
+std::optional<std::vector<CVFileForCompare>> SmartSyncFileOperations::ListServerFolder(SmartSync& sync,
+                                                                                      const std::string& localPath) {
+  auto site = CVStaticHelpers::GetSpSiteForLocalPath(localPath);
+  if (!site) return std::nullopt;
+  CVSharepoint storage;
+  {
+    std::lock_guard<std::recursive_mutex> lock(CVConfiguration::Instance().fSpSitesLock);
+    storage = *site;
+  }
+  ManagerDownload manager(app_.clock(), [&sync] { return !sync.syncMainThreadShouldRun; });
+  auto listed = manager.GetFileListFromServerNew(CVStaticHelpers::serverPathFromLocalPath(localPath), storage,
+                                                 /*recursive=*/true, /*uploadRequest=*/false,
+                                                 /*WithCanStopped=*/true);
+  if (manager.isSiteOffline) return std::nullopt;
+  return listed;
 }
 
 std::string SmartSyncFileOperations::GetFileInfoReturnForPath(const std::string& localPath) {
@@ -273,17 +326,89 @@ void SmartSyncFileOperations::QueueUploadOfGivenUpRename(SmartSync& sync, const 
   // A rename given up after its attempts would lose the file on the server when
   // something stands at the new path: send that as a new file instead.
   if (!CVStaticHelpers::ExistsInAnyForm(item.nFilePath)) return;
-  NFQ_File entry;
-  entry.fileAction = NFQ_Created;
-  entry.isFolder = item.isFolder;
-  entry.oldFilePath = item.nFilePath;
-  entry.nFilePath = item.nFilePath;
+  QueueLocalUpload(sync, item.nFilePath, item.isFolder);
+  Log("PerformNextFileOperation", "rename given up, queued as a new file: " + item.nFilePath);
+}
+
+void SmartSyncFileOperations::QueueLocalUpload(SmartSync& sync, const std::string& path, bool isFolder) {
+  std::vector<NFQ_File> entries(1);
+  entries[0].fileAction = NFQ_Created;
+  entries[0].isFolder = isFolder;
+  entries[0].nFilePath = path;
+  if (isFolder) {
+    auto inside = SmartSync::GetChildFilesAndFoldersNFQ(path, true);
+    entries.insert(entries.end(), inside.begin(), inside.end());
+  }
   {
     std::lock_guard<std::mutex> lock(sync.fswQueue().FSW_FQ_Lock);
-    sync.fswQueue().FQ_FilteredQueue.push_back(entry);
+    auto& queue = sync.fswQueue().FQ_FilteredQueue;
+    queue.insert(queue.end(), entries.begin(), entries.end());
   }
-  AsyncFileCommonPart::ChangeNewFiles(entry, NFQ_Created);
-  Log("PerformNextFileOperation", "rename given up, queued as a new file: " + item.nFilePath);
+  for (const auto& entry : entries) AsyncFileCommonPart::ChangeNewFiles(entry, NFQ_Created);
+}
+
+bool SmartSyncFileOperations::LocalAsRecorded(const std::string& path) {
+  auto records = Records::Read();
+  auto self = CVFileForCompareMethods::CreateCVFileForCompare(path);
+  if (!records || !self || !records->Alike(*self)) return false;
+  if (!self->isFolder) return true;
+  const auto inside = SmartSync::readLocalFiles(path);
+  return std::all_of(inside.begin(), inside.end(), [&](const CVFileForCompare& item) { return records->Alike(item); });
+}
+
+bool SmartSyncFileOperations::MakeRoomForServerItem(SmartSync& sync, const CVFileWithAction& item) {
+  struct stat info {};
+  if (lstat(item.nFilePath.c_str(), &info) != 0) return true;
+  const bool localIsFolder = S_ISDIR(info.st_mode);
+  if (localIsFolder == item.isFolder) return true;
+  sync.AddPath(item.nFilePath, localIsFolder);
+  if (LocalAsRecorded(item.nFilePath)) {
+    // The server has had this content; a deletion by the sync lands in the Trash.
+    if (!CVStaticHelpers::MoveFileToTrash(item.nFilePath)) {
+      Log("MakeRoomForServerItem", "could not move to the Trash: " + item.nFilePath);
+      return false;
+    }
+    Log("MakeRoomForServerItem", std::string("the server replaced the ") + Kind(localIsFolder) + " by a " +
+                                     Kind(item.isFolder) + "; the local one is in the Trash: " + item.nFilePath);
+  } else {
+    const std::string copy = CVStaticHelpers::getLocalCopyName(item.nFilePath);
+    app_.AddFileInProgress(copy);
+    if (!MoveAside(item.nFilePath, copy)) return false;
+    Log("MakeRoomForServerItem", std::string("the server holds a ") + Kind(item.isFolder) + " at " + item.nFilePath +
+                                     "; the local " + Kind(localIsFolder) + " goes up as " + copy);
+    QueueLocalUpload(sync, copy, localIsFolder);
+  }
+  CVFileWithAction gone = item;
+  gone.isFolder = localIsFolder;
+  AsyncFileCommonPart::RemoveFromDownloadedFiles(gone);
+  return true;
+}
+
+bool SmartSyncFileOperations::ServerAsRecorded(SmartSync& sync, const CVFileWithAction& item, bool serverIsFolder,
+                                               const std::vector<std::string>& serverData) {
+  auto records = Records::Read();
+  if (!records) return false;
+  CVFileForCompare server;
+  server.localPath = item.nFilePath;
+  server.isFolder = serverIsFolder;
+  if (!serverIsFolder) {
+    auto size = serverData.size() > 2 ? Number(serverData[2]) : std::nullopt;
+    auto modified = serverData.size() > 3 ? Number(serverData[3]) : std::nullopt;
+    if (!size || !modified) return false;
+    server.size = *size;
+    server.modifiedTime = *modified;
+    return records->Alike(server);
+  }
+  if (!records->Alike(server)) return false;
+  auto listed = ListServerFolder(sync, item.nFilePath);
+  if (!listed) {
+    // Nothing listed: an empty folder is as recorded only when nothing was recorded in it.
+    return std::none_of(records->all.begin(), records->all.end(), [&](const CVFileForCompare& record) {
+      return record.localPath != item.nFilePath && StateFileSupport::IsSameOrBelow(record.localPath, item.nFilePath);
+    });
+  }
+  return std::all_of(listed->begin(), listed->end(),
+                     [&](const CVFileForCompare& line) { return records->Alike(line); });
 }
 
 bool SmartSyncFileOperations::CheckNextFileOnServer(const CVFileWithAction& item,
@@ -313,8 +438,24 @@ std::int32_t SmartSyncFileOperations::PerformUploadToServer(SmartSync& sync, CVF
     if (!item.isFolder && CVStaticHelpers::isFileLockedPreUploadCheck(item.nFilePath, app_.clock())) {
       return SYNC_RETURN_LOCKED;
     }
+    if (auto local = CVFileForCompareMethods::CreateCVFileForCompare(item.nFilePath)) item.isFolder = local->isFolder;
     auto serverData = GetFileInfo(item.nFilePath);
     if (!sync.syncMainThreadShouldRun) return SYNC_RETURN_LOCKED;
+    const bool serverIsFolder = serverData && serverData->size() > 1 && (*serverData)[1] == "D";
+    if (serverData && !serverData->empty() && serverIsFolder != item.isFolder) {
+      // A file became a folder here, or the reverse. When the server still holds
+      // what this client last saw, the change wins and the server keeps the old
+      // item as a version; otherwise both sides changed, and the server's keeps the name.
+      if (!ServerAsRecorded(sync, item, serverIsFolder, *serverData)) return PerformCreateAndUploadLocalCopy(sync, item);
+      CVFileWithAction old = item;
+      old.isFolder = serverIsFolder;
+      const std::int32_t removed =
+          serverIsFolder ? server_.DeleteFolderOnServer(old) : server_.DeleteFileOnServer(old);
+      if (removed != SYNC_RETURN_OK) return removed;
+      Log("PerformUploadToServer", std::string("the server's ") + Kind(serverIsFolder) + " gives way to the local " +
+                                       Kind(item.isFolder) + ": " + item.nFilePath);
+      serverData.reset();
+    }
     if (item.isFolder) return server_.CreateFolderOnServer(item);
     if (CVStaticHelpers::isFileLockedPreUploadCheck(item.nFilePath, app_.clock())) {
       return SYNC_RETURN_STATE_CHANGED;
@@ -334,14 +475,20 @@ std::int32_t SmartSyncFileOperations::PerformUploadToServer(SmartSync& sync, CVF
   }
 }
 
-std::int32_t SmartSyncFileOperations::PerformCreateAndUploadLocalCopy(SmartSync&, CVFileWithAction& item) {
+std::int32_t SmartSyncFileOperations::PerformCreateAndUploadLocalCopy(SmartSync& sync, CVFileWithAction& item) {
   try {
     Log("PerformCreateAndUploadLocalCopy", "Create and upload local copy:  " + item.nFilePath);
     std::string original = item.nFilePath;
     std::string copy = CVStaticHelpers::getLocalCopyName(original);
-    app_.AddFileInProgress(original);
+    sync.AddPath(original, item.isFolder);
     app_.AddFileInProgress(copy);
     if (!MoveAside(original, copy)) return SYNC_RETURN_LOCKED;
+    if (item.isFolder) {
+      // A folder goes up with everything in it, item by item.
+      QueueLocalUpload(sync, copy, true);
+      item.nFilePath = copy;
+      return SYNC_RETURN_OK;
+    }
     if (SmartSync::CheckFileNameStringState(original) == 1) {
       copy = CVStaticHelpers::PrecomposedForm(copy);
       CVEventLogger::WriteMainLogMessage("(PerformCreateAndUploadLocalCopy)");
@@ -404,10 +551,11 @@ std::int32_t SmartSyncFileOperations::PerformCreateLocalCopyAndDownloadFromServe
   return result;
 }
 
-std::int32_t SmartSyncFileOperations::PerformDownloadFromServer(SmartSync&, CVFileWithAction& item) {
+std::int32_t SmartSyncFileOperations::PerformDownloadFromServer(SmartSync& sync, CVFileWithAction& item) {
   try {
     app_.AddFileInProgress(item.nFilePath);
     app_.AddFileInProgress(MyParser::GetFileCVTempForFileLocalPath(item.nFilePath));
+    if (!MakeRoomForServerItem(sync, item)) return SYNC_RETURN_LOCKED;
     if (item.isFolder) {
       std::error_code error;
       std::filesystem::create_directories(item.nFilePath, error);

@@ -56,6 +56,10 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   virtual bool DownloadFile(CVFileWithAction& item);
   virtual std::optional<std::vector<std::string>> GetFileInfo(const std::string& localPath);
   virtual std::string GetFileInfoReturnForPath(const std::string& localPath);
+  // Everything the server lists below a local folder's server path; nothing
+  // when the listing failed or holds nothing.
+  virtual std::optional<std::vector<CVFileForCompare>> ListServerFolder(SmartSync& sync,
+                                                                        const std::string& localPath);
 
  private:
   // Moves the file aside without ever replacing what stands at copyPath.
@@ -65,6 +69,21 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   void RemoveState(const std::string& path);
   void Forget(const std::shared_ptr<CVSelectiveSyncSite>& site, const CVFileWithAction& item);
   void QueueUploadOfGivenUpRename(SmartSync& sync, const CVFileWithAction& item);
+  // Puts a local item (a folder with everything in it) into the local queue as
+  // new, for an upload that no watcher event will bring.
+  void QueueLocalUpload(SmartSync& sync, const std::string& path, bool isFolder);
+  // Before a server item of the other kind takes the path: the local item goes
+  // to the Trash when the record shows it unchanged, else it moves aside under
+  // a local copy name and is queued for upload. False when it could not go.
+  bool MakeRoomForServerItem(SmartSync& sync, const CVFileWithAction& item);
+  // True when the disk holds path as the record of the last sync left it (a
+  // folder with every item below it).
+  static bool LocalAsRecorded(const std::string& path);
+  // True when the server's item of that kind at the item's path is what this
+  // client last saw: a file of the recorded size and time, or a folder whose
+  // listing holds only recorded items alike.
+  bool ServerAsRecorded(SmartSync& sync, const CVFileWithAction& item, bool serverIsFolder,
+                        const std::vector<std::string>& serverData);
   // True (and the record forgotten) when the server no longer has the item.
   bool ForgetIfGoneFromServer(const CVFileWithAction& item, const char* method);
 

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <fstream>
+#include <iostream>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -96,6 +97,13 @@ E2ETest::CommandRun E2ETest::RunCommand(const std::string& home, const std::vect
   return run;
 }
 
+int E2ETest::RunOnce(const std::string& home) {
+  auto client = StartClient(home, true);
+  const int code = client->Wait(std::chrono::seconds(60));
+  if (code != 0) std::cerr << "--once ended with " << code << ":\n" << client->Output();
+  return code;
+}
+
 void E2ETest::Write(const fs::path& path, const std::string& content) {
   fs::create_directories(path.parent_path());
   std::ofstream(path, std::ios::binary) << content;
@@ -123,6 +131,15 @@ std::map<std::string, std::string> E2ETest::Tree(const fs::path& folder, const s
     tree[relative] = it->is_directory() ? "<folder>" : Read(it->path());
   }
   return tree;
+}
+
+bool E2ETest::SomeFileHolds(const fs::path& folder, const std::string& content) {
+  std::error_code error;
+  for (auto it = fs::recursive_directory_iterator(folder, error); !error && it != fs::recursive_directory_iterator();
+       it.increment(error)) {
+    if (it->is_regular_file() && it->file_size() == content.size() && Read(it->path()) == content) return true;
+  }
+  return false;
 }
 
 bool E2ETest::WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {

@@ -42,8 +42,15 @@ class E2ETest : public ::testing::Test {
   // The environment of a client process of that home: its Trash, desktop files
   // and local socket stay inside it.
   static std::map<std::string, std::string> ClientEnvironment(const std::string& home);
+  // One --once run of the client to its end; its exit code.
+  int RunOnce(const std::string& home);
 
   std::filesystem::path ServerDocs() const { return root_ / "server" / "Docs"; }
+  // Where the server keeps versions and parts of Docs.
+  std::filesystem::path ServerState() const { return root_ / "server" / "Docs.devserver-state"; }
+  static std::filesystem::path TrashOf(const std::string& home) {
+    return std::filesystem::path(home) / ".local/share/Trash";
+  }
   static std::filesystem::path ClientDocs(const std::string& home) {
     return std::filesystem::path(home) / "Corvalink" / "Docs";
   }
@@ -52,6 +59,8 @@ class E2ETest : public ::testing::Test {
   // A listing of a tree with every file's bytes, for byte-for-byte comparison.
   static std::map<std::string, std::string> Tree(const std::filesystem::path& folder,
                                                  const std::vector<std::string>& skip = {});
+  // True when a file somewhere below folder holds exactly content.
+  static bool SomeFileHolds(const std::filesystem::path& folder, const std::string& content);
   static bool WaitFor(const std::function<bool()>& condition,
                       std::chrono::milliseconds limit = std::chrono::seconds(60));
   // Waits until the client has ended a whole pass in step after this call: what

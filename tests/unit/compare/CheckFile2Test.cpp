@@ -24,6 +24,9 @@ struct Row {
   std::optional<Side> local;  // none: nothing on the disk
   Side server;
   std::int32_t expected;
+  // Kinds where they differ from the line's.
+  std::optional<bool> recordFolder{};
+  std::optional<bool> localFolder{};
 };
 
 // Record at 100 bytes, time 1000; a local file that a writer of the record left
@@ -62,7 +65,22 @@ const Row kRows[] = {
     {"LocalEditKeepingSize", false, kRec, false, Side{100, 1500}, {100, 1000}, CMP_LocalChanged},
     {"LocalSizeChanged", false, kRec, false, Side{150, 1000}, {100, 1000}, CMP_LocalChanged},
     {"LocalSizeAndTimeChanged", false, kRec, false, Side{150, 1500}, {100, 1000}, CMP_LocalChanged},
+    // A file became a folder or the reverse: only the disk's change with the
+    // server as recorded goes up; otherwise the server's item takes the name.
+    {"LocalFileBecameAFolder", false, kRec, false, Side{0, 0}, {100, 1000}, CMP_LocalChanged, {}, true},
+    {"LocalFileBecameAFolderServerChanged", false, kRec, false, Side{0, 0}, {200, 2000}, CMP_ServerNewer, {}, true},
+    {"LocalFolderBecameAFile", true, Side{0, 0}, false, kRec, {0, 0}, CMP_LocalChanged, {}, false},
+    {"ServerFileBecameAFolder", true, kRec, false, kRec, {0, 0}, CMP_ServerNewer, false, false},
+    {"ServerFolderBecameAFile", false, Side{0, 0}, false, Side{0, 0}, {100, 1000}, CMP_ServerNewer, true, true},
+    {"NoRecordLocalFolderServerFile", false, std::nullopt, false, Side{0, 0}, {100, 1000}, CMP_ServerNewer, {}, true},
+    {"NoRecordLocalFileServerFolder", true, std::nullopt, false, kRec, {0, 0}, CMP_ServerNewer, {}, false},
+    // Both sides made the same change: the record of the old kind counts for nothing.
+    {"BothBecameFolders", true, kRec, false, Side{0, 0}, {0, 0}, CMP_NeverDownloaded, false},
+    {"BothBecameFiles", false, Side{0, 0}, false, kRec, {100, 1000}, CMP_BothExistUnknown, true},
+    {"ServerBecameAFileLocalGone", false, Side{0, 0}, false, std::nullopt, {100, 1000}, CMP_NeverDownloaded, true},
 };
+
+void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 
 class DecisionTable : public ::testing::TestWithParam<Row> {};
 
@@ -73,14 +91,14 @@ TEST_P(DecisionTable, GivesTheRowsResult) {
   server.modifiedTime = row.server.time;
   std::optional<CVFileForCompare> record;
   if (row.record) {
-    record = Line("/r/Docs/x", row.record->size, row.record->time, row.folder);
+    record = Line("/r/Docs/x", row.record->size, row.record->time, row.recordFolder.value_or(row.folder));
     record->size = row.record->size;
     record->modifiedTime = row.record->time;
     record->brokeDownload = row.broken;
   }
   std::optional<CVFileForCompare> local;
   if (row.local) {
-    local = Line("/r/Docs/x", row.local->size, row.local->time, row.folder);
+    local = Line("/r/Docs/x", row.local->size, row.local->time, row.localFolder.value_or(row.folder));
     local->size = row.local->size;
     local->modifiedTime = row.local->time;
   }
@@ -123,7 +141,9 @@ TEST_F(CheckFile2OnDisk, OnlyTheFirstRecordOfAPathCountsAndIsMarked) {
   std::vector<CVFileForCompare> indexed = records;
   const M::PathIndex index(indexed);
   EXPECT_EQ(index.size(), 2u);
-  EXPECT_EQ(M::CheckFile2(server, indexed, index), CMP_Same);
+  auto found = index.Find(server.localPath);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(M::CheckFile2(server, &indexed[*found], M::CreateCVFileForCompare(server.localPath)), CMP_Same);
   for (std::size_t i = 0; i < records.size(); ++i) EXPECT_EQ(indexed[i].wasProcessed, walked[i].wasProcessed) << i;
 }
 

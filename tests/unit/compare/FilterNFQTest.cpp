@@ -175,38 +175,78 @@ TEST_F(FilterNFQTest, NoListingMeansNothingIsDeleted) {
   EXPECT_TRUE(std::filesystem::exists(Path("Docs/a.txt")));
 }
 
-TEST_F(FilterNFQTest, ARecordFileThatCannotBeReadWholeComparesNothing) {
+TEST_F(FilterNFQTest, ABrokenRecordFileIsRebuiltFromWhatBothSidesHoldAlike) {
   WriteFile(Path("Docs/a.txt"), "a", 1000);
   WriteFile(Path("Docs/b.txt"), "b", 1000);
-  SaveRecords({Record("Docs/a.txt", 1, 1000), Record("Docs/b.txt", 1, 1000)});
+  WriteFile(Path("Docs/c.txt"), "cc", 1000);
+  WriteFile(Path("Docs/dir/d.txt"), "d", 1000);
+  WriteFile(Path("Docs/e.txt"), "e", 1000);
+  SaveRecords({Record("Docs/a.txt", 1, 1000), Record("Docs/b.txt", 1, 1000), Record("Docs/c.txt", 2, 1000)});
   const std::string file = home.settings() + "/DownloadedFiles.xml";
-  // Cut in the middle of the second record.
+  // Cut in the middle of the second record: the first one still reads.
   std::string text = *CVStateXMLFile::ReadWholeFile(file);
   std::ofstream(file, std::ios::trunc) << text.substr(0, text.find("Docs/b.txt"));
-  List({Line(Path("Docs/b.txt"), 2, 2000)});
+  List({Line(Path("Docs/a.txt"), 1, 1000), Line(Path("Docs/b.txt"), 1, 1000), Line(Path("Docs/c.txt"), 3, 2000),
+        Line(Path("Docs/dir"), 0, 0, true), Line(Path("Docs/dir/d.txt"), 1, 1000)});
+  std::vector<std::string> notices;
+  queues.SetNoticeHandler([&](const std::string& text) { notices.push_back(text); });
+  queues.firstTimeSyncPerformed = true;
 
+  // What is alike gets its record back; c.txt differs and is compared as on a
+  // first sync, e.txt is found by the scan of a first sync.
   Compare();
-  EXPECT_TRUE(queues.siteOffline);
-  EXPECT_THAT(Work(), IsEmpty());
-  EXPECT_THAT(MainLog(), HasSubstr("DownloadedFiles.xml is broken; storage Docs is passed over"));
+  ASSERT_FALSE(queues.siteOffline);
+  auto work = Work();
+  ASSERT_EQ(work.size(), 7u);
+  EXPECT_THAT(std::vector<std::string>(work.begin(), work.begin() + 5),
+              ElementsAre("-1:Docs/a.txt", "-1:Docs/b.txt", "4:Docs/c.txt", "-1:Docs/dir", "-1:Docs/dir/d.txt"));
+  EXPECT_EQ(std::set<std::string>(work.begin() + 5, work.end()),
+            (std::set<std::string>{"0:Docs/c.txt", "0:Docs/e.txt"}));
+  ServerXMLParser parser;
+  auto records = parser.readDownloadedFiles();
+  EXPECT_EQ(parser.lastRead(), StateFileRead::Whole);
+  ASSERT_TRUE(records);
+  std::set<std::string> recorded;
+  for (const auto& record : *records) recorded.insert(record.localPath.substr(Root().size() + 1));
+  EXPECT_EQ(recorded, (std::set<std::string>{"Docs/a.txt", "Docs/b.txt", "Docs/dir", "Docs/dir/d.txt"}));
+  ASSERT_EQ(notices.size(), 1u);
+  EXPECT_THAT(notices[0], HasSubstr("DownloadedFiles.xml"));
 
+  // Once rebuilt, the next pass compares as usual and says nothing.
+  Compare();
+  EXPECT_THAT(Work(), ElementsAre("-1:Docs/a.txt", "-1:Docs/b.txt", "4:Docs/c.txt", "-1:Docs/dir",
+                                  "-1:Docs/dir/d.txt"));
+  EXPECT_EQ(notices.size(), 1u);
+
+  // A file that cannot be read at all is never written over: no comparison.
   std::filesystem::remove(file);
-  std::filesystem::create_directory(file);  // there, but not readable as a file
+  std::filesystem::create_directory(file);
   Compare();
   EXPECT_TRUE(queues.siteOffline);
   EXPECT_THAT(Work(), IsEmpty());
   EXPECT_THAT(MainLog(), HasSubstr("DownloadedFiles.xml is unreadable"));
+}
 
-  // No file at all is a client that never synced: the disk's files are kept as
-  // conflict copies before the server's come down.
-  std::filesystem::remove(file);
+TEST_F(FilterNFQTest, AnItemThatChangedItsKindGoesUpWithWhatItHoldsOrMakesRoom) {
+  // Files that became folders and a folder that became a file, on this disk.
+  WriteFile(Path("Docs/thing/mine.txt"), "m", 1000);
+  WriteFile(Path("Docs/dir"), "now a file", 1000);
+  WriteFile(Path("Docs/other/x.txt"), "x", 1000);
+  SaveRecords({Record("Docs/thing", 5, 1000), Record("Docs/dir", 0, 0, true), Record("Docs/dir/a.txt", 1, 1000),
+               Record("Docs/other", 5, 1000)});
+  // The server still holds thing and dir as recorded; other changed there too.
+  List({Line(Path("Docs/thing"), 5, 1000), Line(Path("Docs/dir"), 0, 0, true), Line(Path("Docs/dir/a.txt"), 1, 1000),
+        Line(Path("Docs/other"), 9, 2000)});
+
   Compare();
-  EXPECT_FALSE(queues.siteOffline);
-  auto work = Work();
-  ASSERT_EQ(work.size(), 3u);
-  EXPECT_EQ(work[0], "4:Docs/b.txt");
-  EXPECT_EQ(std::set<std::string>(work.begin() + 1, work.end()),
-            (std::set<std::string>{"0:Docs/a.txt", "0:Docs/b.txt"}));
+  // The local folder goes up with what it holds, the local file replaces the
+  // server's folder and its lines; other's server file takes the name, and the
+  // download moves the local folder aside with what it holds: no first-scan
+  // upload below it.
+  EXPECT_THAT(Work(), ElementsAre("0:Docs/thing", "0:Docs/thing/mine.txt", "0:Docs/dir", "2:Docs/other"));
+  EXPECT_TRUE(Item("Docs/thing")->isFolder);
+  EXPECT_FALSE(Item("Docs/dir")->isFolder);
+  EXPECT_FALSE(Item("Docs/other")->isFolder);
 }
 
 TEST_F(FilterNFQTest, SelectiveSyncLearnsTheListingAndForgetsWhatItLost) {

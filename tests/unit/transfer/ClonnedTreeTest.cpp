@@ -83,20 +83,26 @@ TEST_F(ClonnedTreeTest, StatesAreWrittenWholeAndZeroIsEmpty) {
   EXPECT_EQ(ReadFile(Clone("Docs/Ünïcødé/файл €.txt")), "1");
 }
 
-TEST_F(ClonnedTreeTest, FoldersAreRebuiltEmptyAndRemovedWhole) {
+TEST_F(ClonnedTreeTest, FoldersKeepWhatIsBelowThemAndAreRemovedWhole) {
   const std::string folder = Storage("Docs/a");
   Tree::WriteFileStateToClonnedTreeForPath(Storage("Docs/a/b.txt"), "1", false);
   Tree::WriteFileStateToClonnedTreeForPath(Storage("Docs/a/c/d.txt"), "2", false);
 
-  // A folder's state takes the clones below it along; they come back with their next state.
+  // A folder's state leaves the states below it alone: no badge flickers.
   Tree::WriteFileStateToClonnedTreeForPath(folder, "1", true);
-  EXPECT_TRUE(fs::is_directory(Clone("Docs/a")));
-  EXPECT_TRUE(fs::is_empty(Clone("Docs/a")));
+  EXPECT_EQ(ReadFile(Clone("Docs/a/b.txt")), "1");
+  EXPECT_EQ(ReadFile(Clone("Docs/a/c/d.txt")), "2");
 
-  // A file clone where a folder now stands is replaced by the folder.
+  // An item that changed its kind: the clone of the other kind gives way, also
+  // when it stands on the way to a clone below.
   Tree::WriteFileStateToClonnedTreeForPath(Storage("Docs/x"), "1", false);
   Tree::WriteFileStateToClonnedTreeForPath(Storage("Docs/x"), "", true);
   EXPECT_TRUE(fs::is_directory(Clone("Docs/x")));
+  Tree::WriteFileStateToClonnedTreeForPath(Storage("Docs/x"), "2", false);
+  EXPECT_EQ(ReadFile(Clone("Docs/x")), "2");
+  Tree::WriteFileStateToClonnedTreeForPath(Storage("Docs/x/inner/y.txt"), "1", false);
+  EXPECT_EQ(ReadFile(Clone("Docs/x/inner/y.txt")), "1");
+  EXPECT_EQ(home_.ReadLog("CVMainLogs").find("(ERROR)"), std::string::npos);
 
   // CreateClonnedFolder leaves what stands there alone.
   Tree::WriteFileStateToClonnedTreeForPath(Storage("Docs/a/keep.txt"), "2", false);
