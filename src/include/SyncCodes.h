@@ -56,6 +56,8 @@ enum : std::int32_t {
   SYNC_RETURN_RENAME_SOURCE_GONE = -61,
   SYNC_RETURN_SERVER_NOT_FOUND = -100,
   SYNC_RETURN_SIZE_CHANGED = -101,
+  // The server's storage cannot hold the name: the item stays here, reported.
+  SYNC_RETURN_NAME_HELD_BACK = -123,
   SYNC_RETURN_FAILED = -1000,
 };
 

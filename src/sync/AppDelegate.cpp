@@ -16,6 +16,7 @@
 #include "CVSelectiveSync.h"
 #include "DownloadedFilesStore.h"
 #include "DownloadedXMLStaticMethods.h"
+#include "HeldBackNames.h"
 #include "NewFilesParser.h"
 #include "NewFilesStore.h"
 #include "ServerXMLParser.h"
@@ -96,6 +97,10 @@ bool AppDelegate::applicationDidFinishLaunching() {
   CVConfiguration& config = CVConfiguration::Instance();
   config.ReadConfigFromFile();
   initializeRules();
+  HeldBackNames::Instance().Load();
+  for (const auto& name : HeldBackNames::Instance().All()) {
+    CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - held back -> " + HeldBackNames::Describe(name));
+  }
 
   if (!config.IsSignedIn()) {
     CVEventLogger::WriteMainLogMessage("No account is signed in: the login must come first");

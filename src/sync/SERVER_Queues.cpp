@@ -17,6 +17,8 @@
 #include "IconOverlayInFinderStaticMethods.h"
 #include "ManagerDownload.h"
 #include "ServerXMLParser.h"
+#include "HeldBackNames.h"
+#include "ServerNameRules.h"
 #include "SmartSync.h"
 #include "StateFileSupport.h"
 #include "UIFunctions.h"
@@ -279,6 +281,8 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
   std::unordered_set<std::string> queuedUploads;
   std::vector<std::string> replacedOnServer;
   std::vector<std::string> makingRoom;
+  // Server items whose names this file system cannot hold.
+  std::vector<std::string> tooLong;
   auto below = [](const std::vector<std::string>& folders, const std::string& path) {
     return std::any_of(folders.begin(), folders.end(), [&](const std::string& folder) {
       return path != folder && StateFileSupport::IsSameOrBelow(path, folder);
@@ -301,6 +305,16 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
     }
     auto position = index.Find(line.localPath);
     CVFileForCompare* record = position ? &records[*position] : nullptr;
+    if (auto problem = ServerNameRules::LocalPathProblem(line.localPath, line.isFolder);
+        !problem.empty() || below(tooLong, line.localPath)) {
+      // Never cut to fit: a shorter name could be another item's.
+      if (record) record->wasProcessed = true;
+      if (!below(tooLong, line.localPath)) {
+        tooLong.push_back(line.localPath);
+        Tell(HeldBackName{line.localPath, problem, "", true});
+      }
+      continue;
+    }
     if (below(replacedOnServer, line.localPath)) {
       // Goes with the server folder that a local file replaces.
       if (record) record->wasProcessed = true;
@@ -360,7 +374,26 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
     }
   }
   if (rebuild) TellRebuilt(storageName, rebuilt, brokenReads);
+  // Reports that no longer hold: the server's item is gone or renamed, the
+  // local one is gone (a rename by the user is released when it goes up).
+  for (const auto& held : HeldBackNames::Instance().All()) {
+    if (!StateFileSupport::IsSameOrBelow(held.localPath, storageFolder)) continue;
+    const bool stands = held.fromServer ? seen.count(held.localPath) > 0
+                                        : CVStaticHelpers::ExistsInAnyForm(held.localPath);
+    if (!stands) HeldBackNames::Instance().Release(held.localPath);
+  }
   return true;
+}
+
+void SERVER_Queues::Tell(const HeldBackName& name) {
+  Log("FilterNFQ", HeldBackNames::Describe(name));
+  if (!HeldBackNames::Instance().Hold(name)) return;
+  std::function<void(const std::string&)> notice;
+  {
+    std::lock_guard<std::mutex> lock(contextLock_);
+    notice = notice_;
+  }
+  if (notice) notice(HeldBackNames::Describe(name));
 }
 
 std::vector<CVFileForCompare> SERVER_Queues::RebuildRecords(const std::vector<CVFileForCompare>& listing,

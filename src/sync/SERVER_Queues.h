@@ -25,6 +25,7 @@
 #include "CVSelectiveSync.h"
 #include "CVSharepoint.h"
 #include "Clock.h"
+#include "HeldBackNames.h"
 #include "SyncRecords.h"
 
 class SERVER_Queues {
@@ -98,6 +99,8 @@ class SERVER_Queues {
                                                const CVSyncRulesDictionary& rules, const std::string& storageFolder);
   void TellRebuilt(const std::string& storageName, const std::vector<CVFileForCompare>& rebuilt,
                    std::uint64_t brokenReads);
+  // Reports an item that stays where it is; the user is told the first time.
+  void Tell(const HeldBackName& name);
 
   // Counts ClearServerQueues calls; raised before the work list is emptied.
   std::atomic<std::uint64_t> clearGeneration_{0};

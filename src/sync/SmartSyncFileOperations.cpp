@@ -10,6 +10,7 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <set>
 
 #include "AppDelegate.h"
 #include "AsyncFileCommonPart.h"
@@ -27,11 +28,14 @@
 #include "ManagerDownload.h"
 #include "MyParser.h"
 #include "ServerFileOperations.h"
+#include "ServerNameRules.h"
+#include "ServerXMLParser.h"
 #include "SmartSync.h"
 #include "StateFileSupport.h"
 #include "SyncListener.h"
 
 using namespace std::chrono_literals;
+namespace fs = std::filesystem;
 
 namespace {
 constexpr const char* kClass = "SmartSync";
@@ -78,6 +82,45 @@ struct Records {
            (item.isFolder || (record.size == item.size && record.modifiedTime == item.modifiedTime));
   }
 };
+
+// The storage's name and kind of a local path; nothing outside the storages.
+std::optional<std::pair<std::string, std::string>> StorageOf(const std::string& path) {
+  auto site = CVStaticHelpers::GetSpSiteForLocalPath(path);
+  if (!site) return std::nullopt;
+  std::lock_guard<std::recursive_mutex> lock(CVConfiguration::Instance().fSpSitesLock);
+  return std::make_pair(site->Name, site->StorageType);
+}
+
+bool OnShareKind(const std::string& path) {
+  auto storage = StorageOf(path);
+  return storage && ServerNameRules::IsShareKind(storage->second);
+}
+
+bool IsRecorded(const std::string& path) {
+  auto records = Records::Read();
+  return records && records->index.Contains(path);
+}
+
+std::string ParentOf(const std::string& path) { return path.substr(0, path.find_last_of('/')); }
+
+// A name for an item of folder, after name, that no entry there takes for its own.
+std::string FreeName(const std::string& folder, const std::string& name, const std::string& storageType) {
+  std::set<std::string> taken;
+  std::error_code error;
+  for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+    taken.insert(ServerNameRules::ComparisonKey(it->path().filename().string(), storageType));
+  }
+  const std::string valid = ServerNameRules::ValidName(name, storageType);
+  if (valid != name && !taken.count(ServerNameRules::ComparisonKey(valid, storageType))) return valid;
+  const std::size_t dot = valid.rfind('.');
+  const bool hasExtension = dot != std::string::npos && dot > 0;
+  const std::string stem = hasExtension ? valid.substr(0, dot) : valid;
+  const std::string extension = hasExtension ? valid.substr(dot) : "";
+  for (int count = 2;; ++count) {
+    std::string candidate = stem + " (" + std::to_string(count) + ")" + extension;
+    if (!taken.count(ServerNameRules::ComparisonKey(candidate, storageType))) return candidate;
+  }
+}
 
 std::int32_t SiteIndex(const std::string& name) {
   auto sites = CVConfiguration::Instance().SitesCopy();
@@ -134,7 +177,8 @@ std::optional<std::vector<std::string>> SmartSyncFileOperations::GetFileInfo(con
 }
 
 std::optional<std::vector<CVFileForCompare>> SmartSyncFileOperations::ListServerFolder(SmartSync& sync,
-                                                                                      const std::string& localPath) {
+                                                                                      const std::string& localPath,
+                                                                                      bool recursive) {
   auto site = CVStaticHelpers::GetSpSiteForLocalPath(localPath);
   if (!site) return std::nullopt;
   CVSharepoint storage;
@@ -144,8 +188,7 @@ std::optional<std::vector<CVFileForCompare>> SmartSyncFileOperations::ListServer
   }
   ManagerDownload manager(app_.clock(), [&sync] { return !sync.syncMainThreadShouldRun; });
   auto listed = manager.GetFileListFromServerNew(CVStaticHelpers::serverPathFromLocalPath(localPath), storage,
-                                                 /*recursive=*/true, /*uploadRequest=*/false,
-                                                 /*WithCanStopped=*/true);
+                                                 recursive, /*uploadRequest=*/false, /*WithCanStopped=*/true);
   if (manager.isSiteOffline) return std::nullopt;
   return listed;
 }
@@ -249,7 +292,24 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
         }
         break;
       case FWA_RenameFileOnServer: {
-        result = PerformRenameFileOnServer(sync, item, site);
+        const auto held = HeldBackNames::Instance().Find(item.oldFilePath);
+        if (held && StateFileSupport::IsSameOrBelow(held->localPath, item.oldFilePath)) {
+          // It never went up under the old name: it goes up now under the new one.
+          HeldBackNames::Instance().Release(item.oldFilePath);
+          if (item.isFolder) {
+            QueueLocalUpload(sync, item.nFilePath, true);
+            result = SYNC_RETURN_OK;
+          } else {
+            result = PerformUploadToServer(sync, item);
+          }
+        } else if (held || (OnShareKind(item.oldFilePath) && !IsRecorded(item.oldFilePath))) {
+          // Not on the server under the old name, which there could stand for another item.
+          result = PerformUploadToServer(sync, item);
+        } else if (auto refused = NameHeldBack(item.nFilePath)) {
+          result = HoldBack(*refused);
+        } else {
+          result = PerformRenameFileOnServer(sync, item, site);
+        }
         if (result == SYNC_RETURN_RENAME_SOURCE_GONE) {
           result = CVStaticHelpers::ExistsInAnyForm(item.nFilePath) ? PerformUploadToServer(sync, item)
                                                                     : SYNC_RETURN_OK;
@@ -285,7 +345,7 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
     }
   };
   bool exists = CVStaticHelpers::ExistsInAnyForm(item.nFilePath);
-  if (result == SYNC_RETURN_OK || result == SYNC_RETURN_SIZE_CHANGED) {
+  if (result == SYNC_RETURN_OK || result == SYNC_RETURN_SIZE_CHANGED || result == SYNC_RETURN_NAME_HELD_BACK) {
     finish();
   } else if (item.attemptsCount >= 3 && item.fileAction != FWA_UploadToServer) {
     if (item.fileAction == FWA_RenameFileOnServer && item.isFSWAction) QueueUploadOfGivenUpRename(sync, item);
@@ -400,7 +460,7 @@ bool SmartSyncFileOperations::ServerAsRecorded(SmartSync& sync, const CVFileWith
     return records->Alike(server);
   }
   if (!records->Alike(server)) return false;
-  auto listed = ListServerFolder(sync, item.nFilePath);
+  auto listed = ListServerFolder(sync, item.nFilePath, true);
   if (!listed) {
     // Nothing listed: an empty folder is as recorded only when nothing was recorded in it.
     return std::none_of(records->all.begin(), records->all.end(), [&](const CVFileForCompare& record) {
@@ -409,6 +469,83 @@ bool SmartSyncFileOperations::ServerAsRecorded(SmartSync& sync, const CVFileWith
   }
   return std::all_of(listed->begin(), listed->end(),
                      [&](const CVFileForCompare& line) { return records->Alike(line); });
+}
+
+std::optional<HeldBackName> SmartSyncFileOperations::NameHeldBack(const std::string& path) {
+  auto storage = StorageOf(path);
+  if (!storage) return std::nullopt;
+  const auto& [name, type] = *storage;
+  const bool share = ServerNameRules::IsShareKind(type);
+  std::string parent = CVStaticHelpers::GenerateRootPathForStorages() + "/" + name;
+  if (!path.starts_with(parent + "/")) return std::nullopt;
+  std::optional<Records> records;  // read only when a name has a twin
+  for (std::size_t start = parent.size() + 1; start <= path.size();) {
+    std::size_t end = std::min(path.find('/', start), path.size());
+    const std::string component = path.substr(start, end - start);
+    const std::string current = path.substr(0, end);
+    if (auto problem = ServerNameRules::NameProblem(component, type); !problem.empty()) {
+      return HeldBackName{current, problem, FreeName(parent, component, type)};
+    }
+    // Two names one storage takes for the same: the one the server knows keeps syncing.
+    const auto like = share ? NamesLike(parent, component, type) : std::vector<std::string>{};
+    if (!like.empty() && !records) records = Records::Read();
+    if (!like.empty() && !(records && records->index.Contains(current))) {
+      for (const auto& sibling : like) {
+        if (!records || !records->index.Contains(parent + "/" + sibling)) continue;
+        return HeldBackName{current,
+                            "\"" + sibling + "\" in the same folder has the same name for the server's storage, "
+                            "which does not tell upper from lower case",
+                            FreeName(parent, component, type)};
+      }
+    }
+    parent = current;
+    start = end + 1;
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> SmartSyncFileOperations::NamesLike(const std::string& folder, const std::string& name,
+                                                            const std::string& storageType) {
+  struct stat info {};
+  if (::stat(folder.c_str(), &info) != 0) return {};
+  const std::int64_t changed = static_cast<std::int64_t>(info.st_ctim.tv_sec) * 1'000'000'000 + info.st_ctim.tv_nsec;
+  FolderNames& names = folderNames_;
+  if (names.path != folder || names.storageType != storageType || names.changed != changed ||
+      names.inode != info.st_ino) {
+    names = FolderNames{folder, storageType, changed, static_cast<std::uint64_t>(info.st_ino), {}};
+    std::error_code error;
+    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+      const std::string entry = it->path().filename().string();
+      names.byKey[ServerNameRules::ComparisonKey(entry, storageType)].push_back(entry);
+    }
+  }
+  std::vector<std::string> like;
+  auto found = names.byKey.find(ServerNameRules::ComparisonKey(name, storageType));
+  if (found == names.byKey.end()) return like;
+  for (const auto& entry : found->second) {
+    if (entry != name) like.push_back(entry);
+  }
+  return like;
+}
+
+std::optional<std::string> SmartSyncFileOperations::ServerSpellingOf(SmartSync& sync, const std::string& path) {
+  auto storage = StorageOf(path);
+  if (!storage) return std::nullopt;
+  const std::string name = path.substr(path.find_last_of('/') + 1);
+  const std::string key = ServerNameRules::ComparisonKey(name, storage->second);
+  const std::string parent = ParentOf(path);
+  for (const auto& line : ListServerFolder(sync, parent, false).value_or(std::vector<CVFileForCompare>{})) {
+    if (ParentOf(line.localPath) != parent) continue;
+    const std::string listed = line.localPath.substr(parent.size() + 1);
+    if (listed != name && ServerNameRules::ComparisonKey(listed, storage->second) == key) return listed;
+  }
+  return std::nullopt;
+}
+
+std::int32_t SmartSyncFileOperations::HoldBack(const HeldBackName& name) {
+  Log("HoldBack", HeldBackNames::Describe(name));
+  if (HeldBackNames::Instance().Hold(name)) app_.NotifyUser(HeldBackNames::Describe(name));
+  return SYNC_RETURN_NAME_HELD_BACK;
 }
 
 bool SmartSyncFileOperations::CheckNextFileOnServer(const CVFileWithAction& item,
@@ -429,6 +566,7 @@ std::int32_t SmartSyncFileOperations::PerformUploadToServer(SmartSync& sync, CVF
     Log("PerformUploadToServer", "Upload to server:  " + item.nFilePath);
     app_.AddFileInProgress(item.nFilePath);
     if (!CVStaticHelpers::ExistsInAnyForm(item.nFilePath)) return SYNC_RETURN_STATE_CHANGED;
+    if (auto held = NameHeldBack(item.nFilePath)) return HoldBack(*held);
     struct stat info {};
     if (lstat(item.nFilePath.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
       // Links are never followed: what they point at may lie outside the storage.
@@ -441,6 +579,17 @@ std::int32_t SmartSyncFileOperations::PerformUploadToServer(SmartSync& sync, CVF
     if (auto local = CVFileForCompareMethods::CreateCVFileForCompare(item.nFilePath)) item.isFolder = local->isFolder;
     auto serverData = GetFileInfo(item.nFilePath);
     if (!sync.syncMainThreadShouldRun) return SYNC_RETURN_LOCKED;
+    if (serverData && !serverData->empty() && OnShareKind(item.nFilePath) && !IsRecorded(item.nFilePath)) {
+      // The server answered for a name it takes for this one: maybe another
+      // item, spelled in another case, which this one must not overwrite.
+      if (auto spelling = ServerSpellingOf(sync, item.nFilePath)) {
+        auto storage = StorageOf(item.nFilePath);
+        return HoldBack({item.nFilePath,
+                         "the server holds \"" + *spelling +
+                             "\", the same name for its storage, which does not tell upper from lower case",
+                         FreeName(ParentOf(item.nFilePath), LastComponent(item.nFilePath), storage->second)});
+      }
+    }
     const bool serverIsFolder = serverData && serverData->size() > 1 && (*serverData)[1] == "D";
     if (serverData && !serverData->empty() && serverIsFolder != item.isFolder) {
       // A file became a folder here, or the reverse. When the server still holds
@@ -621,6 +770,13 @@ std::int32_t SmartSyncFileOperations::PerformDeleteOnServer(SmartSync&, CVFileWi
     if (CVStaticHelpers::ExistsInAnyForm(item.nFilePath)) {
       Log("PerformDeleteOnServer", "Not delete (exist) file/folder: " + item.nFilePath);
       return SYNC_RETURN_STATE_CHANGED;
+    }
+    // What never went up under this name is not on the server; where the storage
+    // does not tell upper from lower case, the name could stand for another item.
+    if (HeldBackNames::Instance().Release(item.nFilePath) ||
+        (OnShareKind(item.nFilePath) && !IsRecorded(item.nFilePath))) {
+      Log("PerformDeleteOnServer", "never on the server under this name, nothing to delete: " + item.nFilePath);
+      return SYNC_RETURN_OK;
     }
     if (SmartSync::CheckFileNameStringState(item.nFilePath) == 1) {
       item.nFilePath = CVStaticHelpers::PrecomposedForm(item.nFilePath);

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -18,6 +19,7 @@
 
 #include "DownloadLanding.h"
 #include "FileOperationDispatcher.h"
+#include "HeldBackNames.h"
 #include "SyncRecords.h"
 
 class AppDelegate;
@@ -56,10 +58,10 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   virtual bool DownloadFile(CVFileWithAction& item);
   virtual std::optional<std::vector<std::string>> GetFileInfo(const std::string& localPath);
   virtual std::string GetFileInfoReturnForPath(const std::string& localPath);
-  // Everything the server lists below a local folder's server path; nothing
-  // when the listing failed or holds nothing.
-  virtual std::optional<std::vector<CVFileForCompare>> ListServerFolder(SmartSync& sync,
-                                                                        const std::string& localPath);
+  // What the server lists below a local folder's server path, every level or
+  // one; nothing when the listing failed or holds nothing.
+  virtual std::optional<std::vector<CVFileForCompare>> ListServerFolder(SmartSync& sync, const std::string& localPath,
+                                                                        bool recursive);
 
  private:
   // Moves the file aside without ever replacing what stands at copyPath.
@@ -84,8 +86,22 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   // listing holds only recorded items alike.
   bool ServerAsRecorded(SmartSync& sync, const CVFileWithAction& item, bool serverIsFolder,
                         const std::vector<std::string>& serverData);
+  // Why path cannot go up under its name, as the entry to report: a name that
+  // the storage's kind refuses, or, where the storage does not tell upper from
+  // lower case, an item of the same folder that the server knows under the
+  // same name. The entry is that of the highest component held back.
+  std::optional<HeldBackName> NameHeldBack(const std::string& path);
+  // The name of the server's item that a storage without case takes for the
+  // one of path, when it is spelled otherwise.
+  std::optional<std::string> ServerSpellingOf(SmartSync& sync, const std::string& path);
+  // Keeps the item here and reports it; the user is told the first time.
+  std::int32_t HoldBack(const HeldBackName& name);
   // True (and the record forgotten) when the server no longer has the item.
   bool ForgetIfGoneFromServer(const CVFileWithAction& item, const char* method);
+
+  // The other names of folder that a storage of storageType takes for name.
+  std::vector<std::string> NamesLike(const std::string& folder, const std::string& name,
+                                     const std::string& storageType);
 
   AppDelegate& app_;
   ServerFileOperations& server_;
@@ -93,6 +109,16 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   void LandDownloads();
 
   DownloadLanding landing_;
+  // The names of the folder the last clash test read, by comparison key, while
+  // the folder stays unchanged: uploads come folder by folder. Loop thread only.
+  struct FolderNames {
+    std::string path;
+    std::string storageType;
+    std::int64_t changed = -1;  // the folder's status change time, ns
+    std::uint64_t inode = 0;
+    std::map<std::string, std::vector<std::string>> byKey;
+  };
+  FolderNames folderNames_;
   std::mutex downloaderLock_;
   std::shared_ptr<AsyncFileDownloader> cvAFD_;
 };

@@ -23,6 +23,7 @@
 #include "CVTextEscaping.h"
 #include "Clock.h"
 #include "MobileClientWS.h"
+#include "ServerNameRules.h"
 #include "SyncCodes.h"
 #include "SyncListener.h"
 
@@ -128,6 +129,9 @@ std::string AsyncFileMethods::NameProblemForServer(const std::string& localPath,
     if (name.empty() || name == "." || name == "..") return "it has an empty, \".\" or \"..\" component";
     if (name.find('\\') != std::string::npos) {
       return "the name \"" + name + "\" holds a backslash, which the server takes for a folder separator";
+    }
+    if (auto problem = ServerNameRules::NameProblem(name, site.StorageType); !problem.empty()) {
+      return "\"" + name + "\": " + problem;
     }
     start = end + 1;
   }

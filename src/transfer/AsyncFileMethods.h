@@ -110,8 +110,9 @@ class AsyncFileMethods : public ServerFileOperations {
   // "CIFS" and for locations that hold one, "/" for the rest).
   static std::string generateServerPath(const std::string& localPath, const CVSharepoint& forSite);
   // Why a local path cannot be sent to the server ("" when it can): it must lie
-  // below the storage's folder, with no "." or ".." component and no "\" in a
-  // name, which the server would read as a separator.
+  // below the storage's folder, with no "." or ".." component, no "\" in a
+  // name, which the server would read as a separator, and no name that the
+  // storage's kind refuses (ServerNameRules).
   static std::string NameProblemForServer(const std::string& localPath, const CVSharepoint& site);
   // -1000 for "", 0 for exactly "0;", else the number before the first ";"
   // (-1000 when there is none).

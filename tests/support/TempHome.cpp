@@ -13,6 +13,7 @@
 #include "CVStaticHelpers.h"
 #include "DownloadedFilesStore.h"
 #include "NewFilesStore.h"
+#include "HeldBackNames.h"
 #include "SyncListenerAddInfo.h"
 
 namespace fs = std::filesystem;
@@ -32,6 +33,7 @@ TempHome::TempHome() {
   DownloadedFilesStore::Instance().Forget();
   NewFilesStore::Instance().Forget();
   CVIPRestriction::RemoveAll();
+  HeldBackNames::ResetForTests();
   SyncListenerAddInfo::ResetForTests();
   CVStaticHelpers::SetMachineIdentity(nullptr);
   CVStaticHelpers::SetTrash(nullptr);

@@ -122,6 +122,8 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args) {
       options.stateDir = value();
     } else if (arg == "--location-host") {
       options.locationHost = value();
+    } else if (arg == "--linux-names") {
+      options.linuxNames = true;
     } else if (arg == "--restricted") {
       const auto& argument = value();
       const auto slash = argument.find('/');
@@ -180,6 +182,10 @@ std::string UsageText() {
                             without one a user gets a policy that lists their storages
   --device-status USER=REPLY GetDeviceStatus for USER (default "1;A"; "1;B" blocked...)
   --lock-after N            refuse a user's logins after N failures in a row (default: never)
+  --linux-names             every storage keeps names as a Linux folder (case-sensitive, any
+                            name); without it CIFS, SP and O365 storages keep them as a
+                            Windows share: compared without case, refusing \ / : * ? " < > |,
+                            a final dot or space and device names (CON, NUL, COM1...)
   --restricted STORAGE/PATH a path closed as by an IP restriction (repeatable)
   --upload-request GUID=USER an upload request that LoginEx accepts (repeatable)
   --fail NAME,COUNT,KIND    make the next COUNT calls ("*": all) of a method or handler fail;

@@ -48,7 +48,8 @@ SoapReply MoveFile(ServerState& state, const SoapCall& call) {
   if (Restricted(state, source, true) || Restricted(state, target, false)) {
     return SoapReply::Text(kRestricted);
   }
-  switch (source.storage->Move(source.relative, target.relative)) {
+  // The target as the client spelled it: a share may take it as a change of case.
+  switch (source.storage->Move(source.relative, target.requested)) {
     case Storage::MoveOutcome::Moved:
       return SoapReply::Text(kDone);
     case Storage::MoveOutcome::SourceMissing:
@@ -57,6 +58,8 @@ SoapReply MoveFile(ServerState& state, const SoapCall& call) {
       return SoapReply::Text(kTargetExists);
     case Storage::MoveOutcome::IntoItself:
       return SoapReply::Text(kIntoItself);
+    case Storage::MoveOutcome::NameRefused:
+      return SoapReply::Text(kNameRefused);
   }
   return SoapReply::Text(kNotFound);
 }
@@ -99,6 +102,8 @@ SoapReply CreateFolder(ServerState& state, const SoapCall& call) {
       return SoapReply::Text(kDone);
     case Storage::FolderOutcome::FileInTheWay:
       return SoapReply::Text(kTargetExists);
+    case Storage::FolderOutcome::NameRefused:
+      return SoapReply::Text(kNameRefused);
   }
   return SoapReply::Text(kTargetExists);
 }

@@ -18,6 +18,9 @@ inline constexpr const char* kDone = "0;";
 // "Error Code - 183" is what the client looks for: a rename's target exists.
 inline constexpr const char* kTargetExists =
     "-6;Error Code - 183 Cannot create a file when that file already exists;";
+// A name a Windows share refuses (a storage kept with share names).
+inline constexpr const char* kNameRefused =
+    "-5;Error Code - 123 The filename, directory name, or volume label syntax is incorrect.;";
 // A part upload's finish that cannot make the whole file from what it has.
 inline constexpr const char* kPartsMissing = "-5;Parts missing";
 // SwitchToVersion's answer for a version it does not have; no ";" behind it.

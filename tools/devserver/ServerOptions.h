@@ -78,6 +78,11 @@ struct ServerOptions {
   // right password too, until the server restarts; 0: never.
   int lockAfterFailures = 0;
 
+  // Every storage keeps names as a Linux folder does (case-sensitive, any
+  // name), whatever its type; otherwise "CIFS", "SP" and "O365" storages keep
+  // them as a Windows share does.
+  bool linuxNames = false;
+
   std::vector<RestrictedPath> restricted;
   std::vector<FaultSetting> faults;
 

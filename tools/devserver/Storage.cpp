@@ -10,6 +10,10 @@
 #include <stdexcept>
 #include <system_error>
 
+#include <utf8proc.h>
+
+#include <cstdlib>
+
 #include "WireFormats.h"
 
 namespace fs = std::filesystem;
@@ -35,6 +39,35 @@ void SetModified(const fs::path& path, std::optional<std::int64_t> seconds) {
   if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
     throw std::system_error(errno, std::generic_category(), "utimensat " + path.string());
   }
+}
+
+// The form under which a share compares names: case folded, composed. Text
+// that is not UTF-8 is compared by its ASCII letters alone.
+std::string FoldedName(std::string_view name) {
+  utf8proc_uint8_t* folded = nullptr;
+  const auto length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(name.data()),
+                                   static_cast<utf8proc_ssize_t>(name.size()), &folded,
+                                   static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE |
+                                                                  UTF8PROC_CASEFOLD));
+  if (length < 0) return AsciiLower(name);
+  std::string out(reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length));
+  std::free(folded);
+  return out;
+}
+
+// The name of the entry of folder that a share takes name for: name itself
+// when it exists, else the first entry equal to it without case, else name.
+std::string StoredName(const fs::path& folder, const std::string& name) {
+  struct stat st {};
+  if (::lstat((folder / name).c_str(), &st) == 0) return name;
+  const auto wanted = FoldedName(name);
+  std::string found;
+  std::error_code ec;
+  for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+    const auto candidate = it->path().filename().string();
+    if (FoldedName(candidate) == wanted && (found.empty() || candidate < found)) found = candidate;
+  }
+  return found.empty() ? name : found;
 }
 
 bool IsInside(const fs::path& inner, const fs::path& outer) {
@@ -82,8 +115,30 @@ bool IsServerTemporaryName(std::string_view name) {
   return name.substr(0, kTemporaryPrefix.size()) == kTemporaryPrefix;
 }
 
-Storage::Storage(StorageConfig config, fs::path stateFolder, const std::string& locationHost)
+bool KeepsShareNames(const std::string& storageType) {
+  return EqualsIgnoreAsciiCase(storageType, "CIFS") || EqualsIgnoreAsciiCase(storageType, "SP") ||
+         EqualsIgnoreAsciiCase(storageType, "O365");
+}
+
+std::string ShareRefusal(std::string_view name) {
+  for (unsigned char c : name) {
+    if (c < 0x20 || std::string_view("\\/:*?\"<>|").find(static_cast<char>(c)) != std::string_view::npos) {
+      return "the character " + (c < 0x20 ? "U+" + std::to_string(c) : std::string(1, static_cast<char>(c))) +
+             " is not allowed";
+    }
+  }
+  if (!name.empty() && (name.back() == '.' || name.back() == ' ')) return "a name cannot end with a dot or a space";
+  const auto stem = AsciiLower(name.substr(0, name.find('.')));
+  static const char* const kDevices[] = {"con", "prn", "aux", "nul"};
+  bool device = std::find(std::begin(kDevices), std::end(kDevices), stem) != std::end(kDevices);
+  device |= stem.size() == 4 && (stem.rfind("com", 0) == 0 || stem.rfind("lpt", 0) == 0) && stem[3] >= '1' &&
+            stem[3] <= '9';
+  return device ? "\"" + std::string(name) + "\" is a device name" : "";
+}
+
+Storage::Storage(StorageConfig config, fs::path stateFolder, const std::string& locationHost, bool shareNames)
     : config_(std::move(config)),
+      shareNames_(shareNames),
       stateFolder_(std::move(stateFolder)),
       versions_(stateFolder_ / "versions"),
       pending_(stateFolder_ / "pending") {
@@ -101,15 +156,17 @@ bool Storage::ServesUser(const std::string& user) const {
   return false;
 }
 
-std::optional<fs::path> Storage::Resolve(const std::vector<std::string>& components) const {
+std::optional<fs::path> Storage::Resolve(std::vector<std::string>& components, std::size_t* existing) const {
   fs::path local = config_.folder;
   bool missing = false;
+  if (existing) *existing = 0;
   for (std::size_t i = 0; i < components.size(); ++i) {
-    const auto& component = components[i];
+    auto& component = components[i];
     if (component.empty() || component == "." || component == ".." ||
         component.find_first_of(std::string_view("/\\\0", 3)) != std::string::npos) {
       return std::nullopt;
     }
+    if (shareNames_ && !missing) component = StoredName(local, component);
     local /= component;
     if (missing) continue;
     struct stat st {};
@@ -117,18 +174,27 @@ std::optional<fs::path> Storage::Resolve(const std::vector<std::string>& compone
       missing = true;  // nothing below can exist either
       continue;
     }
+    if (existing) *existing = i + 1;
     if (S_ISLNK(st.st_mode)) return std::nullopt;
     if (i + 1 < components.size() && !S_ISDIR(st.st_mode)) return std::nullopt;
   }
   return local;
 }
 
-fs::path Storage::CheckedPath(const std::string& relativePath,
-                              std::vector<std::string>& components) const {
+std::string Storage::NewNameRefusal(const std::vector<std::string>& components, std::size_t existing) const {
+  if (!shareNames_) return "";
+  for (std::size_t i = existing; i < components.size(); ++i) {
+    if (auto refusal = ShareRefusal(components[i]); !refusal.empty()) return refusal;
+  }
+  return "";
+}
+
+fs::path Storage::CheckedPath(const std::string& relativePath, std::vector<std::string>& components,
+                              std::size_t* existing) const {
   auto split = SplitRelativePath(relativePath);
   if (!split) throw std::invalid_argument("path leaves the storage: " + relativePath);
   components = std::move(*split);
-  auto local = Resolve(components);
+  auto local = Resolve(components, existing);
   if (!local) throw std::invalid_argument("path leaves the storage: " + relativePath);
   return *local;
 }
@@ -190,15 +256,25 @@ Storage::MoveOutcome Storage::Move(const std::string& fromRelative, const std::s
   std::lock_guard<std::mutex> lock(writeMutex_);
   std::vector<std::string> from;
   std::vector<std::string> to;
+  std::size_t existing = 0;
   const auto source = CheckedPath(fromRelative, from);
-  const auto target = CheckedPath(toRelative, to);
+  const auto target = CheckedPath(toRelative, to, &existing);
   if (from.empty() || to.empty()) throw std::invalid_argument("cannot move the storage's root");
   const auto sourceStatus = fs::symlink_status(source);
   if (!fs::is_regular_file(sourceStatus) && !fs::is_directory(sourceStatus)) {
     return MoveOutcome::SourceMissing;
   }
   const auto targetStatus = fs::symlink_status(target);
-  if (fs::exists(targetStatus) || fs::is_symlink(targetStatus)) return MoveOutcome::TargetExists;
+  if (fs::exists(targetStatus) || fs::is_symlink(targetStatus)) {
+    // A share renames an entry to another case of its own name.
+    const auto requested = SplitRelativePath(toRelative);
+    if (shareNames_ && target == source && requested && requested->back() != to.back()) {
+      fs::rename(source, source.parent_path() / requested->back());
+      return MoveOutcome::Moved;
+    }
+    return MoveOutcome::TargetExists;
+  }
+  if (!NewNameRefusal(to, existing).empty()) return MoveOutcome::NameRefused;
   if (to.size() > from.size() && std::equal(from.begin(), from.end(), to.begin())) {
     return MoveOutcome::IntoItself;
   }
@@ -210,10 +286,12 @@ Storage::MoveOutcome Storage::Move(const std::string& fromRelative, const std::s
 Storage::FolderOutcome Storage::CreateFolder(const std::string& relativePath) {
   std::lock_guard<std::mutex> lock(writeMutex_);
   std::vector<std::string> components;
-  const auto local = CheckedPath(relativePath, components);
+  std::size_t existing = 0;
+  const auto local = CheckedPath(relativePath, components, &existing);
   const auto status = fs::symlink_status(local);
   if (fs::is_directory(status)) return FolderOutcome::Existed;
   if (fs::exists(status) || fs::is_symlink(status)) return FolderOutcome::FileInTheWay;
+  if (!NewNameRefusal(components, existing).empty()) return FolderOutcome::NameRefused;
   fs::create_directories(local);
   return FolderOutcome::Created;
 }
@@ -266,7 +344,8 @@ StorageSet::StorageSet(const ServerOptions& options) {
             : options.stateDir / name;
     fs::create_directories(state);
     state = fs::canonical(state);
-    storages_.push_back(std::make_unique<Storage>(std::move(config), state, options.locationHost));
+    const bool shareNames = !options.linuxNames && KeepsShareNames(config.type);
+    storages_.push_back(std::make_unique<Storage>(std::move(config), state, options.locationHost, shareNames));
   }
   // The state of a storage (versions, temporary files) must never show in a
   // storage's folder: the folder is exactly what the server holds.
@@ -327,9 +406,10 @@ std::optional<ResolvedPath> StorageSet::Resolve(const std::string& user,
   if (!best) return std::nullopt;
   auto components = SplitRelativePath(serverPath.substr(rest));
   if (!components) return std::nullopt;
-  auto local = best->Resolve(*components);
-  if (!local) return std::nullopt;
   ResolvedPath resolved;
+  resolved.requested = JoinRelativePath(*components);
+  auto local = best->Resolve(*components, &resolved.existing);
+  if (!local) return std::nullopt;
   resolved.storage = best;
   resolved.relative = JoinRelativePath(*components);
   resolved.components = std::move(*components);

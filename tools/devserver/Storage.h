@@ -33,9 +33,21 @@ std::string JoinRelativePath(const std::vector<std::string>& components);
 // moment; listings never show them.
 bool IsServerTemporaryName(std::string_view name);
 
+// Storages of the kinds that live on Windows file shares and document libraries
+// ("CIFS", "SP", "O365") keep names as those do: compared without case, each
+// keeping the case it was made with, and refusing what Windows refuses.
+bool KeepsShareNames(const std::string& storageType);
+// Why a Windows share refuses name ("" when it takes it): the characters
+// \ / : * ? " < > | and control characters, a final dot or space, a device name
+// (CON, PRN, AUX, NUL, COM1-9, LPT1-9, in any case, with any extension).
+std::string ShareRefusal(std::string_view name);
+
 class Storage {
  public:
-  Storage(StorageConfig config, std::filesystem::path stateFolder, const std::string& locationHost);
+  // shareNames: names as a Windows share keeps them (see KeepsShareNames);
+  // otherwise as a Linux folder does, case-sensitive and anything goes.
+  Storage(StorageConfig config, std::filesystem::path stateFolder, const std::string& locationHost,
+          bool shareNames);
 
   const std::string& name() const { return config_.name; }
   const std::string& type() const { return config_.type; }
@@ -47,11 +59,18 @@ class Storage {
   const std::filesystem::path& folder() const { return config_.folder; }
   const std::filesystem::path& stateFolder() const { return stateFolder_; }
   bool ServesUser(const std::string& user) const;
+  bool shareNames() const { return shareNames_; }
 
   // The local path of checked components, when no symbolic link and no
   // non-folder lies on the way. The entry itself need not exist, but it must
-  // not be a symbolic link.
-  std::optional<std::filesystem::path> Resolve(const std::vector<std::string>& components) const;
+  // not be a symbolic link. With share names a component takes the spelling of
+  // the entry that matches it without case. existing: how many components,
+  // from the first, name entries that exist.
+  std::optional<std::filesystem::path> Resolve(std::vector<std::string>& components,
+                                               std::size_t* existing = nullptr) const;
+  // With share names: why a component that does not exist yet cannot be made
+  // (ShareRefusal); "" when all can.
+  std::string NewNameRefusal(const std::vector<std::string>& components, std::size_t existing) const;
 
   VersionStore& versions() { return versions_; }
   const VersionStore& versions() const { return versions_; }
@@ -67,7 +86,8 @@ class Storage {
   void WriteFile(const std::string& relativePath, std::string_view content,
                  const std::string& owner, std::optional<std::int64_t> modified = std::nullopt);
   // Moves a prepared file (from NewTemporaryPath) into place atomically, parents
-  // created; earlier content becomes a version. The file is taken over: it is
+  // created; earlier content becomes a version. Names are the caller's to check
+  // (NewNameRefusal): a test may put any name into the folder. The file is taken over: it is
   // gone afterwards, also when this throws. Modified time as for WriteFile.
   void InstallFile(const std::string& relativePath, const std::filesystem::path& prepared,
                    const std::string& owner, std::optional<std::int64_t> modified = std::nullopt);
@@ -75,22 +95,24 @@ class Storage {
   // False when there is nothing at the path.
   bool Remove(const std::string& relativePath, const std::string& owner);
 
-  enum class MoveOutcome { Moved, SourceMissing, TargetExists, IntoItself };
+  enum class MoveOutcome { Moved, SourceMissing, TargetExists, IntoItself, NameRefused };
   // Renames a file or a folder, the target's parents created; times and content
-  // stay as they are. Throws for a path that leaves the storage or names its root.
+  // stay as they are. With share names a target that differs from the source in
+  // case only renames it. Throws for a path that leaves the storage or names its root.
   MoveOutcome Move(const std::string& fromRelative, const std::string& toRelative);
 
-  enum class FolderOutcome { Created, Existed, FileInTheWay };
+  enum class FolderOutcome { Created, Existed, FileInTheWay, NameRefused };
   // The folder and its missing parents. Throws for a path that leaves the storage.
   FolderOutcome CreateFolder(const std::string& relativePath);
 
  private:
-  std::filesystem::path CheckedPath(const std::string& relativePath,
-                                    std::vector<std::string>& components) const;
+  std::filesystem::path CheckedPath(const std::string& relativePath, std::vector<std::string>& components,
+                                    std::size_t* existing = nullptr) const;
   void KeepTree(const std::filesystem::path& local, const std::string& relative,
                 const std::string& owner);
 
   StorageConfig config_;
+  bool shareNames_;
   std::filesystem::path stateFolder_;
   std::string location_;
   VersionStore versions_;
@@ -104,6 +126,8 @@ struct ResolvedPath {
   Storage* storage = nullptr;
   std::vector<std::string> components;  // below the storage's folder; empty for its root
   std::string relative;                 // the same joined with "/"
+  std::string requested;                // as the client spelled it, joined with "/"
+  std::size_t existing = 0;             // leading components that name existing entries
   std::filesystem::path local;
 };
 

@@ -92,6 +92,10 @@ std::variant<Plan, Refusal> MakePlan(ServerState& state, const httplib::Request&
   plan.relative = target.path.relative;
   plan.owner = target.owner.user;
   if (target.path.components.empty()) return Refusal{500, "the storage's root is a folder"};
+  if (auto refusal = plan.storage->NewNameRefusal(target.path.components, target.path.existing);
+      !refusal.empty()) {
+    return Refusal{500, "the share refuses the name: " + refusal};
+  }
   if (state.restrictions().Covers(plan.storage->name(), plan.relative)) {
     return Refusal{500, "restricted"};
   }

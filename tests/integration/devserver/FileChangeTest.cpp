@@ -7,9 +7,11 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "DevServerFixture.h"
+#include "WireFormats.h"
 
 namespace fs = std::filesystem;
 
@@ -80,9 +82,9 @@ TEST_F(FileChangeTest, MoveFileRenamesFilesAndFoldersIntoNewParents) {
 
   // The client renames with its own separator, any letter case in the location.
   EXPECT_EQ(Mobile("MoveFile", {{"CurrentFileName", "\\\\DEVSERVER\\docs\\renamed.txt"},
-                                {"NewFileName", "//devserver/Docs/R&D <1>.txt"}}),
+                                {"NewFileName", "//devserver/Docs/R&D [1].txt"}}),
             "0;");
-  EXPECT_EQ(Read("R&D <1>.txt"), "alpha");
+  EXPECT_EQ(Read("R&D [1].txt"), "alpha");
 }
 
 TEST_F(FileChangeTest, MoveFileRefusals) {
@@ -229,3 +231,69 @@ TEST_F(FileChangeTest, EveryNewCallRefusesABadTokenAndAPathOutOfTheStorage) {
 }
 
 }  // namespace
+
+namespace {
+
+constexpr const char* kNameRefused =
+    "-5;Error Code - 123 The filename, directory name, or volume label syntax is incorrect.;";
+
+class ShareNamesTest : public FileChangeTest {
+ protected:
+  int Upload(const std::string& relative, const std::string& body) {
+    const std::string target = "/UploadStorageFile.ashx?token=" + devserver::PercentEncode(token_, '\0') +
+                               "&path=" + devserver::PercentEncode(At(relative), '\0') +
+                               "&Length=" + std::to_string(body.size());
+    auto res = client_->Post(target.c_str(), body, "application/octet-stream");
+    return res ? res->status : -1;
+  }
+  std::set<std::string> Names(const std::string& relative) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(Folder("Docs") / relative)) {
+      names.insert(entry.path().filename().string());
+    }
+    return names;
+  }
+};
+
+}  // namespace
+
+TEST_F(ShareNamesTest, AShareTakesNamesWithoutCaseAndKeepsTheCaseTheyWereMadeWith) {
+  EXPECT_EQ(OnPath("GetFileInfo", "A.TXT"), "0;F;5;1600000001");
+  EXPECT_EQ(OnPath("CreateFolder", "DIR/Sub"), "0;");
+  EXPECT_EQ(Upload("DIR/SUB/New.txt", "new"), 200);
+  EXPECT_EQ(Upload("dir/B.TXT", "bravo, again"), 200);
+  EXPECT_EQ(Names("dir"), (std::set<std::string>{"b.txt", "sub"}));
+  EXPECT_EQ(Read("dir/b.txt"), "bravo, again");
+  EXPECT_EQ(Read("dir/sub/New.txt"), "new");
+  EXPECT_EQ(Move("dir/sub/NEW.TXT", "dir/b.txt"), kExists);
+
+  // A change of case alone is a rename of the same item; its time stays.
+  EXPECT_EQ(Move("a.txt", "A.txt"), "0;");
+  EXPECT_EQ(Names("").count("A.txt"), 1u);
+  EXPECT_EQ(Names("").count("a.txt"), 0u);
+  EXPECT_EQ(Modified("A.txt"), 1'600'000'001);
+  EXPECT_EQ(Move("DIR", "Dir"), "0;");
+  EXPECT_EQ(Read("Dir/sub/c.txt"), "charlie");
+}
+
+TEST_F(ShareNamesTest, AShareRefusesWhatWindowsRefusesUnlessLinuxNamesAreAsked) {
+  const char* refused[] = {"a:b.txt", "why?", "st*r", "q\"uote", "<x>", "p|pe", "dot.", "space ",
+                           "CON", "con.txt", "Nul.tar.gz", "COM1", "lpt9.log"};
+  for (const char* name : refused) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(OnPath("CreateFolder", std::string("dir/") + name), kNameRefused);
+    EXPECT_EQ(Move("a.txt", name), kNameRefused);
+    EXPECT_EQ(Upload(std::string("new/") + name, "x"), 500);
+  }
+  EXPECT_EQ(Names(""), (std::set<std::string>{"a.txt", "closed", "dir", "open"})) << "nothing was made";
+  EXPECT_EQ(OnPath("CreateFolder", "COM10/CONSOLE"), "0;");
+
+  auto options = DefaultOptions();
+  options.linuxNames = true;
+  Restart(options);
+  token_ = StorageToken("Docs");
+  EXPECT_EQ(OnPath("CreateFolder", "con"), "0;");
+  EXPECT_EQ(Upload("A.TXT", "another file"), 200);
+  EXPECT_EQ(Read("a.txt"), "alpha");
+  EXPECT_EQ(Read("A.TXT"), "another file");
+}

@@ -54,11 +54,13 @@ TEST_F(ListingTest, RecursiveAndOneLevelListingsOfACifsStorage) {
             ";0:0:1600000009:D:0:\\\\devserver\\Docs\\empty"
             ";0:0:1600000009:D:0:\\\\devserver\\Docs\\sub");
   // The Path as sent, in its own letter case, leads every entry; the location
-  // matches without case, the folder below it is the file system's.
+  // matches without case, and on a share the folders below it too.
   EXPECT_EQ(List("\\\\DEVSERVER\\docs\\sub\\", false),
             "0;0:300:1600000002:F:0:\\\\DEVSERVER\\docs\\sub\\b.bin"
             ";0:0:1600000009:D:0:\\\\DEVSERVER\\docs\\sub\\deeper");
-  EXPECT_EQ(List("\\\\devserver\\Docs\\SUB\\", false), "-6;File/Folder not found;");
+  EXPECT_EQ(List("\\\\devserver\\Docs\\SUB\\", false),
+            "0;0:300:1600000002:F:0:\\\\devserver\\Docs\\SUB\\b.bin"
+            ";0:0:1600000009:D:0:\\\\devserver\\Docs\\SUB\\deeper");
   EXPECT_EQ(List("\\\\devserver\\Docs\\empty\\", true), "0;");
   EXPECT_EQ(List("\\\\devserver\\Docs\\nothing\\", true), "-6;File/Folder not found;");
   EXPECT_EQ(List("\\\\devserver\\Docs\\a.txt", true), "-6;File/Folder not found;");

@@ -229,10 +229,10 @@ TEST_F(UploadServerTest, RenameCreateAndDeleteChangeTheServersFolder) {
   CVFileWithAction rename = file;
   rename.fileAction = FWA_RenameFileOnServer;
   rename.oldFilePath = file.nFilePath;
-  rename.nFilePath = Local("Docs", "x<y>.txt");
+  rename.nFilePath = Local("Docs", "x{y}.txt");
   EXPECT_EQ(methods_->RenameFileOnServer(rename), 0);
   EXPECT_FALSE(fs::exists(OnServer("Docs", "a&b 'c'.txt")));
-  EXPECT_EQ(ReadAll(OnServer("Docs", "x<y>.txt")), "content");
+  EXPECT_EQ(ReadAll(OnServer("Docs", "x{y}.txt")), "content");
   EXPECT_TRUE(RecordOf(rename.nFilePath));
   EXPECT_FALSE(RecordOf(rename.oldFilePath));
 
@@ -244,7 +244,7 @@ TEST_F(UploadServerTest, RenameCreateAndDeleteChangeTheServersFolder) {
   EXPECT_EQ(methods_->RenameFileOnServer(clash), -61);
   EXPECT_EQ(told, std::vector<bool>{false});
   EXPECT_EQ(ReadAll(OnServer("Docs", "taken.txt")), "theirs");
-  EXPECT_EQ(ReadAll(OnServer("Docs", "x<y>.txt")), "content");
+  EXPECT_EQ(ReadAll(OnServer("Docs", "x{y}.txt")), "content");
 
   // A rename whose source the server never had counts as done.
   CVFileWithAction ghost;
@@ -261,10 +261,10 @@ TEST_F(UploadServerTest, RenameCreateAndDeleteChangeTheServersFolder) {
   EXPECT_EQ(methods_->CreateFolderOnServer(folder), 0);  // there already
 
   CVFileWithAction gone = file;
-  gone.nFilePath = Local("Docs", "x<y>.txt");
+  gone.nFilePath = Local("Docs", "x{y}.txt");
   EXPECT_EQ(methods_->DeleteFileOnServer(gone), 0);
-  EXPECT_FALSE(fs::exists(OnServer("Docs", "x<y>.txt")));
-  EXPECT_FALSE(server_->Versions("Docs", "x<y>.txt").empty());
+  EXPECT_FALSE(fs::exists(OnServer("Docs", "x{y}.txt")));
+  EXPECT_FALSE(server_->Versions("Docs", "x{y}.txt").empty());
   EXPECT_FALSE(RecordOf(gone.nFilePath));
   EXPECT_EQ(methods_->DeleteFileOnServer(gone), 0);  // gone already: as good as deleted
 

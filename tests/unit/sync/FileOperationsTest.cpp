@@ -7,6 +7,8 @@
 #include "CVSelectiveSync.h"
 #include "CVSelectiveSyncRule.h"
 #include "FreedesktopTrash.h"
+#include "HeldBackNames.h"
+#include "IconOverlayInFinderStaticMethods.h"
 #include "NewFilesParser.h"
 #include "ServerFileOperations.h"
 #include "ServerXMLParser.h"
@@ -48,8 +50,12 @@ class TestableOperations : public SmartSyncFileOperations {
   }
   std::optional<std::vector<std::string>> GetFileInfo(const std::string&) override { return serverInfo; }
   std::string GetFileInfoReturnForPath(const std::string&) override { return serverReply; }
+  std::optional<std::vector<CVFileForCompare>> ListServerFolder(SmartSync&, const std::string&, bool) override {
+    return serverFolder;
+  }
 
   std::vector<std::string> downloads;
+  std::optional<std::vector<CVFileForCompare>> serverFolder;
   std::optional<std::string> downloadContent;
   std::optional<std::vector<std::string>> serverInfo;
   std::string serverReply = "0;F;1;1";
@@ -219,6 +225,7 @@ TEST_F(FileOperationsTest, RenamesGivenUpOrWithNoSourceAndTheirFates) {
   std::string renamed = Make("new name.txt", "content");
   NFQ_File entry = LocalEntry(renamed, NFQ_Renamed);
   entry.oldFilePath = root + "/old name.txt";
+  Record(entry.oldFilePath, 7);
 
   // The server no longer has the source: the new path goes up instead.
   serverOps.results["rename"] = SYNC_RETURN_RENAME_SOURCE_GONE;
@@ -230,6 +237,7 @@ TEST_F(FileOperationsTest, RenamesGivenUpOrWithNoSourceAndTheirFates) {
   serverOps.calls.clear();
   NFQ_File vanished = LocalEntry(root + "/vanished.txt", NFQ_Renamed);
   vanished.oldFilePath = root + "/before.txt";
+  Record(vanished.oldFilePath, 1);
   auto gone = TakeLocal(vanished);
   EXPECT_EQ(ops.PerformNextFileOperation(sync(), gone), SYNC_RETURN_OK);
   EXPECT_THAT(serverOps.calls, ElementsAre("rename:vanished.txt"));
@@ -289,4 +297,52 @@ TEST_F(FileOperationsTest, DownloadOfAFileTheServerNoLongerHasForgetsItsRecord) 
   folder.isFolder = true;
   EXPECT_EQ(ops.PerformNextFileOperation(sync(), folder), SYNC_RETURN_OK);
   EXPECT_TRUE(fs::is_directory(root + "/new folder/inner"));
+}
+
+TEST_F(FileOperationsTest, NamesTheShareCannotHoldStayHereOnceReportedAndGoUpWhenRenamed) {
+  HeldBackNames& held = HeldBackNames::Instance();
+  auto upload = [&](const std::string& path) {
+    auto item = TakeLocal(LocalEntry(path));
+    return ops.PerformNextFileOperation(sync(), item);
+  };
+  // A name the share refuses: no server call, a failed state, the entry done, told once.
+  const std::string bad = Make("a:b.txt", "x");
+  EXPECT_EQ(upload(bad), SYNC_RETURN_NAME_HELD_BACK);
+  EXPECT_EQ(upload(bad), SYNC_RETURN_NAME_HELD_BACK);
+  EXPECT_EQ(held.Find(bad)->suggestion, "a_b.txt");
+  EXPECT_EQ(Read(IconOverlayInFinderStaticMethods::GetClonnedFilePath(bad)), "2");
+  // Inside a refused folder: held with the folder.
+  EXPECT_EQ(upload(Make("CON/inside.txt", "i")), SYNC_RETURN_NAME_HELD_BACK);
+  EXPECT_EQ(held.Find(root + "/CON/inside.txt")->localPath, root + "/CON");
+  // A second name in another case: the one the server knows keeps syncing.
+  Record(Make("Report.txt", "abc"), 3);
+  EXPECT_EQ(upload(Make("report.txt", "mine")), SYNC_RETURN_NAME_HELD_BACK);
+  EXPECT_EQ(held.Find(root + "/report.txt")->suggestion, "report (2).txt");
+  // The server holds the name in another case, which a share takes for the same.
+  ops.serverInfo = std::vector<std::string>{"0", "F", "1", "1"};
+  CVFileForCompare listed;
+  listed.localPath = root + "/NOTES.txt";
+  ops.serverFolder = std::vector<CVFileForCompare>{listed};
+  EXPECT_EQ(upload(Make("notes.txt", "n")), SYNC_RETURN_NAME_HELD_BACK);
+  EXPECT_TRUE(serverOps.calls.empty());
+  EXPECT_EQ(LocalQueueSize(), 0u);
+  EXPECT_FALSE(sync().syncedWithSomeErrors);
+  Drain();
+  EXPECT_EQ(status.notifications().size(), 4u);
+
+  // Renamed by the user: it goes up under the new name, the report goes. A
+  // delete of a name that never went up never reaches the server.
+  ops.serverInfo.reset();
+  fs::rename(bad, root + "/a_b.txt");
+  NFQ_File rename = LocalEntry(root + "/a_b.txt", NFQ_Renamed);
+  rename.oldFilePath = bad;
+  auto renamed = TakeLocal(rename);
+  EXPECT_EQ(ops.PerformNextFileOperation(sync(), renamed), SYNC_RETURN_OK);
+  fs::remove(root + "/report.txt");
+  auto deleted = TakeLocal(LocalEntry(root + "/report.txt", NFQ_Deleted));
+  EXPECT_EQ(ops.PerformNextFileOperation(sync(), deleted), SYNC_RETURN_OK);
+  EXPECT_THAT(serverOps.calls, ElementsAre("upload:a_b.txt"));
+  EXPECT_FALSE(held.Find(bad));
+  EXPECT_FALSE(held.Find(root + "/report.txt"));
+  EXPECT_EQ(held.All().size(), 2u);
 }

@@ -24,8 +24,9 @@ bool WellFormed(const std::string& xml) {
 class ServerFileOperationsTest : public FakeServerTest {
  protected:
   // A file the last sync recorded, on the server and on disk.
-  CVFileWithAction Synced(const std::string& relative, const std::string& serverPath) {
-    CVFileWithAction item = LocalFile("Docs", relative, "content");
+  CVFileWithAction Synced(const std::string& relative, const std::string& serverPath,
+                          const std::string& storage = "Docs") {
+    CVFileWithAction item = LocalFile(storage, relative, "content");
     item.dateModified = 1'600'000'000;
     fake_->PutFile(serverPath, "content");
     EXPECT_TRUE(AsyncFileCommonPart::WriteToDownloadedFiles(item, false));
@@ -34,19 +35,20 @@ class ServerFileOperationsTest : public FakeServerTest {
 };
 
 TEST_F(ServerFileOperationsTest, ARenameSendsEachNameEscapedOnceAndMovesTheRecord) {
-  CVFileWithAction item = Synced("a&b <1>.txt", "\\\\fake\\Docs\\a&b <1>.txt");
+  // A storage that takes "<" in a name; a share refuses it.
+  CVFileWithAction item = Synced("a&b <1>.txt", "https://fake/Web/a&b <1>.txt", "Web");
   item.fileAction = FWA_RenameFileOnServer;
   item.oldFilePath = item.nFilePath;
-  item.nFilePath = Local("Docs", "c&d 'x'.txt");
+  item.nFilePath = Local("Web", "c&d 'x'.txt");
 
   EXPECT_EQ(methods_->RenameFileOnServer(item), 0);
   const auto calls = fake_->Calls("MoveFile");
   ASSERT_EQ(calls.size(), 1u);
   EXPECT_TRUE(WellFormed(calls[0].envelope)) << calls[0].envelope;
   EXPECT_EQ(calls[0].envelope.find("&amp;amp;"), std::string::npos);
-  EXPECT_EQ(calls[0].Parameter("CurrentFileName"), "\\\\fake\\Docs\\a&b <1>.txt");
-  EXPECT_EQ(calls[0].Parameter("NewFileName"), "\\\\fake\\Docs\\c&d 'x'.txt");
-  EXPECT_EQ(fake_->File("\\\\fake\\Docs\\c&d 'x'.txt"), "content");
+  EXPECT_EQ(calls[0].Parameter("CurrentFileName"), "https://fake/Web/a&b <1>.txt");
+  EXPECT_EQ(calls[0].Parameter("NewFileName"), "https://fake/Web/c&d 'x'.txt");
+  EXPECT_EQ(fake_->File("https://fake/Web/c&d 'x'.txt"), "content");
   EXPECT_FALSE(RecordOf(item.oldFilePath));
   EXPECT_TRUE(RecordOf(item.nFilePath));
 }
