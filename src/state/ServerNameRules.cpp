@@ -4,8 +4,9 @@
 #include <utf8proc.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
+
+#include "CVStaticHelpers.h"
 
 namespace {
 
@@ -14,16 +15,9 @@ constexpr std::string_view kRefused = "\\/:*?\"<>|";
 // A download is written as ".NAME.cvtemp" beside its target first.
 constexpr std::size_t kTemporaryNameExtra = 8;
 
-std::string AsciiLower(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return lower;
-}
-
 // The part before the first dot, which is what Windows reads as a device name.
 bool IsDeviceName(std::string_view name) {
-  const std::string stem = AsciiLower(name.substr(0, name.find('.')));
+  const std::string stem = CVStaticHelpers::AsciiLower(std::string(name.substr(0, name.find('.'))));
   if (stem == "con" || stem == "prn" || stem == "aux" || stem == "nul") return true;
   return stem.size() == 4 && (stem.starts_with("com") || stem.starts_with("lpt")) && stem[3] >= '1' &&
          stem[3] <= '9';
@@ -34,7 +28,7 @@ bool IsRefusedCharacter(unsigned char c) { return c < 0x20 || kRefused.find(stat
 }  // namespace
 
 bool ServerNameRules::IsShareKind(const std::string& storageType) {
-  const std::string type = AsciiLower(storageType);
+  const std::string type = CVStaticHelpers::AsciiLower(storageType);
   return type == "cifs" || type == "sp" || type == "o365";
 }
 
@@ -72,7 +66,7 @@ std::string ServerNameRules::ComparisonKey(std::string_view name, const std::str
                                    static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE |
                                                                   UTF8PROC_CASEFOLD));
   // Text that is not UTF-8 compares by its ASCII letters alone.
-  if (length < 0) return AsciiLower(name);
+  if (length < 0) return CVStaticHelpers::AsciiLower(std::string(name));
   std::string key(reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length));
   std::free(folded);
   return key;

@@ -245,7 +245,8 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
   FSW_Queues& fsw = sync->fswQueue();
   SERVER_Queues& server = sync->serverQueue();
 
-  bool localThrough = fsw.RawCount() == 0;
+  // A running filter has taken the raw events out but not yet queued them.
+  bool localThrough = fsw.RawCount() == 0 && !sync->fswQueueInProcess;
   if (localThrough) {
     std::lock_guard<std::mutex> lock(fsw.FSW_FQ_Lock);
     localThrough = !(sync->fswQueueIndex < static_cast<std::int32_t>(fsw.FQ_FilteredQueue.size()));
@@ -527,9 +528,12 @@ void AppDelegate::FSWTimerSeparatedThread() {
     sync->fswQueueIndex = 0;
     break;
   }
+  {
+    std::lock_guard<std::mutex> lock(sync->Sync_Lock);
+    sync->fswQueueInProcess = false;
+  }
+  // After the flag: the main loop waits for it as for the raw events.
   sync->WakeUp();
-  std::lock_guard<std::mutex> lock(sync->Sync_Lock);
-  sync->fswQueueInProcess = false;
 }
 
 void AppDelegate::StartFSWsForCorvalink() {

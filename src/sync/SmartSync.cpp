@@ -311,8 +311,10 @@ void SmartSync::Sync() {
         idleSleep_.Sleep(app_.clock(), 1s);
         continue;
       }
-      if (fswQueue_->RawCount() > 0) {
-        // While raw events wait for the filter, no file is touched.
+      if (fswQueue_->RawCount() > 0 || fswQueueInProcess) {
+        // While raw events wait for the filter or are being filtered, no file is
+        // touched: a server item made before them could undo them (a renamed
+        // folder downloaded again under its old name).
         idleSleep_.Sleep(app_.clock(), 1s);
         continue;
       }
