@@ -10,6 +10,7 @@
 #include "CVHandler.h"
 #include "CVStaticHelpers.h"
 #include "FSW_Queues.h"
+#include "HeldBackNames.h"
 #include "LoginController.h"
 #include "SERVER_Queues.h"
 #include "SelectiveSyncTree.h"
@@ -166,6 +167,14 @@ int ClientCommands::Logout(CommandEnvironment& env, CommandIO& io) {
   return kDone;
 }
 
+std::string ClientCommands::HowToSignIn() {
+  auto copy = CVConfiguration::Instance().UnreadableFileCopy();
+  if (!copy) return "No account is signed in. Sign in with: corvalink-sync login URL USER";
+  return "Configuration.xml could not be read" +
+         (copy->empty() ? std::string(" and could not be copied") : "; its copy is kept in " + *copy) +
+         ". Sign in again with: corvalink-sync login URL USER";
+}
+
 int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {
   CVConfiguration& config = CVConfiguration::Instance();
   CVConnection account;
@@ -174,7 +183,7 @@ int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {
     account = config.Corvalink;
   }
   if (account.Url.empty() || account.UserName.empty()) {
-    io.Out("No account is configured. Sign in with: corvalink-sync login URL USER");
+    io.Out(HowToSignIn());
     return kNoAccount;
   }
   io.Out("Account: " + account.UserName + " on " + account.Url + (config.IsSignedIn() ? "" : " (signed out)"));
@@ -211,6 +220,11 @@ int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {
   io.Out("Last sync: " + (account.LastSync > 0 ? CVStaticHelpers::FormatDateTime(account.LastSync) : "never"));
   io.Out("Storages:");
   StorageLines(io);
+  const auto held = HeldBackNames::Instance().All();
+  if (!held.empty()) {
+    io.Out("Held back (" + std::to_string(held.size()) + "):");
+    for (const auto& name : held) io.Out("  " + HeldBackNames::Describe(name));
+  }
   return kDone;
 }
 

@@ -51,6 +51,10 @@ class ClientCommands {
 
   static int Run(const std::vector<std::string>& request, CommandEnvironment& env, CommandIO& io);
 
+  // What to tell a user with no account: that Configuration.xml could not be
+  // read and where its copy is, when that is why; else that nobody signed in.
+  static std::string HowToSignIn();
+
  private:
   static int Login(const std::vector<std::string>& request, CommandEnvironment& env, CommandIO& io);
   static int Logout(CommandEnvironment& env, CommandIO& io);

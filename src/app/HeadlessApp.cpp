@@ -18,6 +18,7 @@
 #include "SmartSync.h"
 #include "SmartSyncFileOperations.h"
 #include "HeadlessStatusSink.h"
+#include "ClientCommands.h"
 #include "ClientSetup.h"
 #include "ControlServer.h"
 #include "LocalSocket.h"
@@ -131,15 +132,7 @@ int HeadlessApp::Run() {
       std::cout << "Commands cannot reach this client: " << controlError << std::endl;
     }
     const bool signedIn = app.applicationDidFinishLaunching();
-    auto tellHowToSignIn = [] {
-      if (auto copy = CVConfiguration::Instance().UnreadableFileCopy()) {
-        std::cout << "Configuration.xml could not be read"
-                  << (copy->empty() ? std::string(" and could not be copied") : "; its copy is kept in " + *copy)
-                  << ". Sign in again with: corvalink-sync login URL USER" << std::endl;
-      } else {
-        std::cout << "No account is signed in. Sign in with: corvalink-sync login URL USER" << std::endl;
-      }
-    };
+    auto tellHowToSignIn = [] { std::cout << ClientCommands::HowToSignIn() << std::endl; };
     if (!signedIn && options_.once) {
       tellHowToSignIn();
       control.Stop();

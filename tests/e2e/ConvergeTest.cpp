@@ -231,4 +231,9 @@ TEST_F(E2ETest, AConfigurationOfJunkIsToldWithItsCopyAndHowToSignInAgain) {
     copyNamed |= output.find(entry.path().string()) != std::string::npos;
   }
   EXPECT_TRUE(copyNamed) << output;
+  const auto status = RunCommand(home, {"status"});
+  EXPECT_EQ(status.code, 2) << status.output;
+  EXPECT_NE(status.output.find("Configuration.xml could not be read; its copy is kept in " + settings.string()),
+            std::string::npos)
+      << status.output;
 }

@@ -65,13 +65,19 @@ TEST_F(E2ETest, TwoClientsMakingOneNameInTwoCasesKeepBothContents) {
   EXPECT_TRUE(HeldBack(alice).empty());
   EXPECT_EQ(b->CountLines("Notification: "), 1) << b->Output();
   EXPECT_EQ(b->CountLines("report.txt stays on this computer"), 1) << b->Output();
-  EXPECT_NE(Read(fs::path(bob) / "Corvalink/.Settings/HeldBackNames.xml").find("report (2).txt"), std::string::npos);
+  auto status = RunCommand(bob, {"status"});
+  EXPECT_NE(status.output.find("Held back (1):\n  " + (ClientDocs(bob) / "report.txt").string() +
+                               " stays on this computer: "),
+            std::string::npos)
+      << status.output;
+  EXPECT_NE(status.output.find("Rename it, for example to \"report (2).txt\""), std::string::npos) << status.output;
 
   // Bob renames his file as told: it goes up, and nothing is held back any more.
   fs::rename(ClientDocs(bob) / "report.txt", ClientDocs(bob) / "report (2).txt");
   ASSERT_TRUE(WaitFor([&] { return Read(ServerDocs() / "report (2).txt") == "bob's report, another one\n"; }))
       << b->Output();
   ASSERT_TRUE(WaitFor([&] { return HeldBack(bob).empty() && Tree(ClientDocs(alice)) == Tree(ServerDocs()); }));
+  EXPECT_EQ(RunCommand(bob, {"status"}).output.find("Held back"), std::string::npos);
   EXPECT_EQ(Read(ServerDocs() / "Report.txt"), "alice's report\n");
   for (auto* client : {a.get(), b.get()}) {
     client->Signal(SIGTERM);
@@ -156,6 +162,7 @@ TEST_F(E2ETest, AServerNameTooLongForThisDiskIsReportedNeverCut) {
   EXPECT_EQ(client->CountLines("stays on the server"), 1) << client->Output();
   EXPECT_EQ(Tree(ClientDocs(home)), (std::map<std::string, std::string>{{"short.txt", "short\n"}}));
   EXPECT_EQ(HeldBack(home), std::set<std::string>{longName});
+  EXPECT_NE(RunCommand(home, {"status"}).output.find(longName + " stays on the server: "), std::string::npos);
 
   // Renamed on the server to a name this disk holds: it comes down, and the report goes.
   fs::rename(ServerDocs() / longName, ServerDocs() / "shorter.txt");
