@@ -60,28 +60,15 @@ std::optional<std::int64_t> Number(const std::string& text) {
 
 const char* Kind(bool isFolder) { return isFolder ? "folder" : "file"; }
 
-// The record of the last sync and an index of it; nothing when it cannot be read.
-struct Records {
-  std::vector<CVFileForCompare> all;
-  CVFileForCompareMethods::PathIndex index;
+// The record of the last sync, asked path by path (in any normalisation form).
+std::optional<CVFileForCompare> RecordOf(const std::string& path) { return DownloadedFilesStore::Instance().FindSame(path); }
 
-  static std::optional<Records> Read() {
-    ServerXMLParser parser;
-    auto read = parser.readDownloadedFiles();
-    if (!read) return std::nullopt;
-    Records records{std::move(*read), {}};
-    records.index = CVFileForCompareMethods::PathIndex(records.all);
-    return records;
-  }
-  // True when item has a record of its kind, and a file its size and time.
-  bool Alike(const CVFileForCompare& item) const {
-    auto at = index.Find(item.localPath);
-    if (!at) return false;
-    const CVFileForCompare& record = all[*at];
-    return record.isFolder == item.isFolder &&
-           (item.isFolder || (record.size == item.size && record.modifiedTime == item.modifiedTime));
-  }
-};
+// True when item has a record of its kind, and a file its size and time.
+bool Alike(const CVFileForCompare& item) {
+  auto record = RecordOf(item.localPath);
+  return record && record->isFolder == item.isFolder &&
+         (item.isFolder || (record->size == item.size && record->modifiedTime == item.modifiedTime));
+}
 
 // The storage's name and kind of a local path; nothing outside the storages.
 std::optional<std::pair<std::string, std::string>> StorageOf(const std::string& path) {
@@ -96,10 +83,7 @@ bool OnShareKind(const std::string& path) {
   return storage && ServerNameRules::IsShareKind(storage->second);
 }
 
-bool IsRecorded(const std::string& path) {
-  auto records = Records::Read();
-  return records && records->index.Contains(path);
-}
+bool IsRecorded(const std::string& path) { return RecordOf(path).has_value(); }
 
 std::string ParentOf(const std::string& path) { return path.substr(0, path.find_last_of('/')); }
 
@@ -408,12 +392,11 @@ void SmartSyncFileOperations::QueueLocalUpload(SmartSync& sync, const std::strin
 }
 
 bool SmartSyncFileOperations::LocalAsRecorded(const std::string& path) {
-  auto records = Records::Read();
   auto self = CVFileForCompareMethods::CreateCVFileForCompare(path);
-  if (!records || !self || !records->Alike(*self)) return false;
+  if (!self || !Alike(*self)) return false;
   if (!self->isFolder) return true;
   const auto inside = SmartSync::readLocalFiles(path);
-  return std::all_of(inside.begin(), inside.end(), [&](const CVFileForCompare& item) { return records->Alike(item); });
+  return std::all_of(inside.begin(), inside.end(), [](const CVFileForCompare& item) { return Alike(item); });
 }
 
 bool SmartSyncFileOperations::MakeRoomForServerItem(SmartSync& sync, const CVFileWithAction& item) {
@@ -446,8 +429,6 @@ bool SmartSyncFileOperations::MakeRoomForServerItem(SmartSync& sync, const CVFil
 
 bool SmartSyncFileOperations::ServerAsRecorded(SmartSync& sync, const CVFileWithAction& item, bool serverIsFolder,
                                                const std::vector<std::string>& serverData) {
-  auto records = Records::Read();
-  if (!records) return false;
   CVFileForCompare server;
   server.localPath = item.nFilePath;
   server.isFolder = serverIsFolder;
@@ -457,18 +438,20 @@ bool SmartSyncFileOperations::ServerAsRecorded(SmartSync& sync, const CVFileWith
     if (!size || !modified) return false;
     server.size = *size;
     server.modifiedTime = *modified;
-    return records->Alike(server);
+    return Alike(server);
   }
-  if (!records->Alike(server)) return false;
+  if (!Alike(server)) return false;
   auto listed = ListServerFolder(sync, item.nFilePath, true);
   if (!listed) {
     // Nothing listed: an empty folder is as recorded only when nothing was recorded in it.
-    return std::none_of(records->all.begin(), records->all.end(), [&](const CVFileForCompare& record) {
-      return record.localPath != item.nFilePath && StateFileSupport::IsSameOrBelow(record.localPath, item.nFilePath);
-    });
+    const auto records = ServerXMLParser().readDownloadedFiles();
+    return records && std::none_of(records->begin(), records->end(), [&](const CVFileForCompare& record) {
+             return record.localPath != item.nFilePath &&
+                    StateFileSupport::IsSameOrBelow(record.localPath, item.nFilePath);
+           });
   }
   return std::all_of(listed->begin(), listed->end(),
-                     [&](const CVFileForCompare& line) { return records->Alike(line); });
+                     [](const CVFileForCompare& line) { return Alike(line); });
 }
 
 std::optional<HeldBackName> SmartSyncFileOperations::NameHeldBack(const std::string& path) {
@@ -478,7 +461,6 @@ std::optional<HeldBackName> SmartSyncFileOperations::NameHeldBack(const std::str
   const bool share = ServerNameRules::IsShareKind(type);
   std::string parent = CVStaticHelpers::GenerateRootPathForStorages() + "/" + name;
   if (!path.starts_with(parent + "/")) return std::nullopt;
-  std::optional<Records> records;  // read only when a name has a twin
   for (std::size_t start = parent.size() + 1; start <= path.size();) {
     std::size_t end = std::min(path.find('/', start), path.size());
     const std::string component = path.substr(start, end - start);
@@ -488,10 +470,9 @@ std::optional<HeldBackName> SmartSyncFileOperations::NameHeldBack(const std::str
     }
     // Two names one storage takes for the same: the one the server knows keeps syncing.
     const auto like = share ? NamesLike(parent, component, type) : std::vector<std::string>{};
-    if (!like.empty() && !records) records = Records::Read();
-    if (!like.empty() && !(records && records->index.Contains(current))) {
+    if (!like.empty() && !IsRecorded(current)) {
       for (const auto& sibling : like) {
-        if (!records || !records->index.Contains(parent + "/" + sibling)) continue;
+        if (!IsRecorded(parent + "/" + sibling)) continue;
         return HeldBackName{current,
                             "\"" + sibling + "\" in the same folder has the same name for the server's storage, "
                             "which does not tell upper from lower case",
