@@ -270,7 +270,7 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
   const std::string storageFolder = root + "/" + storageName + "/";
   std::vector<CVFileForCompare> rebuilt;
   if (rebuild) rebuilt = RebuildRecords(listing, records, rules, storageFolder);
-  // The rebuild's own write read the broken file once more.
+  // Reads of the broken file until now belong to this rebuild.
   rebuiltAt_[storageName] = DownloadedXMLStaticMethods::BrokenReads();
   const CVFileForCompareMethods::PathIndex index(records);
   std::unordered_set<std::string> seen;
@@ -387,13 +387,16 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
 
 void SERVER_Queues::Tell(const HeldBackName& name) {
   Log("FilterNFQ", HeldBackNames::Describe(name));
-  if (!HeldBackNames::Instance().Hold(name)) return;
+  if (HeldBackNames::Instance().Hold(name)) Notify(HeldBackNames::Describe(name));
+}
+
+void SERVER_Queues::Notify(const std::string& text) {
   std::function<void(const std::string&)> notice;
   {
     std::lock_guard<std::mutex> lock(contextLock_);
     notice = notice_;
   }
-  if (notice) notice(HeldBackNames::Describe(name));
+  if (notice) notice(text);
 }
 
 std::vector<CVFileForCompare> SERVER_Queues::RebuildRecords(const std::vector<CVFileForCompare>& listing,
@@ -427,7 +430,7 @@ std::vector<CVFileForCompare> SERVER_Queues::RebuildRecords(const std::vector<CV
   bool written = true;
   for (const auto& write : writes) written = AsyncFileCommonPart::WriteToDownloadedFiles(write, false) && written;
   if (!written) {
-    Log("FilterNFQ", "the rebuilt records could not be written; they are rebuilt again at the next pass");
+    Log("FilterNFQ", "some rebuilt records could not be written; their files are compared as on a first sync");
   }
   records.insert(records.end(), rebuilt.begin(), rebuilt.end());
   return rebuilt;
@@ -442,17 +445,10 @@ void SERVER_Queues::TellRebuilt(const std::string& storageName, const std::vecto
   // Once for all storages: the reads of this breakage come before the last told.
   if (brokenReads <= toldRebuiltAt_) return;
   toldRebuiltAt_ = rebuiltAt_[storageName];
-  std::function<void(const std::string&)> notice;
-  {
-    std::lock_guard<std::mutex> lock(contextLock_);
-    notice = notice_;
-  }
-  if (notice) {
-    notice("The record of what is in step (DownloadedFiles.xml) could not be read; a copy is kept beside it in " +
-           CVStaticHelpers::GenerateSettingsPath() +
-           ". It was rebuilt from the files that are the same here and on the server; the others are compared "
-           "as on a first sync, and nothing is overwritten.");
-  }
+  Notify("The record of what is in step (DownloadedFiles.xml) could not be read; a copy is kept beside it in " +
+         CVStaticHelpers::GenerateSettingsPath() +
+         ". It was rebuilt from the files that are the same here and on the server; the others are compared "
+         "as on a first sync, and nothing is overwritten.");
 }
 
 void SERVER_Queues::WriteDebugInformation(std::int32_t action, const std::string& forPath,

@@ -101,6 +101,8 @@ class SERVER_Queues {
                    std::uint64_t brokenReads);
   // Reports an item that stays where it is; the user is told the first time.
   void Tell(const HeldBackName& name);
+  // The text to the user through the notice handler, when one is set.
+  void Notify(const std::string& text);
 
   // Counts ClearServerQueues calls; raised before the work list is emptied.
   std::atomic<std::uint64_t> clearGeneration_{0};
