@@ -1,9 +1,9 @@
 # The front door of the project: `make test`, `make demo`, `make build`.
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
-CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=Debug
+CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=Debug -DCORVALINK_DESKTOP=ON
 
-.PHONY: all setup configure build test demo bench clean
+.PHONY: all setup configure build test demo demo-desktop screenshots release package install bench clean
 
 all: build
 
@@ -24,9 +24,27 @@ test: build
 demo: build
 	@bash scripts/demo.sh $(BUILD_DIR)
 
+demo-desktop: build
+	@bash scripts/demo-desktop.sh $(BUILD_DIR)
+
+screenshots: build
+	@bash scripts/demo-desktop.sh $(BUILD_DIR) docs/screenshots
+
+# What is installed and packed: an optimised build without the sanitizers.
+release: setup
+	cmake -S . -B $(BUILD_DIR)-release -DCMAKE_BUILD_TYPE=Release -DCORVALINK_SANITIZE=OFF -DCORVALINK_TESTS=OFF -DCORVALINK_DESKTOP=ON -DCMAKE_INSTALL_PREFIX=/usr
+	cmake --build $(BUILD_DIR)-release -j $(JOBS)
+
+PREFIX ?= /usr/local
+install: release
+	cmake --install $(BUILD_DIR)-release --prefix $(PREFIX)
+
+package: release
+	cd $(BUILD_DIR)-release && cpack
+
 bench: setup
 	cmake -S . -B $(BUILD_DIR)-bench -DCMAKE_BUILD_TYPE=Release -DCORVALINK_SANITIZE=OFF -DCORVALINK_TESTS=OFF -DCORVALINK_BENCH=ON
 	cmake --build $(BUILD_DIR)-bench -j $(JOBS)
 
 clean:
-	rm -rf $(BUILD_DIR) $(BUILD_DIR)-bench
+	rm -rf $(BUILD_DIR) $(BUILD_DIR)-bench $(BUILD_DIR)-release

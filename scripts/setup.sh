@@ -9,6 +9,8 @@ packages=(
   libutf8proc-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   openssl xxd
+  qt6-base-dev qt6-svg-dev qt6-qpa-plugins libqt6svg6
+  xvfb xauth dbus dbus-x11 desktop-file-utils appstream
 )
 
 missing=()

@@ -406,6 +406,7 @@ int ClientCommands::Runtime(const std::string& word, CommandEnvironment& env, Co
     // The client ends once this answer has gone out (see quit of the environment).
     io.Out("Corvalink Sync quits.");
   } else if (word == "show") {
+    if (env.show) env.show();
     io.Out("Corvalink Sync is running.");
   }
   return kDone;

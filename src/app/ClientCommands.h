@@ -30,6 +30,8 @@ struct CommandEnvironment {
   // Ends the running client; called by whoever carries the answer of "quit"
   // once the answer is out.
   std::function<void()> quit;
+  // Brings the client's window forward (a desktop client; the headless one has none).
+  std::function<void()> show;
 };
 
 class ClientCommands {

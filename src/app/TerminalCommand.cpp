@@ -312,6 +312,6 @@ int TerminalCommand::Local(const Parsed& parsed) {
   EnsureConfigRead();
   SettingsContext settings(SyncControl::FilesOnly());
   LoginController login(settings);
-  CommandEnvironment environment{settings, login, nullptr, nullptr};
+  CommandEnvironment environment{settings, login, nullptr, nullptr, nullptr};
   return ClientCommands::Run(parsed.request, environment, io);
 }

@@ -6,6 +6,9 @@
 #include <vector>
 
 #include "CommandLine.h"
+#ifdef CORVALINK_HAS_DESKTOP
+#include "DesktopApp.h"
+#endif
 #include "HeadlessApp.h"
 #include "TerminalCommand.h"
 #include "Version.h"
@@ -28,8 +31,12 @@ int main(int argc, char** argv) {
   }
   if (!options->command.empty()) return TerminalCommand(*options, std::cin, std::cout, std::cerr).Run();
   if (!options->headless) {
+#ifdef CORVALINK_HAS_DESKTOP
+    return DesktopApp(*options).Run(argc, argv);
+#else
     std::cerr << "corvalink-sync: this build has no desktop part; run it with --headless\n";
     return 64;
+#endif
   }
   return HeadlessApp(*options).Run();
 }

@@ -9,7 +9,7 @@ std::vector<TrayMenuModel::Entry> TrayMenuModel::Build(const State& state) {
   auto has = [&](Window window) { return state.windows.count(window) > 0; };
   if (!state.signedIn) {
     // Until an account is signed in there is nothing else to do.
-    menu.push_back({"sign-in", has(Window::SignIn) ? "Sign in…" : "Sign in… (corvalink-sync login)", true, false});
+    menu.push_back({"sign-in", "Sign in…", true, false});
     menu.push_back(Separator());
     menu.push_back({"exit", "Exit", true, false});
     return menu;
@@ -21,8 +21,8 @@ std::vector<TrayMenuModel::Entry> TrayMenuModel::Build(const State& state) {
   if (!state.syncNowHidden) menu.push_back({"sync-now", state.syncNowTitle, true, false});
   menu.push_back({"pause", state.pauseTitle, true, false});
   menu.push_back(Separator());
-  if (has(Window::SyncManager)) {
-    menu.push_back({"sync-manager-0", "Sync status…", true, false});
+  if (has(Window::SyncManager)) menu.push_back({"sync-manager-0", "Sync status…", true, false});
+  if (has(Window::AccountTabs)) {
     menu.push_back({"sync-manager-1", "Settings…", true, false});
     menu.push_back({"sync-manager-2", "Storages…", true, false});
   }

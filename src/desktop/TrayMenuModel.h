@@ -2,7 +2,8 @@
 // TrayMenuModel: the entries of the tray menu, made from the application's
 // state rather than read off a tool tip, which not every tray host shows. With
 // no account signed in the menu offers the sign-in and the exit; an entry for a
-// window that this build does not have is not there at all.
+// window that this build does not have is not there at all (the sign-in is always
+// there: without its window it tells how to sign in from a terminal).
 
 #include <set>
 #include <string>
@@ -11,7 +12,8 @@
 class TrayMenuModel {
  public:
   // Windows a menu entry can open; a build lists those it has.
-  enum class Window { SignIn, SyncManager, Activity, SharedFiles, UploadRequests, RequestFiles };
+  // SyncManager is the window's progress tab; AccountTabs its settings and storages tabs.
+  enum class Window { SignIn, SyncManager, AccountTabs, Activity, SharedFiles, UploadRequests, RequestFiles };
 
   struct State {
     bool signedIn = false;

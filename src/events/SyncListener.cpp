@@ -26,6 +26,16 @@ void SyncListener::SendSyncStateChangedNotification(std::int32_t state) {
     SyncListenerAddInfo::Instance().Update([&](SyncProgressSnapshot& r) {
       r.processedFilesCount = 0;
       r.currentSyncState = state;
+      if (state == 0) {
+        // The end of a pass clears what it worked on (the window's reset, done
+        // here under the record's lock), so that the next pass starts blank.
+        r.currentSiteNumber = 0;
+        r.totalFilesNumber = 0;
+        r.currentFileSize = 0;
+        r.currentFileProgress = 0;
+        r.currentFileName.clear();
+        r.currentFileActionType.clear();
+      }
     });
     std::function<void(bool)> handler;
     {

@@ -22,7 +22,7 @@ constexpr const char* kCacheFolders[] = {"Shared In", "Shared Out", "External us
 }  // namespace
 
 void CVSettingsStaticMethods::RemoveFavourite(const std::string& name) {
-  if (!XdgDesktop::RemoveBookmark("Corvalink_" + name)) {
+  if (!XdgDesktop::RemoveFavourite("Corvalink_" + name)) {
     CVEventLogger::WriteMainLogMessage("The sidebar entry of \"" + name + "\" could not be removed");
   }
 }

@@ -122,7 +122,7 @@ StorageController::Result StorageController::saveChanges(const Form& form) {
       {
         std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
         site->Name = form.name;
-        site->isInFavorites = XdgDesktop::BookmarksHasLabel("Corvalink_" + form.name);
+        site->isInFavorites = XdgDesktop::HasFavourite("Corvalink_" + form.name);
         site->UseAlterAuth = form.useAlterAuth;
         site->StorageType = type;
         site->Url = url;

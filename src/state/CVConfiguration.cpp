@@ -340,7 +340,7 @@ void CVConfiguration::ReadConfigFromFile() {
   try {
     std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
     for (auto& site : fSpSites) {
-      site->isInFavorites = XdgDesktop::BookmarksHasLabel("Corvalink_" + site->Name);
+      site->isInFavorites = XdgDesktop::HasFavourite("Corvalink_" + site->Name);
       site->prevFireDate = std::chrono::steady_clock::time_point::min();
     }
   } catch (const std::exception& failure) {

@@ -497,17 +497,6 @@ std::map<std::string, std::string> CVStaticHelpers::GenerateWSUrls(const std::st
           {"uploadFileRes", base + "UploadStorageFile.ashx"}};
 }
 
-namespace {
-std::mutex gFavoritesLock;
-std::function<void(const std::string&, const std::string&)> gFavoritesRename;
-}  // namespace
-
-void CVStaticHelpers::SetFavoritesRenameHandler(
-    std::function<void(const std::string&, const std::string&)> handler) {
-  std::lock_guard<std::mutex> lock(gFavoritesLock);
-  gFavoritesRename = std::move(handler);
-}
-
 bool CVStaticHelpers::RenameSite(const std::string& oldName, const std::string& newName) {
   std::string oldFolder = GeneratePathToSite(oldName);
   std::string newFolder = GeneratePathToSite(newName);
@@ -532,7 +521,7 @@ bool CVStaticHelpers::RenameSite(const std::string& oldName, const std::string& 
     }
   }
   if (changed && !ServerXMLParser::saveDownloadedXML(after)) return false;
-  bool inSidebar = XdgDesktop::BookmarksHasLabel("Corvalink_" + oldName);
+  bool inSidebar = XdgDesktop::HasFavourite("Corvalink_" + oldName);
 
   std::error_code error;
   if (!std::filesystem::exists(std::filesystem::symlink_status(oldFolder, error))) {
@@ -551,18 +540,8 @@ bool CVStaticHelpers::RenameSite(const std::string& oldName, const std::string& 
     }
     return false;
   }
-  if (inSidebar) {
-    std::function<void(const std::string&, const std::string&)> handler;
-    {
-      std::lock_guard<std::mutex> guard(gFavoritesLock);
-      handler = gFavoritesRename;
-    }
-    if (handler) {
-      handler(oldName, newName);
-    } else {
-      CVEventLogger::WriteMainLogMessage("RenameSite: the sidebar entry of \"" + oldName +
-                                         "\" is left as it is; this build has no sidebar support");
-    }
+  if (inSidebar && !XdgDesktop::RenameFavourite("Corvalink_" + oldName, "Corvalink_" + newName, newFolder)) {
+    CVEventLogger::WriteMainLogMessage("RenameSite: the sidebar entry of \"" + oldName + "\" could not be renamed");
   }
   return true;
 }

@@ -97,10 +97,9 @@ class CVStaticHelpers {
   // composed or decomposed; the path as given when none does.
   static std::string ExistingForm(const std::string& path);
   // Moves a storage's local folder to its new name and the records of the last
-  // sync with it; on failure the records stay as they were. The sidebar entry is
-  // moved through the handler the desktop installs.
+  // sync with it; on failure the records stay as they were. A sidebar entry
+  // moves with the folder.
   static bool RenameSite(const std::string& oldName, const std::string& newName);
-  static void SetFavoritesRenameHandler(std::function<void(const std::string&, const std::string&)> handler);
 
   // The text with A-Z as a-z: how storage names and kinds are compared.
   static std::string AsciiLower(std::string text);

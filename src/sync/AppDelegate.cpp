@@ -779,9 +779,9 @@ void AppDelegate::NotifyDiskFull(const std::string& path) {
   const std::string name = std::filesystem::path(path).filename().string();
   CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - NotifyDiskFull -> no space left for " + path);
   mainLoop_.RunOnMain([&status = status_, name] {
-    status.ShowNotification("Corvalink Sync",
-                            "The disk is full: \"" + name +
-                                "\" could not be downloaded. Free some space; the sync goes on by itself.");
+    UIFunctions::ShowNotificationInTrayWithTitle(
+        status, "Corvalink Sync",
+        "The disk is full: \"" + name + "\" could not be downloaded. Free some space; the sync goes on by itself.");
   });
 }
 

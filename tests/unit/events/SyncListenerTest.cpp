@@ -71,6 +71,11 @@ TEST(SyncListener, FileProgressAndActionWords) {
 
   SyncListener::SendFilePercentsChangedNotification(37);
   EXPECT_EQ(SyncListenerAddInfo::Instance().Snapshot().currentFileProgress, 370);
+  // The end of the pass leaves no file of it behind for the next one to show.
+  SyncListener::SendSyncStateChangedNotification(0);
+  record = SyncListenerAddInfo::Instance().Snapshot();
+  EXPECT_EQ(record.currentFileName, "");
+  EXPECT_EQ(record.currentFileProgress, 0);
 
   EXPECT_EQ(SyncListener::getTypeActionFile(9), "");
   EXPECT_EQ(SyncListener::getTypeActionFile(98), "");

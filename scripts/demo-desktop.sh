@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# The desktop demo: the desktop client on a virtual display with a session bus of
+# its own, where corvalink-traywatch plays the panel's tray host and the
+# notification server and prints what the tray shows. With a second argument,
+# the pictures go to that folder (make screenshots).
+set -uo pipefail
+build=${1:-build}
+shots=${2:-}
+if [ -z "${CORVALINK_DEMO_SESSION:-}" ]; then
+  export CORVALINK_DEMO_SESSION=1
+  exec dbus-run-session -- xvfb-run -a -s "-screen 0 1024x700x24" bash "$0" "$build" "$shots" 2>&1 \
+    | grep -v "Failed to set fd limit"
+fi
+client="$PWD/$build/src/app/corvalink-sync"
+server="$PWD/$build/tools/devserver/corvalink-devserver"
+traywatch="$PWD/$build/tools/traywatch/corvalink-traywatch"
+
+work=$(mktemp -d /tmp/corvalink-desktop-demo-XXXXXX)
+home="$work/home"
+storage="$work/server/Docs"
+shots=${shots:-$work}
+mkdir -p "$home" "$storage/Reports" "$shots"
+for i in $(seq 1 40); do head -c 200000 /dev/urandom > "$storage/Reports/scan $i.pdf"; done
+printf 'Quarterly figures\n' > "$storage/Reports/Q3 results.txt"
+
+echo "== Local server, storage Docs in $storage"
+"$server" --listen 127.0.0.1:0 --user alice:secret --storage "Docs=$storage" > "$work/server.out" 2>&1 &
+server_pid=$!
+trap 'kill $server_pid 2>/dev/null; wait $server_pid 2>/dev/null' EXIT
+for _ in $(seq 1 50); do
+  url=$(sed -n 's/^corvalink-devserver listening on \(http[^ ]*\)$/\1/p' "$work/server.out")
+  [ -n "$url" ] && break
+  sleep 0.1
+done
+[ -n "$url" ] || { echo "the local server did not start:"; cat "$work/server.out"; exit 1; }
+
+export HOME="$home" XDG_RUNTIME_DIR="$home/run" XDG_DATA_DIRS="$PWD/$build/share:/usr/share"
+mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
+echo "== Sign in from the terminal and sync all of Docs"
+echo secret | "$client" login "$url" alice --password-stdin 2>&1 | sed 's/^/   /'
+"$client" select Docs all | sed 's/^/   /'
+
+echo "== The desktop client starts; the tray as the panel sees it:"
+"$traywatch" \
+  --wait-menu 'Sync now \(last update at .*' \
+  --run "'$client' show > /dev/null" --screenshot "$shots/sync-manager.png" \
+  --click 'Pause sync' --wait-menu 'Start sync.*' \
+  --click 'Start sync' --wait-menu 'Sync now.*' \
+  --click 'Exit' > "$work/tray.out" 2>&1 &
+watch_pid=$!
+until grep -q "tray host ready" "$work/tray.out" 2>/dev/null; do sleep 0.1; done
+"$client" --time-scale 0.05 > "$work/client.out" 2>&1 &
+client_pid=$!
+wait $watch_pid
+watch_code=$?
+wait $client_pid
+client_code=$?
+sed 's/^/   /' "$work/tray.out"
+echo "   traywatch exit code: $watch_code, client exit code: $client_code (0: both as expected)"
+echo
+echo "== The client's files: $(find "$home/Corvalink/Docs" -type f | wc -l) of $(find "$storage" -type f | wc -l) from the server"
+echo "== Picture of the sync manager window: $shots/sync-manager.png"
+echo "== The client's main log, its tray and window lines:"
+grep -h -E "DesktopApp|paused|resumed|Sync now pressed|Main loop" "$home"/Corvalink/.Settings/CVLogger/CVMainLogs/*/* | sed 's/^/   /' | tail -12
+[ "$watch_code" -eq 0 ] && [ "$client_code" -eq 0 ]

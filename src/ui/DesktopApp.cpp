@@ -1,0 +1,149 @@
+#include "DesktopApp.h"
+
+#include <QApplication>
+#include <QDesktopServices>
+#include <QMessageBox>
+#include <QUrl>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+
+#include "AppDelegate.h"
+#include "CVEventLogger.h"
+#include "CVStaticHelpers.h"
+#include "ClientRuntime.h"
+#include "Clock.h"
+#include "DesktopCommands.h"
+#include "MainLoopWatchdog.h"
+#include "ProgressWatch.h"
+#include "QtMainLoop.h"
+#include "SyncManagerWindow.h"
+#include "SyncProgressView.h"
+#include "TrayController.h"
+#include "TrayIcon.h"
+#include "Version.h"
+
+namespace {
+bool HasDisplay() {
+  auto set = [](const char* name) { return std::getenv(name) != nullptr && *std::getenv(name) != '\0'; };
+  return set("DISPLAY") || set("WAYLAND_DISPLAY") || set("QT_QPA_PLATFORM");
+}
+
+// Until the sign-in window exists, the sign-in is done from a terminal.
+void ExplainSignIn() {
+  auto* box = new QMessageBox(QMessageBox::Information, "Corvalink Sync",
+                              "No account is signed in.\n\nSign in from a terminal with:\n"
+                              "corvalink-sync login URL USER",
+                              QMessageBox::Ok);
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  box->show();
+}
+}  // namespace
+
+DesktopApp::DesktopApp(const CommandLine& options) : options_(options) {}
+
+int DesktopApp::Run(int argc, char** argv) {
+  if (!HasDisplay()) {
+    std::cerr << "corvalink-sync: there is no display to show the tray on; run it with --headless" << std::endl;
+    return 64;
+  }
+  CVEventLogger::SetConsoleEcho(false);
+  QApplication application(argc, argv);
+  QApplication::setApplicationName("Corvalink Sync");
+  QApplication::setApplicationVersion(CORVALINK_VERSION);
+  QApplication::setDesktopFileName("corvalink-sync");
+  QApplication::setWindowIcon(TrayIcon::Icon("corvalink-sync"));
+  // The client lives behind its tray item: closing a window never ends it.
+  QApplication::setQuitOnLastWindowClosed(false);
+
+  auto instance = ClientRuntime::AcquireInstance();
+  if (instance.anotherRuns) {
+    std::string error;
+    if (ClientRuntime::AskRunningToShow(error)) return ClientRuntime::kExitInStep;
+    std::cout << "Corvalink Sync is already running for this user but does not answer"
+              << (error.empty() ? "" : ": " + error) << std::endl;
+    return ClientRuntime::kExitAlreadyRunning;
+  }
+  if (!instance.lock) {
+    std::cout << "Corvalink Sync cannot tell whether it runs already (" << instance.error
+              << "); it starts all the same." << std::endl;
+  }
+
+  auto clock = std::make_shared<Clock>(options_.timeScale);
+  QtMainLoop loop(*clock);
+  TrayIcon trayIcon;
+  std::unique_ptr<SyncManagerWindow> window;
+  std::unique_ptr<ClientRuntime> runtime;
+  std::unique_ptr<DesktopCommands> commands;
+  SyncProgressSnapshot lastProgress;
+
+  auto drawWindow = [&] {
+    if (!window) return;
+    const auto index = static_cast<std::size_t>(std::max(0, lastProgress.currentSiteNumber));
+    window->Draw(SyncProgressView::From(lastProgress, CVStaticHelpers::GetSiteNameByIndex(index)));
+  };
+  auto openWindow = [&](TrayMenuModel::Window which, int tab) {
+    if (which == TrayMenuModel::Window::SignIn) {
+      ExplainSignIn();
+      return;
+    }
+    if (!window) {
+      window = std::make_unique<SyncManagerWindow>([&] { commands->StartStop(); });
+      lastProgress = SyncListenerAddInfo::Instance().Snapshot();
+      drawWindow();
+    }
+    window->SetTabNumber(tab);
+    window->ShowInFront();
+  };
+  TrayController tray(
+      trayIcon,
+      TrayController::Commands{
+          [&] { commands->SyncNow(); }, [&] { commands->Pause(); },
+          [] {
+            const std::string root = CVStaticHelpers::GenerateRootPathForStorages();
+            if (!QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(root)))) {
+              CVEventLogger::WriteMainLogMessage("DesktopApp - showCVFolder -> no file manager opened " + root);
+            }
+          },
+          openWindow, [&loop] { loop.Quit(ClientRuntime::kExitInStep); }},
+      {TrayMenuModel::Window::SyncManager}, [&] { return runtime && runtime->app().IsSyncStarted(); });
+  trayIcon.SetActivateHandler([&tray](const std::string& id) { tray.Activate(id); });
+
+  runtime = std::make_unique<ClientRuntime>(clock, loop, tray, instance.lock != nullptr);
+  commands = std::make_unique<DesktopCommands>(runtime->app());
+  runtime->SetShowHandler([&] {
+    openWindow(TrayMenuModel::Window::SyncManager, 0);
+    std::cout << "The sync manager window is shown." << std::endl;
+  });
+  ProgressWatch progress(loop, [&](const SyncProgressSnapshot& record) {
+    lastProgress = record;
+    tray.ShowProgress(record);
+    drawWindow();
+  });
+
+  const bool signedIn = runtime->Start(std::cout);
+  std::cout << "Corvalink Sync " << CORVALINK_VERSION << " running; logs in " << CVStaticHelpers::GenerateSettingsPath()
+            << "/CVLogger" << std::endl;
+  if (!trayIcon.Show()) {
+    // Nothing would show the client: its window stands in for the tray item.
+    CVEventLogger::WriteMainLogMessage("DesktopApp - Run -> no tray host on the session bus; the window opens");
+    std::cout << "No tray is shown on this desktop; the sync manager window stands in for it." << std::endl;
+    openWindow(TrayMenuModel::Window::SyncManager, 0);
+  }
+  if (!signedIn) ExplainSignIn();
+
+  std::unique_ptr<MainLoopWatchdog> watchdog;
+  if (const char* limit = std::getenv("CORVALINK_WATCHDOG_MS"); limit != nullptr && std::atoi(limit) > 0) {
+    watchdog = std::make_unique<MainLoopWatchdog>(loop, std::chrono::milliseconds(std::atoi(limit)));
+  }
+  const int exitCode = loop.Run();
+  if (watchdog) {
+    std::cout << "Main loop watchdog: longest wait " << watchdog->longest().count() << " ms, " << watchdog->stalls()
+              << " stalls" << std::endl;
+    watchdog.reset();
+  }
+  commands->Finish();
+  runtime->Stop();
+  window.reset();
+  return exitCode;
+}

@@ -1,0 +1,42 @@
+#pragma once
+// SyncManagerWindow: the sync manager, made at the first opening and kept for the
+// run. Its sync tab draws SyncProgressView from one snapshot of the progress
+// record; its start and stop button hands the work to the caller, which runs it
+// off the main thread. Closing it hides it.
+
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTabWidget>
+#include <QWidget>
+#include <functional>
+
+#include "SyncProgressView.h"
+
+class SyncManagerWindow : public QWidget {
+  Q_OBJECT
+ public:
+  explicit SyncManagerWindow(std::function<void()> startStop, QWidget* parent = nullptr);
+  void SetTabNumber(int tab);
+  // storageName: the name of the storage at the record's index.
+  void Draw(const SyncProgressView& view);
+  void ShowInFront();
+
+ private:
+  QTabWidget tabs_;
+  QWidget syncTab_;
+  QLabel syncStateLabel_;
+  QWidget storagesBox_;
+  QLabel currentStorageNumber_;
+  QLabel storageLabel_;
+  QWidget storagesProcessedBox_;
+  QProgressBar progressBar_;
+  QLabel percentsOfStorage_;
+  QLabel filesLeftLabel_;
+  QWidget fileBox_;
+  QLabel currentFileActionType_;
+  QLabel currentFileName_;
+  QLabel currentFileSizeLabel_;
+  QLabel percentsOfFile_;
+  QPushButton buttonStopStart_;
+};

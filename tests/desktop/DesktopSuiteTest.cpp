@@ -1,0 +1,169 @@
+// The desktop client as a user's session runs it: a real corvalink-sync on a
+// virtual display, its tray item and notifications read from the session bus
+// (played by the test), against the local server.
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <iostream>
+#include <regex>
+
+#include "E2EFixture.h"
+#include "TrayBus.h"
+
+namespace {
+
+class DesktopSuite : public E2ETest {
+ protected:
+  void SetUp() override {
+    E2ETest::SetUp();
+    ASSERT_TRUE(QDBusConnection::sessionBus().isConnected()) << "run under dbus-run-session";
+    ASSERT_NE(getenv("DISPLAY"), nullptr) << "run under xvfb-run";
+    ASSERT_TRUE(notifications_.Start());
+  }
+  void TearDown() override {
+    for (auto& client : clients_) client->Signal(SIGTERM);
+    for (auto& client : clients_) client->Wait(std::chrono::seconds(20));
+    host_.Stop();
+    notifications_.Stop();
+    E2ETest::TearDown();
+  }
+
+  ChildProcess& StartDesktop(const std::string& home) {
+    auto environment = ClientEnvironment(home);
+    // The icons of the build tree, as the installed theme holds them.
+    environment["XDG_DATA_DIRS"] = std::string(CORVALINK_SHARE_DIR) + ":/usr/share";
+    environment["CORVALINK_WATCHDOG_MS"] = "100";
+    clients_.push_back(std::make_unique<ChildProcess>(
+        CORVALINK_SYNC_BINARY, std::vector<std::string>{"--time-scale", "0.01"}, environment));
+    return *clients_.back();
+  }
+
+  // The item the client registered, once it has.
+  std::unique_ptr<TrayItem> WaitForItem() {
+    if (!PumpUntil([&] { return !host_.items().isEmpty(); }, 60000)) return nullptr;
+    return std::make_unique<TrayItem>(host_.items().first());
+  }
+
+  bool WaitForMenu(const TrayItem& item, const std::string& pattern, std::string& last) {
+    const std::regex expected(pattern);
+    return PumpUntil([&] { return std::regex_match(last = item.MenuTitles(), expected); }, 60000);
+  }
+
+  bool WaitForNotification(const std::string& text) {
+    return PumpUntil([&] {
+      for (const auto& got : notifications_.received) if (got == text) return true;
+      return false;
+    }, 20000);
+  }
+
+  static std::string MainLog(const std::string& home) {
+    std::string text;
+    const auto logs = std::filesystem::path(home) / "Corvalink" / ".Settings" / "CVLogger" / "CVMainLogs";
+    std::error_code error;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(logs, error)) {
+      if (entry.is_regular_file()) text += Read(entry.path());
+    }
+    return text;
+  }
+
+  TestTrayHost host_;
+  TestNotificationServer notifications_;
+  std::vector<std::unique_ptr<ChildProcess>> clients_;
+};
+
+// The sync in step, paused, resumed, offline and ended, each seen in the tray;
+// the entries do what they say; the main loop never waits long.
+TEST_F(DesktopSuite, TheTrayFollowsTheSyncAndItsEntriesWork) {
+  StartServer();
+  Write(ServerDocs() / "hello.txt", "from the server");
+  const std::string home = MakeClientHome("desk");
+  ASSERT_TRUE(host_.Start());
+  ChildProcess& client = StartDesktop(home);
+  auto item = WaitForItem();
+  ASSERT_TRUE(item) << client.Output();
+  EXPECT_EQ(item->Property("Id").toStdString(), "Corvalink Sync");
+
+  const std::string tail = "---\\|Sync status…\\|Open Corvalink folder\\|---\\|Exit\\|";
+  std::string menu;
+  ASSERT_TRUE(WaitForMenu(*item, "Sync now \\(last update at .+\\)\\|Pause sync\\|" + tail, menu)) << menu;
+  EXPECT_TRUE(PumpUntil([&] { return item->Property("IconName") == "corvalink-sync-state-2"; }, 20000))
+      << item->Property("IconName").toStdString();
+  EXPECT_EQ(Read(ClientDocs(home) / "hello.txt"), "from the server");
+
+  ASSERT_TRUE(item->Click("Pause sync"));
+  EXPECT_TRUE(WaitForMenu(*item, "Start sync\\|" + tail, menu)) << menu;
+  EXPECT_TRUE(WaitForNotification("Corvalink Sync: Synchronization paused"));
+  EXPECT_EQ(item->ToolTipTitle(), "Corvalink Sync. Synchronization paused.");
+  ASSERT_TRUE(item->Click("Start sync"));
+  EXPECT_TRUE(WaitForMenu(*item, "Sync now.*\\|Pause sync\\|" + tail, menu)) << menu;
+
+  // "Sync now" is there between passes (the test's clock runs them often).
+  const std::regex syncNow("Sync now.*");
+  EXPECT_TRUE(PumpUntil([&] {
+    for (const auto& entry : item->Menu()) {
+      if (std::regex_match(entry.label, syncNow)) return item->Click(entry.label);
+    }
+    return false;
+  }, 60000)) << item->MenuTitles();
+  EXPECT_TRUE(PumpUntil([&] { return MainLog(home).find("syncNowCommand -> Sync now pressed") != std::string::npos; },
+                        20000));
+
+  // The server goes away: the next pass is offline.
+  StopServer();
+  EXPECT_TRUE(PumpUntil([&] { return item->Property("IconName") == "corvalink-sync-state-4"; }, 60000))
+      << item->Property("IconName").toStdString();
+
+  ASSERT_TRUE(item->Click("Exit"));
+  EXPECT_EQ(client.Wait(std::chrono::seconds(30)), 0) << client.Output();
+  std::smatch watchdog;
+  const std::string output = client.WholeOutput(std::chrono::seconds(5));
+  ASSERT_TRUE(std::regex_search(output, watchdog, std::regex("Main loop watchdog: longest wait (\\d+) ms, (\\d+) stalls")))
+      << output;
+  // Figures for the record; a wait of a second means the main thread waited on
+  // the network or the sync, which a busy test machine alone does not explain.
+  std::cout << watchdog[0] << std::endl;
+  EXPECT_LT(std::stoi(watchdog[1]), 1000);
+}
+
+TEST_F(DesktopSuite, WithoutAnAccountTheMenuOffersTheSignIn) {
+  ASSERT_TRUE(host_.Start());
+  ChildProcess& client = StartDesktop(MakeEmptyHome("new"));
+  auto item = WaitForItem();
+  ASSERT_TRUE(item) << client.Output();
+  std::string menu;
+  EXPECT_TRUE(WaitForMenu(*item, "Sign in…\\|---\\|Exit\\|", menu)) << menu;
+  ASSERT_TRUE(item->Click("Exit"));
+  EXPECT_EQ(client.Wait(std::chrono::seconds(30)), 0) << client.Output();
+}
+
+TEST_F(DesktopSuite, NotificationsTurnedOffAreNotSent) {
+  StartServer();
+  const std::string home = MakeClientHome("quiet");
+  const auto config = std::filesystem::path(home) / "Corvalink" / ".Settings" / "Configuration.xml";
+  std::string xml = Read(config);
+  xml.replace(xml.find("<SyncCV>"), 0, "<NotificationTray>false</NotificationTray>");
+  Write(config, xml);
+  ASSERT_TRUE(host_.Start());
+  ChildProcess& client = StartDesktop(home);
+  auto item = WaitForItem();
+  ASSERT_TRUE(item) << client.Output();
+  std::string menu;
+  ASSERT_TRUE(WaitForMenu(*item, "Sync now.*", menu)) << menu;
+  ASSERT_TRUE(item->Click("Pause sync"));
+  EXPECT_TRUE(WaitForMenu(*item, "Start sync.*", menu)) << menu;
+  PumpUntil([] { return false; }, 1000);  // a notification would have come by now
+  EXPECT_TRUE(notifications_.received.empty()) << notifications_.received.front();
+}
+
+// With no tray host the window stands in for the item; a second start asks the
+// first to show itself and ends.
+TEST_F(DesktopSuite, WithoutATrayHostTheWindowOpensAndASecondStartShowsIt) {
+  const std::string home = MakeEmptyHome("plain");
+  ChildProcess& first = StartDesktop(home);
+  ASSERT_TRUE(first.WaitForLine("the sync manager window stands in for it", std::chrono::seconds(60))) << first.Output();
+  ChildProcess& second = StartDesktop(home);
+  EXPECT_EQ(second.Wait(std::chrono::seconds(30)), 0) << second.Output();
+  EXPECT_TRUE(first.WaitForLine("The sync manager window is shown.", std::chrono::seconds(10))) << first.Output();
+}
+
+}  // namespace

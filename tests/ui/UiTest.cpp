@@ -1,0 +1,90 @@
+// The engine's main loop on Qt's event loop, and the sync manager's progress tab.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <QLabel>
+#include <QPushButton>
+#include <QTest>
+#include <atomic>
+#include <thread>
+
+#include "QtMainLoop.h"
+#include "SyncManagerWindow.h"
+
+namespace {
+
+TEST(UiTest, TheQtLoopRunsTimersWatchesAndPostsOnItsThread) {
+  Clock clock(0.01);  // the program's 10 s are 100 ms here
+  QtMainLoop loop(clock);
+  int ticks = 0;
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  std::string read_;
+  std::atomic<bool> postedOnMain{false};
+  std::thread::id mainThread = std::this_thread::get_id();
+
+  MainLoop::TimerId timer = 0;
+  timer = loop.AddTimer(std::chrono::seconds(10), [&] {
+    // A timer that cancels itself from its own tick.
+    if (++ticks == 3) loop.CancelTimer(timer);
+  }, true);
+  MainLoop::WatchId watch = loop.AddReadWatch(fds[0], [&] {
+    char byte;
+    if (read(fds[0], &byte, 1) == 1) read_ += byte;
+    if (read_ == "ok") loop.RemoveReadWatch(watch);
+  });
+  std::thread worker([&] {
+    EXPECT_FALSE(loop.IsMainThread());
+    ASSERT_EQ(write(fds[1], "ok", 2), 2);
+    loop.Post([&] { postedOnMain = std::this_thread::get_id() == mainThread && loop.IsMainThread(); });
+  });
+  loop.AddTimer(std::chrono::seconds(60), [&] { loop.Quit(7); }, false);
+  EXPECT_EQ(loop.Run(), 7);
+  worker.join();
+  EXPECT_EQ(ticks, 3);
+  EXPECT_EQ(read_, "ok");
+  EXPECT_TRUE(postedOnMain);
+
+  // Quit before Run ends the run that follows, once; the loop runs again after it.
+  loop.Quit(3);
+  loop.Quit(3);
+  EXPECT_EQ(loop.Run(), 3);
+  loop.Post([&] { loop.Quit(4); });
+  EXPECT_EQ(loop.Run(), 4);
+  close(fds[0]);
+  close(fds[1]);
+}
+
+TEST(UiTest, TheSyncTabDrawsTheProgressAndItsButtonAsksToStartOrStop) {
+  int pressed = 0;
+  SyncManagerWindow window([&] { ++pressed; });
+  SyncProgressSnapshot busy;
+  busy.currentSyncState = 1;
+  busy.totalFilesNumber = 10;
+  busy.processedFilesCount = 4;
+  busy.currentFileName = "report.pdf";
+  busy.currentFileActionType = "Download";
+  busy.currentFileSize = 2048;
+  busy.currentFileProgress = 1024;
+  window.Draw(SyncProgressView::From(busy, "Docs"));
+  window.show();
+  auto label = [&](const char* name) { return window.findChild<QLabel*>(name)->text().toStdString(); };
+  EXPECT_EQ(label("syncStateLabel"), "Synchronization in process...");
+  EXPECT_EQ(label("filesLeftLabel"), "6");
+  EXPECT_EQ(label("currentFileName"), "report.pdf");
+  EXPECT_TRUE(window.findChild<QLabel*>("currentFileName")->isVisible());
+  auto* button = window.findChild<QPushButton*>("buttonStopStart");
+  EXPECT_EQ(button->text().toStdString(), "Stop sync");
+  QTest::mouseClick(button, Qt::LeftButton);
+  EXPECT_EQ(pressed, 1);
+
+  SyncProgressSnapshot idle;
+  idle.lastSync = "Last update at: 24/11/2026 10:00:00";
+  window.Draw(SyncProgressView::From(idle, ""));
+  EXPECT_EQ(label("syncStateLabel"), "Last update at: 24/11/2026 10:00:00");
+  EXPECT_FALSE(window.findChild<QLabel*>("currentFileName")->isVisible());
+  EXPECT_EQ(button->text().toStdString(), "Start sync");
+}
+
+}  // namespace
