@@ -18,8 +18,6 @@ class DesktopCommands {
   // loop started again, so no storage is due for a whole interval; otherwise a
   // paused sync resumes, or a pass starts now.
   void StartStop();
-  // Waits for the commands in flight (before the sync stops for good).
-  void Finish() { workers_.JoinAll(); }
 
  private:
   AppDelegate& app_;

@@ -142,8 +142,10 @@ int DesktopApp::Run(int argc, char** argv) {
               << " stalls" << std::endl;
     watchdog.reset();
   }
-  commands->Finish();
+  commands.reset();
   runtime->Stop();
+  // The sync reports to the tray to its very end: it goes before the tray does.
+  runtime.reset();
   window.reset();
   return exitCode;
 }
