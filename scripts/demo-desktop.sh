@@ -20,7 +20,7 @@ home="$work/home"
 storage="$work/server/Docs"
 shots=${shots:-$work}
 mkdir -p "$home" "$storage/Reports" "$shots"
-for i in $(seq 1 40); do head -c 200000 /dev/urandom > "$storage/Reports/scan $i.pdf"; done
+for i in 1 2 3 4 5; do head -c 3000000 /dev/urandom > "$storage/Reports/scan $i.pdf"; done
 printf 'Quarterly figures\n' > "$storage/Reports/Q3 results.txt"
 
 echo "== Local server, storage Docs in $storage"
@@ -53,6 +53,8 @@ until grep -q "tray host ready" "$work/tray.out" 2>/dev/null; do sleep 0.1; done
 client_pid=$!
 wait $watch_pid
 watch_code=$?
+# A scenario that stopped halfway leaves the client running: end it.
+[ "$watch_code" -eq 0 ] || "$client" quit > /dev/null 2>&1
 wait $client_pid
 client_code=$?
 sed 's/^/   /' "$work/tray.out"

@@ -5,7 +5,7 @@
 
 bool CommandLine::IsCommand(const std::string& word) {
   static const std::set<std::string> kCommands = {"login", "logout", "status", "storage", "folders", "select",
-                                                  "sync-now", "pause", "resume", "quit"};
+                                                  "sync-now", "pause", "resume", "show", "quit"};
   return kCommands.count(word) > 0;
 }
 
@@ -88,6 +88,7 @@ std::string CommandLine::Usage() {
          "                                ([x] all, [-] some, [ ] none)\n"
          "  select STORAGE[/PATH] all|none   sync that folder, or stop syncing it\n"
          "  sync-now | pause | resume | quit   the running client\n"
+         "  show           bring the running client's window forward\n"
          "\n"
          "Exit codes of commands: 0 done, 1 failed (the line says why; nothing changed),\n"
          "2 no account signed in, 3 the client is not running, 4 a client runs already\n"
