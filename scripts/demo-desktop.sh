@@ -8,8 +8,9 @@ build=${1:-build}
 shots=${2:-}
 if [ -z "${CORVALINK_DEMO_SESSION:-}" ]; then
   export CORVALINK_DEMO_SESSION=1
-  exec dbus-run-session -- xvfb-run -a -s "-screen 0 1024x700x24" bash "$0" "$build" "$shots" 2>&1 \
+  dbus-run-session -- xvfb-run -a -s "-screen 0 1024x700x24" bash "$0" "$build" "$shots" 2>&1 \
     | grep -v "Failed to set fd limit"
+  exit "${PIPESTATUS[0]}"
 fi
 client="$PWD/$build/src/app/corvalink-sync"
 server="$PWD/$build/tools/devserver/corvalink-devserver"
@@ -48,13 +49,22 @@ echo "== The desktop client starts; the tray as the panel sees it:"
   --click 'Start sync' --wait-menu 'Sync now.*' \
   --click 'Exit' > "$work/tray.out" 2>&1 &
 watch_pid=$!
-until grep -q "tray host ready" "$work/tray.out" 2>/dev/null; do sleep 0.1; done
+until grep -q "tray host ready" "$work/tray.out" 2>/dev/null; do
+  kill -0 $watch_pid 2>/dev/null || { cat "$work/tray.out"; exit 1; }
+  sleep 0.1
+done
 "$client" --time-scale 0.05 > "$work/client.out" 2>&1 &
 client_pid=$!
 wait $watch_pid
 watch_code=$?
-# A scenario that stopped halfway leaves the client running: end it.
-[ "$watch_code" -eq 0 ] || "$client" quit > /dev/null 2>&1
+# Exit was the last step; a scenario that stopped halfway, or an Exit that went
+# unheard, leaves the client running: end it, and say so.
+for _ in $(seq 1 100); do kill -0 $client_pid 2>/dev/null || break; sleep 0.1; done
+if kill -0 $client_pid 2>/dev/null; then
+  echo "   the client still runs after the tray scenario; quitting it from the terminal"
+  "$client" quit > /dev/null 2>&1
+  watch_code=1
+fi
 wait $client_pid
 client_code=$?
 sed 's/^/   /' "$work/tray.out"

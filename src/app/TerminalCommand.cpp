@@ -106,7 +106,7 @@ std::optional<TerminalCommand::Parsed> TerminalCommand::Parse(const std::string&
     return parsed;
   }
   if (command == "logout" || command == "status" || command == "sync-now" || command == "pause" ||
-      command == "resume" || command == "quit") {
+      command == "resume" || command == "show" || command == "quit") {
     if (!arguments.empty()) {
       error = "\"" + command + "\" takes no words";
       return std::nullopt;

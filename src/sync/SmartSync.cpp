@@ -427,8 +427,9 @@ void SmartSync::Idle(bool& workDone) {
       app_.NotifySyncError();
       app_.SetStatusIcon(6);
     } else {
-      std::int64_t lastSync = CVConfiguration::Instance().LastSync();
-      app_.SetTooltip("Last synchronization: " + CVStaticHelpers::FormatDateTime(lastSync));
+      // Before the first whole pass has ended there is no last sync to tell: the pass's end sets it.
+      const std::int64_t lastSync = CVConfiguration::Instance().LastSync();
+      if (lastSync > 0) app_.SetTooltip("Last synchronization: " + CVStaticHelpers::FormatDateTime(lastSync));
       SyncListener::setLastSyncText("Last update at: " +
                                     CVStaticHelpers::FormatDateTime(app_.clock().WallNowSeconds()));
       app_.SetStatusIcon(2);

@@ -1,5 +1,6 @@
 #include "TrayIcon.h"
 
+#include <map>
 
 TrayIcon::TrayIcon(QObject* parent) : QObject(parent) {
   tray_.setContextMenu(&menu_);
@@ -30,33 +31,48 @@ void TrayIcon::ShowIcon(const std::string& iconName) { tray_.setIcon(Icon(iconNa
 void TrayIcon::ShowToolTip(const std::string& text) { tray_.setToolTip(QString::fromStdString(text)); }
 
 void TrayIcon::ShowMenu(const std::vector<TrayMenuModel::Entry>& entries) {
-  // The same entries with new titles (a progress line, "Start sync"): changed in
-  // place, so that an open menu stays open.
-  const QList<QAction*> actions = menu_.actions();
-  bool sameShape = actions.size() == static_cast<qsizetype>(entries.size());
-  for (qsizetype i = 0; sameShape && i < actions.size(); ++i) {
-    sameShape = actions[i]->objectName().toStdString() == entries[static_cast<std::size_t>(i)].id &&
-                actions[i]->isSeparator() == entries[static_cast<std::size_t>(i)].separator;
-  }
-  if (sameShape) {
-    for (qsizetype i = 0; i < actions.size(); ++i) {
-      actions[i]->setText(QString::fromStdString(entries[static_cast<std::size_t>(i)].title));
-      actions[i]->setEnabled(entries[static_cast<std::size_t>(i)].enabled);
-    }
-    return;
-  }
-  menu_.clear();
+  // Entries that stay keep their action, so the number the tray host knows them
+  // by stays too: a click that crosses a redraw (a pass ends, "Sync now" comes
+  // back) still reaches its entry, and an open menu stays open.
+  std::map<std::string, QAction*> existing;
+  for (QAction* action : menu_.actions()) existing[action->objectName().toStdString()] = action;
+  std::vector<QAction*> wanted;
+  std::string previous;
   for (const auto& entry : entries) {
-    QAction* action = entry.separator ? menu_.addSeparator() : menu_.addAction(QString::fromStdString(entry.title));
-    action->setObjectName(QString::fromStdString(entry.id));
-    if (entry.separator) continue;
-    action->setEnabled(entry.enabled);
-    const std::string id = entry.id;
-    // Queued: a command may redraw the menu, which must not delete the action
-    // whose signal is being delivered.
-    connect(action, &QAction::triggered, this, [this, id] {
-      if (activate_) activate_(id);
-    }, Qt::QueuedConnection);
+    const std::string key = entry.separator ? "separator after " + previous : entry.id;
+    previous = key;
+    auto found = existing.find(key);
+    QAction* action = nullptr;
+    if (found != existing.end()) {
+      action = found->second;
+      existing.erase(found);
+    } else {
+      action = new QAction(&menu_);
+      action->setObjectName(QString::fromStdString(key));
+      action->setSeparator(entry.separator);
+      const std::string id = entry.id;
+      // Queued: a command may redraw the menu, which must not delete the action
+      // whose signal is being delivered.
+      connect(action, &QAction::triggered, this, [this, id] {
+        if (activate_) activate_(id);
+      }, Qt::QueuedConnection);
+    }
+    if (!entry.separator) {
+      action->setText(QString::fromStdString(entry.title));
+      action->setEnabled(entry.enabled);
+    }
+    wanted.push_back(action);
+  }
+  for (auto& [key, action] : existing) {
+    menu_.removeAction(action);
+    action->deleteLater();
+  }
+  for (std::size_t i = 0; i < wanted.size(); ++i) {
+    const QList<QAction*> shown = menu_.actions();
+    const auto at = static_cast<qsizetype>(i);
+    if (at < shown.size() && shown[at] == wanted[i]) continue;
+    menu_.removeAction(wanted[i]);  // out of place, or not in the menu yet
+    menu_.insertAction(at < menu_.actions().size() ? menu_.actions()[at] : nullptr, wanted[i]);
   }
 }
 

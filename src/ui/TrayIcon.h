@@ -19,6 +19,8 @@ class TrayIcon : public QObject, public TrayController::View {
   // Shows the item; false when no tray host is there to show it.
   bool Show();
   static QIcon Icon(const std::string& name);
+  // The menu as the tray host is given it.
+  const QMenu& Menu() const { return menu_; }
 
   void ShowIcon(const std::string& iconName) override;
   void ShowToolTip(const std::string& text) override;

@@ -11,6 +11,8 @@
 
 #include "QtMainLoop.h"
 #include "SyncManagerWindow.h"
+#include "TrayIcon.h"
+#include "TrayMenuModel.h"
 
 namespace {
 
@@ -88,3 +90,45 @@ TEST(UiTest, TheSyncTabDrawsTheProgressAndItsButtonAsksToStartOrStop) {
 }
 
 }  // namespace
+
+// The tray host knows entries by their actions: an entry that stays through a
+// redraw keeps its action, so a click sent just before the redraw still counts.
+TEST(UiTest, TrayEntriesThatStayKeepTheirActionsThroughRedraws) {
+  TrayIcon tray;
+  std::vector<std::string> activated;
+  tray.SetActivateHandler([&](const std::string& id) { activated.push_back(id); });
+  auto titles = [&] {
+    std::string shown;
+    for (QAction* action : tray.Menu().actions()) shown += (action->isSeparator() ? "---" : action->text().toStdString()) + "|";
+    return shown;
+  };
+  auto find = [&](const char* id) { return tray.Menu().findChild<QAction*>(id); };
+  TrayMenuModel::State state;
+  state.signedIn = true;
+  state.windows = {TrayMenuModel::Window::SyncManager};
+  tray.ShowMenu(TrayMenuModel::Build(state));
+  QAction* exit = find("exit");
+  QAction* pause = find("pause");
+  ASSERT_NE(exit, nullptr);
+  struct Step {
+    bool syncNowHidden;
+    std::string progressLine, pauseTitle, titles;
+  } steps[] = {
+      {true, "Download a.txt — 2 files left", "Pause sync",
+       "Download a.txt — 2 files left|---|Pause sync|---|Sync status…|Open Corvalink folder|---|Exit|"},
+      {true, "", "Start sync", "Start sync|---|Sync status…|Open Corvalink folder|---|Exit|"},
+      {false, "", "Pause sync", "Sync now|Pause sync|---|Sync status…|Open Corvalink folder|---|Exit|"},
+  };
+  for (const auto& step : steps) {
+    state.syncNowHidden = step.syncNowHidden;
+    state.progressLine = step.progressLine;
+    state.pauseTitle = step.pauseTitle;
+    tray.ShowMenu(TrayMenuModel::Build(state));
+    EXPECT_EQ(titles(), step.titles);
+    EXPECT_EQ(find("exit"), exit);
+    EXPECT_EQ(find("pause"), pause);
+  }
+  exit->trigger();
+  QCoreApplication::processEvents();
+  EXPECT_EQ(activated, std::vector<std::string>{"exit"});
+}

@@ -2,9 +2,11 @@
 
 #include <QCoreApplication>
 #include <QDBusArgument>
+#include <QDBusConnectionInterface>
 #include <QDBusInterface>
 #include <QDBusMessage>
 #include <QDBusMetaType>
+#include <QDBusPendingCall>
 #include <QDBusObjectPath>
 #include <QDBusVariant>
 #include <QElapsedTimer>
@@ -27,10 +29,24 @@ void Release(const char* service, const char* path) {
   bus.unregisterObject(path);
 }
 
+// A call that keeps this process answering while it waits (the client calls the
+// tray host and the notification server too). Qt's own waiting with the GUI
+// running can miss its wake-up and then waits for ever; this one looks every 20 ms.
+QDBusMessage Call(const QDBusMessage& call) {
+  QDBusPendingCall pending = QDBusConnection::sessionBus().asyncCall(call, 5000);
+  QElapsedTimer timer;
+  timer.start();
+  while (!pending.isFinished() && timer.elapsed() < 6000) {
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    QThread::msleep(5);
+  }
+  return pending.isFinished() ? pending.reply() : QDBusMessage::createError(QDBusError::Timeout, "no answer");
+}
+
 QVariant GetProperty(const QString& service, const QString& path, const QString& interface, const QString& name) {
   QDBusMessage call = QDBusMessage::createMethodCall(service, path, "org.freedesktop.DBus.Properties", "Get");
   call << interface << name;
-  QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::BlockWithGui, 5000);
+  QDBusMessage reply = Call(call);
   if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) return {};
   return reply.arguments().first().value<QDBusVariant>().variant();
 }
@@ -85,6 +101,10 @@ uint TestNotificationServer::Notify(const QString&, uint, const QString&, const 
 QStringList TestNotificationServer::GetCapabilities() { return {"body"}; }
 void TestNotificationServer::CloseNotification(uint) {}
 
+bool TrayItem::Present() const {
+  return QDBusConnection::sessionBus().interface()->isServiceRegistered(service_.section('/', 0, 0));
+}
+
 QString TrayItem::Property(const char* name) const {
   return GetProperty(service_, "/StatusNotifierItem", "org.kde.StatusNotifierItem", name).toString();
 }
@@ -92,6 +112,7 @@ QString TrayItem::Property(const char* name) const {
 std::string TrayItem::ToolTipTitle() const {
   // (s a(iiay) s s): icon name, pictures, title, text.
   QVariant value = GetProperty(service_, "/StatusNotifierItem", "org.kde.StatusNotifierItem", "ToolTip");
+  if (!value.canConvert<QDBusArgument>()) return {};  // the item has gone
   const QDBusArgument argument = value.value<QDBusArgument>();
   QString icon, title, text;
   argument.beginStructure();
@@ -113,10 +134,11 @@ std::string TrayItem::ToolTipTitle() const {
 std::vector<TrayEntry> TrayItem::Menu() const {
   const QString menuPath =
       GetProperty(service_, "/StatusNotifierItem", "org.kde.StatusNotifierItem", "Menu").value<QDBusObjectPath>().path();
+  std::vector<TrayEntry> entries;
+  if (menuPath.isEmpty()) return entries;  // the item has gone
   QDBusMessage call = QDBusMessage::createMethodCall(service_, menuPath, "com.canonical.dbusmenu", "GetLayout");
   call << 0 << -1 << QStringList();
-  QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::BlockWithGui, 5000);
-  std::vector<TrayEntry> entries;
+  QDBusMessage reply = Call(call);
   if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().size() < 2) return entries;
   ReadNode(reply.arguments().at(1).value<QDBusArgument>(), entries, true);
   return entries;

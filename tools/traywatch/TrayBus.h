@@ -64,6 +64,8 @@ struct TrayEntry {
 class TrayItem {
  public:
   explicit TrayItem(QString service) : service_(std::move(service)) {}
+  // False once the client that registered the item has left the bus.
+  bool Present() const;
   QString Property(const char* name) const;  // a string property of the item
   std::string ToolTipTitle() const;
   std::vector<TrayEntry> Menu() const;

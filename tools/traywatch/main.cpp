@@ -4,6 +4,7 @@
 // where no panel runs.
 
 #include <QGuiApplication>
+#include <QImage>
 #include <QPixmap>
 #include <QScreen>
 #include <cstdlib>
@@ -40,6 +41,17 @@ void Report(const TrayItem& item, const TestNotificationServer& notifications, S
   for (; shown.notifications < notifications.received.size(); ++shown.notifications) {
     std::cout << "notification: " << notifications.received[shown.notifications] << std::endl;
   }
+}
+// The screen without the bare root window around the windows (no window manager
+// runs, so the root stays black).
+QImage CropToWindows(const QImage& screen) {
+  QRect shown;
+  for (int y = 0; y < screen.height(); ++y) {
+    for (int x = 0; x < screen.width(); ++x) {
+      if ((screen.pixel(x, y) & 0xffffff) != 0) shown |= QRect(x, y, 1, 1);
+    }
+  }
+  return shown.isEmpty() ? screen : screen.copy(shown);
 }
 }  // namespace
 
@@ -86,7 +98,8 @@ int main(int argc, char** argv) {
       done = std::system(value.c_str()) == 0;
     } else if (step == "--screenshot") {
       PumpUntil([] { return false; }, 500);  // let the windows draw
-      done = QGuiApplication::primaryScreen()->grabWindow(0).save(QString::fromStdString(value), "PNG");
+      done = CropToWindows(QGuiApplication::primaryScreen()->grabWindow(0).toImage())
+                 .save(QString::fromStdString(value), "PNG");
       if (done) std::cout << "screenshot: " << value << std::endl;
     } else {
       std::cerr << kUsage;
@@ -98,7 +111,9 @@ int main(int argc, char** argv) {
       return 1;
     }
   }
+  // The last changes, up to a second, or until the client has left the bus.
   PumpUntil([&] {
+    if (!item.Present()) return true;
     Report(item, notifications, shown);
     return false;
   }, 1000);
