@@ -43,7 +43,7 @@ echo secret | "$client" login "$url" alice --password-stdin 2>&1 | sed 's/^/   /
 
 echo "== The desktop client starts; the tray as the panel sees it:"
 "$traywatch" \
-  --wait-menu 'Sync now \(last update at .*' \
+  --wait-menu 'Sync now \(last update at .*' --screenshot-menu "$shots/tray-menu.png" \
   --run "'$client' show > /dev/null" --screenshot "$shots/sync-manager.png" \
   --click 'Pause sync' --wait-menu 'Start sync.*' \
   --click 'Start sync' --wait-menu 'Sync now.*' \
@@ -71,7 +71,7 @@ sed 's/^/   /' "$work/tray.out"
 echo "   traywatch exit code: $watch_code, client exit code: $client_code (0: both as expected)"
 echo
 echo "== The client's files: $(find "$home/Corvalink/Docs" -type f | wc -l) of $(find "$storage" -type f | wc -l) from the server"
-echo "== Picture of the sync manager window: $shots/sync-manager.png"
+echo "== Pictures of the tray menu and the sync manager window: $shots/tray-menu.png, $shots/sync-manager.png"
 echo "== The client's main log, its tray and window lines:"
 grep -h -E "DesktopApp|paused|resumed|Sync now pressed|Main loop" "$home"/Corvalink/.Settings/CVLogger/CVMainLogs/*/* | sed 's/^/   /' | tail -12
 [ "$watch_code" -eq 0 ] && [ "$client_code" -eq 0 ]

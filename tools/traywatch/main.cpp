@@ -3,7 +3,8 @@
 // works a scenario of steps on it. For the desktop demo and for trying the tray
 // where no panel runs.
 
-#include <QGuiApplication>
+#include <QApplication>
+#include <QMenu>
 #include <QImage>
 #include <QPixmap>
 #include <QScreen>
@@ -22,6 +23,8 @@ const char* kUsage =
     "  --wait-icon NAME    until the item shows that icon\n"
     "  --click TITLE       activate the menu entry with that title\n"
     "  --run COMMAND       run a shell command and wait for it\n"
+    "  --screenshot-menu FILE  draw the menu as read from the bus, as a panel\n"
+    "                      would open it, and save a picture of it\n"
     "  --screenshot FILE   a PNG of the whole display\n"
     "Each wait gives up after 120 s (exit 1). Prints \"tray host ready\" once it serves.\n";
 
@@ -56,7 +59,7 @@ QImage CropToWindows(const QImage& screen) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  QGuiApplication application(argc, argv);
+  QApplication application(argc, argv);
   std::vector<std::string> steps(argv + 1, argv + argc);
   if (steps.empty() || steps.size() % 2 != 0) {
     std::cerr << kUsage;
@@ -100,6 +103,22 @@ int main(int argc, char** argv) {
       PumpUntil([] { return false; }, 500);  // let the windows draw
       done = CropToWindows(QGuiApplication::primaryScreen()->grabWindow(0).toImage())
                  .save(QString::fromStdString(value), "PNG");
+      if (done) std::cout << "screenshot: " << value << std::endl;
+    } else if (step == "--screenshot-menu") {
+      // No panel runs here to open the menu: draw the entries the client
+      // publishes, with their titles, states and separators, the way Qt would.
+      QMenu menu;
+      for (const auto& entry : item.Menu()) {
+        if (entry.separator) {
+          menu.addSeparator();
+        } else {
+          menu.addAction(QString::fromStdString(entry.label))->setEnabled(entry.enabled);
+        }
+      }
+      menu.popup(QPoint(0, 0));
+      PumpUntil([] { return false; }, 300);
+      done = menu.grab().save(QString::fromStdString(value), "PNG");
+      menu.close();
       if (done) std::cout << "screenshot: " << value << std::endl;
     } else {
       std::cerr << kUsage;
