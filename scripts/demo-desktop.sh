@@ -15,6 +15,7 @@ fi
 client="$PWD/$build/src/app/corvalink-sync"
 server="$PWD/$build/tools/devserver/corvalink-devserver"
 traywatch="$PWD/$build/tools/traywatch/corvalink-traywatch"
+source "$(dirname "$0")/devserver.sh"
 
 work=$(mktemp -d /tmp/corvalink-desktop-demo-XXXXXX)
 home="$work/home"
@@ -25,15 +26,7 @@ for i in 1 2 3 4 5; do head -c 3000000 /dev/urandom > "$storage/Reports/scan $i.
 printf 'Quarterly figures\n' > "$storage/Reports/Q3 results.txt"
 
 echo "== Local server, storage Docs in $storage"
-"$server" --listen 127.0.0.1:0 --user alice:secret --storage "Docs=$storage" > "$work/server.out" 2>&1 &
-server_pid=$!
-trap 'kill $server_pid 2>/dev/null; wait $server_pid 2>/dev/null' EXIT
-for _ in $(seq 1 50); do
-  url=$(sed -n 's/^corvalink-devserver listening on \(http[^ ]*\)$/\1/p' "$work/server.out")
-  [ -n "$url" ] && break
-  sleep 0.1
-done
-[ -n "$url" ] || { echo "the local server did not start:"; cat "$work/server.out"; exit 1; }
+start_devserver "$work/server.out" "$work/server.err" --user alice:secret --storage "Docs=$storage"
 
 export HOME="$home" XDG_RUNTIME_DIR="$home/run" XDG_DATA_DIRS="$PWD/$build/share:/usr/share"
 mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"

@@ -5,6 +5,7 @@ set -uo pipefail
 build=${1:-build}
 client="$PWD/$build/src/app/corvalink-sync"
 server="$PWD/$build/tools/devserver/corvalink-devserver"
+source "$(dirname "$0")/devserver.sh"
 
 work=$(mktemp -d /tmp/corvalink-demo-XXXXXX)
 home="$work/home"
@@ -20,18 +21,7 @@ head -c $((20 * 1024 * 1024)) /dev/urandom > "$storage/big archive.bin"
 printf 'not for this machine\n' > "$storage/Private/secret.txt"
 
 echo "== Local server, storage Docs in $storage"
-"$server" --listen 127.0.0.1:0 --user alice:secret --storage "Docs=$storage" --verbose \
-  > "$work/server.out" 2> "$work/server.requests" &
-server_pid=$!
-trap 'kill $server_pid 2>/dev/null; wait $server_pid 2>/dev/null' EXIT
-for _ in $(seq 1 50); do
-  url=$(sed -n 's/^corvalink-devserver listening on \(http[^ ]*\)$/\1/p' "$work/server.out")
-  [ -n "$url" ] && break
-  sleep 0.1
-done
-if [ -z "$url" ]; then
-  echo "the local server did not start:"; cat "$work/server.out" "$work/server.requests"; exit 1
-fi
+start_devserver "$work/server.out" "$work/server.requests" --user alice:secret --storage "Docs=$storage" --verbose
 echo "   listening on $url"
 
 # The demo's client keeps its local socket in its own home, away from a real client's.
