@@ -27,10 +27,8 @@ void SyncListener::SendSyncStateChangedNotification(std::int32_t state) {
       r.processedFilesCount = 0;
       r.currentSyncState = state;
       if (state == 0) {
-        // The end of a pass clears what it worked on (the window's reset, done
-        // here under the record's lock), so that the next pass starts blank.
-        r.currentSiteNumber = 0;
-        r.totalFilesNumber = 0;
+        // The end of a pass clears the file it worked on (the window's reset, done
+        // here under the record's lock), so that no view shows it afterwards.
         r.currentFileSize = 0;
         r.currentFileProgress = 0;
         r.currentFileName.clear();

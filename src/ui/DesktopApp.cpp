@@ -11,6 +11,7 @@
 #include "AppDelegate.h"
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
+#include "ClientCommands.h"
 #include "ClientRuntime.h"
 #include "Clock.h"
 #include "DesktopCommands.h"
@@ -32,9 +33,7 @@ bool HasDisplay() {
 // Until the sign-in window exists, the sign-in is done from a terminal.
 void ExplainSignIn() {
   auto* box = new QMessageBox(QMessageBox::Information, "Corvalink Sync",
-                              "No account is signed in.\n\nSign in from a terminal with:\n"
-                              "corvalink-sync login URL USER",
-                              QMessageBox::Ok);
+                              QString::fromStdString(ClientCommands::HowToSignIn()), QMessageBox::Ok);
   box->setAttribute(Qt::WA_DeleteOnClose);
   box->show();
 }

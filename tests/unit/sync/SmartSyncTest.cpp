@@ -170,7 +170,8 @@ TEST_F(SmartSyncTest, StopEndsTheRunningOperationAndTheLoop) {
 
 TEST_F(SmartSyncTest, RunTellsItsStateAndAnItemOfNoActionStillCounts) {
   app->isAppOffline = false;
-  CVConfiguration::Instance().Corvalink.LastSync = 0;
+  const std::int64_t lastSync = 1'700'000'000;
+  CVConfiguration::Instance().Corvalink.LastSync = lastSync;
   app->CreateSyncEngine();
   SmartSync& s = sync();
   {
@@ -187,11 +188,11 @@ TEST_F(SmartSyncTest, RunTellsItsStateAndAnItemOfNoActionStillCounts) {
   EXPECT_THAT(icons, ::testing::Contains(3));  // the run opened
   EXPECT_EQ(icons.back(), 2);
   // The tool tip shows the stored LastSync; the "last update" text the time now.
-  EXPECT_EQ(status.tooltips().back(), "Last synchronization: " + CVStaticHelpers::FormatDateTime(0));
+  EXPECT_EQ(status.tooltips().back(), "Last synchronization: " + CVStaticHelpers::FormatDateTime(lastSync));
   auto record = SyncListenerAddInfo::Instance().Snapshot();
   ASSERT_TRUE(record.lastSync);
   EXPECT_EQ(record.lastSync->rfind("Last update at: ", 0), 0u);
-  EXPECT_NE(*record.lastSync, "Last update at: " + CVStaticHelpers::FormatDateTime(0));
+  EXPECT_NE(*record.lastSync, "Last update at: " + CVStaticHelpers::FormatDateTime(lastSync));
   EXPECT_EQ(record.totalFilesNumber, 2);
 }
 
