@@ -114,13 +114,20 @@ int ClientCommands::Run(const std::vector<std::string>& request, CommandEnvironm
 }
 
 int ClientCommands::Login(const std::vector<std::string>& request, CommandEnvironment& env, CommandIO& io) {
-  LoginController::Form form{request[1], request[2], request[3]};
+  LoginController::Form form{request[1], request[2], request[3], request.size() > 4 ? request[4] : ""};
   io.Out(LoginController::kConnecting);
-  auto result = env.login.LoginMethodRun(form, [&io](const LoginController::AccountChange& change) {
-    io.Out(std::string(LoginController::kWarningTitle) + ": " + LoginController::kWarningText);
-    io.Out(change.Details());
-    return io.Ask("Sign in as " + change.newUser + " and remove the data of " + change.oldUser + "?");
-  });
+  auto result = env.login.LoginMethodRun(
+      form,
+      [&io](const LoginController::AccountChange& change) {
+        io.Out(std::string(LoginController::kWarningTitle) + ": " + LoginController::kWarningText);
+        io.Out(change.Details());
+        return io.Ask("Sign in as " + change.newUser + " and remove the data of " + change.oldUser + "?");
+      },
+      [&io](const CertificateQuestion& question) {
+        io.Out(question.Details());
+        return io.AskPerson(question.Question());
+      });
+  for (const auto& notice : result.notices) io.Out("Note: " + notice);
   switch (result.outcome) {
     case LoginController::Outcome::SignedIn:
       break;
@@ -130,6 +137,9 @@ int ClientCommands::Login(const std::vector<std::string>& request, CommandEnviro
     case LoginController::Outcome::Locked:
       io.Err(result.message);
       return kLocked;
+    case LoginController::Outcome::Untrusted:
+      io.Err(result.message);
+      return kUntrusted;
     default:
       io.Err(result.message);
       return kFailed;
@@ -190,8 +200,11 @@ int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {
   std::size_t localWaiting = env.settings.control().PendingLocalChanges();
   if (AppDelegate* app = env.app) {
     std::string state = "in step";
+    auto certificate = app->CertificateProblem();
     if (!app->IsSyncStarted() || !config.IsSignedIn()) {
       state = "waiting for a sign-in";
+    } else if (certificate) {
+      state = "stopped: " + *certificate;
     } else if (app->syncWasPaused) {
       state = "paused";
     } else if (app->isAppOffline) {
@@ -385,6 +398,10 @@ int ClientCommands::Runtime(const std::string& word, CommandEnvironment& env, Co
     if (!app->IsSyncStarted()) {
       io.Err("No account is signed in. Sign in with: corvalink-sync login URL USER");
       return kNoAccount;
+    }
+    if (auto certificate = app->CertificateProblem()) {
+      io.Err(*certificate);
+      return kUntrusted;
     }
     app->syncNowCommand();
     io.Out("A sync pass starts now.");

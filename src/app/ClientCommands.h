@@ -21,6 +21,9 @@ class CommandIO {
   virtual void Err(const std::string& line) = 0;
   // A question for the user; false when it cannot be asked.
   virtual bool Ask(const std::string& question) = 0;
+  // A question only a person may answer, never --yes (trusting a certificate);
+  // false when nobody can be asked.
+  virtual bool AskPerson(const std::string& question) = 0;
 };
 
 struct CommandEnvironment {
@@ -44,9 +47,11 @@ class ClientCommands {
   static constexpr int kAlreadyRunning = 4;
   static constexpr int kWrongPassword = 5;
   static constexpr int kLocked = 6;
+  static constexpr int kUntrusted = 7;  // the server's certificate was refused or not accepted
   static constexpr int kUsage = 64;
 
-  // The request words; "login" carries url, user and password as fields.
+  // The request words; "login" carries url, user, password and a fingerprint
+  // accepted beforehand ("" for none) as fields.
   static bool IsRequest(const std::string& word);
   // Requests that only a running client can carry out.
   static bool NeedsRunningClient(const std::string& word);

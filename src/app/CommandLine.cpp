@@ -69,11 +69,14 @@ std::string CommandLine::Usage() {
          "  --help         print this text\n"
          "\n"
          "Commands go to the client that is running, or, when none runs, to the files:\n"
-         "  login [URL [USER]] [--password-stdin] [--yes]\n"
+         "  login [URL [USER]] [--password-stdin] [--yes] [--accept-fingerprint SHA256]\n"
          "                 sign in; asks for what is missing, the password without echo\n"
          "                 (or reads it from standard input); signing in as another\n"
          "                 account removes the previous one's data after a question\n"
-         "                 (--yes answers it)\n"
+         "                 (--yes answers it). A server whose certificate no authority\n"
+         "                 of this computer vouches for shows its SHA-256 fingerprint\n"
+         "                 and is trusted only when you answer yes, or when it has the\n"
+         "                 fingerprint given with --accept-fingerprint (--yes does not)\n"
          "  logout         forget the password and the session; files and records stay\n"
          "  status         the account, the client's state, what waits, the storages\n"
          "  storage list\n"
@@ -93,5 +96,6 @@ std::string CommandLine::Usage() {
          "Exit codes of commands: 0 done, 1 failed (the line says why; nothing changed),\n"
          "2 no account signed in, 3 the client is not running, 4 a client runs already\n"
          "(when starting one), 5 wrong user name or password, 6 sign-in locked after\n"
-         "three wrong passwords, 64 a wrong command line.\n";
+         "three wrong passwords, 7 the server's certificate is not trusted, 64 a wrong\n"
+         "command line.\n";
 }

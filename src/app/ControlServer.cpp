@@ -17,14 +17,17 @@ class SocketIO : public CommandIO {
   explicit SocketIO(LineChannel& channel) : channel_(channel) {}
   void Out(const std::string& line) override { channel_.WriteLine({"OUT", line}); }
   void Err(const std::string& line) override { channel_.WriteLine({"ERR", line}); }
-  bool Ask(const std::string& question) override {
-    if (!channel_.WriteLine({"ASK", question})) return false;
+  bool Ask(const std::string& question) override { return Question("ASK", question); }
+  bool AskPerson(const std::string& question) override { return Question("ASK-PERSON", question); }
+
+ private:
+  bool Question(const char* kind, const std::string& question) {
+    if (!channel_.WriteLine({kind, question})) return false;
     // A person answers: give them time, but not for ever.
     auto answer = channel_.ReadLine(10min);
     return answer && answer->size() == 2 && (*answer)[0] == "ANSWER" && (*answer)[1] == "yes";
   }
 
- private:
   LineChannel& channel_;
 };
 

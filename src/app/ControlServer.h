@@ -5,6 +5,7 @@
 //   OUT <text>      a line for standard output
 //   ERR <text>      a line for standard error
 //   ASK <question>  a yes-or-no question; the peer answers "ANSWER yes|no"
+//   ASK-PERSON <question>  the same, that only a person answers (never --yes)
 //   END <code>      the exit code; the connection ends
 // The main thread only accepts; nothing it does waits on a peer.
 

@@ -66,16 +66,19 @@ std::string GuessType(const std::string& url) {
 // The terminal, for a command carried out in this process.
 class TerminalIO : public CommandIO {
  public:
-  TerminalIO(std::ostream& out, std::ostream& err, std::function<bool(const std::string&)> ask)
-      : out_(out), err_(err), ask_(std::move(ask)) {}
+  using Asker = std::function<bool(const std::string&)>;
+  TerminalIO(std::ostream& out, std::ostream& err, Asker ask, Asker askPerson)
+      : out_(out), err_(err), ask_(std::move(ask)), askPerson_(std::move(askPerson)) {}
   void Out(const std::string& line) override { out_ << line << std::endl; }
   void Err(const std::string& line) override { err_ << line << std::endl; }
   bool Ask(const std::string& question) override { return ask_(question); }
+  bool AskPerson(const std::string& question) override { return askPerson_(question); }
 
  private:
   std::ostream& out_;
   std::ostream& err_;
-  std::function<bool(const std::string&)> ask_;
+  Asker ask_;
+  Asker askPerson_;
 };
 
 }  // namespace
@@ -95,9 +98,9 @@ std::optional<TerminalCommand::Parsed> TerminalCommand::Parse(const std::string&
     return true;
   };
   if (command == "login") {
-    auto words = ReadWords(arguments, {}, {"--password-stdin", "--yes"}, error);
+    auto words = ReadWords(arguments, {"--accept-fingerprint"}, {"--password-stdin", "--yes"}, error);
     if (!words || !expect(*words, 0, 2)) return std::nullopt;
-    parsed.request = {"login", "", "", ""};
+    parsed.request = {"login", "", "", "", words->values.count("--accept-fingerprint") ? words->values.at("--accept-fingerprint") : ""};
     for (std::size_t i = 0; i < words->positional.size(); ++i) parsed.request[1 + i] = words->positional[i];
     parsed.askUrlAndUser = words->positional.size() < 2;
     parsed.passwordField = 3;
@@ -198,13 +201,16 @@ std::optional<std::string> TerminalCommand::ReadPassword(bool fromStdin) {
   return password;
 }
 
-bool TerminalCommand::AskYesNo(const std::string& question, bool assumeYes) {
-  if (assumeYes) {
+bool TerminalCommand::AskYesNo(const std::string& question, bool assumeYes, bool personOnly) {
+  if (assumeYes && !personOnly) {
     out_ << question << " yes (--yes)" << std::endl;
     return true;
   }
   if (&in_ != &std::cin || !isatty(STDIN_FILENO)) {
-    out_ << question << " no: there is no terminal to answer on; give --yes to agree." << std::endl;
+    out_ << question << " no: there is no terminal to answer on; "
+         << (personOnly ? "give --accept-fingerprint with the fingerprint above to accept it."
+                        : "give --yes to agree.")
+         << std::endl;
     return false;
   }
   out_ << question << " [y/N] " << std::flush;
@@ -289,8 +295,8 @@ int TerminalCommand::Remote(LineChannel& channel, const Parsed& parsed) {
       out_ << text << std::endl;
     } else if (kind == "ERR") {
       err_ << text << std::endl;
-    } else if (kind == "ASK") {
-      channel.WriteLine({"ANSWER", AskYesNo(text, parsed.assumeYes) ? "yes" : "no"});
+    } else if (kind == "ASK" || kind == "ASK-PERSON") {
+      channel.WriteLine({"ANSWER", AskYesNo(text, parsed.assumeYes, kind == "ASK-PERSON") ? "yes" : "no"});
     } else if (kind == "END") {
       try {
         return std::stoi(text);
@@ -302,7 +308,9 @@ int TerminalCommand::Remote(LineChannel& channel, const Parsed& parsed) {
 }
 
 int TerminalCommand::Local(const Parsed& parsed) {
-  TerminalIO io(out_, err_, [this, &parsed](const std::string& question) { return AskYesNo(question, parsed.assumeYes); });
+  TerminalIO io(
+      out_, err_, [this, &parsed](const std::string& question) { return AskYesNo(question, parsed.assumeYes, false); },
+      [this](const std::string& question) { return AskYesNo(question, false, true); });
   if (ClientCommands::NeedsRunningClient(parsed.request[0])) {
     io.Err("Corvalink Sync is not running.");
     return ClientCommands::kNotRunning;

@@ -37,7 +37,8 @@ class TerminalCommand {
   int Local(const Parsed& parsed);
   std::string Prompt(const std::string& question, const std::string& fallback);
   std::optional<std::string> ReadPassword(bool fromStdin);
-  bool AskYesNo(const std::string& question, bool assumeYes);
+  // personOnly: --yes does not answer it.
+  bool AskYesNo(const std::string& question, bool assumeYes, bool personOnly);
   void EnsureConfigRead();
 
   CommandLine options_;

@@ -12,6 +12,7 @@
 #include "CorvalinkWS.h"
 #include "MobileClientWS.h"
 #include "MyParser.h"
+#include "ServerTrust.h"
 
 namespace {
 constexpr const char* kClass = "CVHandler";
@@ -50,6 +51,7 @@ void CVHandler::ResetForTests() { Slot().reset(new CVHandler()); }
 void CVHandler::RegenWsURL() {
   CVConfiguration& config = CVConfiguration::Instance();
   std::string stored;
+  std::string pin;
   {
     // Every thread comes through here; the one fix of the stored URL happens once.
     std::lock_guard<std::recursive_mutex> sites(config.fSpSitesLock);
@@ -57,8 +59,11 @@ void CVHandler::RegenWsURL() {
     if (account.Url.empty()) return;
     if (account.Url.back() != '/') account.Url += "/";
     stored = account.Url;
+    pin = account.ServerKeyPin;
   }
   std::string base = CVTextEscaping::URLDecodedString(stored);
+  // The key accepted with the account is what the engine trusts for its server.
+  ServerTrust::SetPin(base, pin);
   std::lock_guard<std::mutex> lock(lock_);
   url_ = base;
   wsUrl_ = base + "CorvalinkWS.asmx";

@@ -3,6 +3,7 @@
 // question, as the application's run sees them. SessionConnectionService makes
 // them over the wire; tests put a fake in its place.
 
+#include <optional>
 #include <string>
 
 class ConnectionService {
@@ -18,4 +19,7 @@ class ConnectionService {
   virtual std::string GetDeviceStatus(const std::string& token) = 0;
   virtual void setDevStatus(const std::string& status) = 0;
   virtual std::string GetVersion() = 0;
+  // Why the server's certificate stops the sync (a changed key, a certificate
+  // no longer trusted), for the user; nothing while it is trusted.
+  virtual std::optional<std::string> CertificateProblem() { return std::nullopt; }
 };

@@ -231,7 +231,6 @@ std::string MobileClientWS::DeleteFileAsync(const std::string& token, const std:
     auto request = WSCommonMethods::CreateASIHTTPRequestForMethod(
         "DeleteFile", {{"Token", token}, {"Path", Escaped(path)}}, handler.mobileUrl());
     request->setTimeOutSeconds(WSCommonMethods::DataCallTimeOut("DeleteFile"));
-    request->setValidatesSecureCertificate(false);
     auto starting = [this] {
       std::lock_guard<std::mutex> lock(resultLock_);
       DeleteFileResultStr.clear();

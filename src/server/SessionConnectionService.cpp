@@ -2,6 +2,7 @@
 
 #include "CVHandler.h"
 #include "CorvalinkWS.h"
+#include "ServerTrust.h"
 
 std::string SessionConnectionService::CheckCVToken(const std::string& guid) {
   return CVHandler::Instance().CheckCVToken(guid);
@@ -20,3 +21,11 @@ void SessionConnectionService::setDevStatus(const std::string& status) {
 }
 
 std::string SessionConnectionService::GetVersion() { return CorvalinkWS().GetVersion(); }
+
+std::optional<std::string> SessionConnectionService::CertificateProblem() {
+  CVHandler& handler = CVHandler::Instance();
+  handler.RegenWsURL();
+  auto failure = ServerTrust::FailureFor(handler.url());
+  if (!failure) return std::nullopt;
+  return ServerTrust::Describe(*failure);
+}

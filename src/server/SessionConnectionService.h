@@ -11,4 +11,5 @@ class SessionConnectionService : public ConnectionService {
   std::string GetDeviceStatus(const std::string& token) override;
   void setDevStatus(const std::string& status) override;
   std::string GetVersion() override;
+  std::optional<std::string> CertificateProblem() override;
 };

@@ -79,7 +79,6 @@ std::string WSCommonMethods::ProcessWebServiceRequest(const std::vector<std::str
   std::string result;
   try {
     auto request = CreateASIHTTPRequestForMethod(methodName, Zip(values, forKeys), withUrl);
-    request->setValidatesSecureCertificate(false);
     if (!RunUnlessCancelled(request, methodName)) return kCancelledReply;
     int status = request->responseStatusCode();
     auto error = request->error();
@@ -116,7 +115,6 @@ std::optional<std::string> WSCommonMethods::ProcessDataWebServiceRequest(
   try {
     auto request = CreateASIHTTPRequestForMethod(methodName, Zip(values, forKeys), withUrl);
     request->setTimeOutSeconds(DataCallTimeOut(methodName));
-    request->setValidatesSecureCertificate(false);
     if (!RunUnlessCancelled(request, methodName)) return std::nullopt;
     status = request->responseStatusCode();
     return request->responseData();

@@ -7,7 +7,10 @@
 #include "CVSelectiveSync.h"
 #include "CVSettingsStaticMethods.h"
 #include "CVStaticHelpers.h"
+#include "CVTextEscaping.h"
+#include "HTTPURLHelpers.h"
 #include "Policy.h"
+#include "ServerTrust.h"
 #include "SyncControl.h"
 
 std::string AccountSwitch::AccountChange::Details() const {
@@ -39,6 +42,16 @@ AccountSwitch::Plan AccountSwitch::Prepare(const std::string& url, const std::st
   plan.wipe = !plan.firstRun &&
               !(AccountIdentity::Of(plan.url, plan.user) == AccountIdentity::Of(account.Url, account.UserName));
   return plan;
+}
+
+std::string AccountSwitch::AcceptedPinFor(const std::string& url) {
+  CVConfiguration& config = CVConfiguration::Instance();
+  std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
+  const std::string origin = HTTPURLHelpers::Origin(CVTextEscaping::URLDecodedString(url));
+  if (origin.empty() || origin != HTTPURLHelpers::Origin(CVTextEscaping::URLDecodedString(config.Corvalink.Url))) {
+    return "";
+  }
+  return config.Corvalink.ServerKeyPin;
 }
 
 AccountSwitch::AccountChange AccountSwitch::Question(const Plan& plan, SyncControl& control) {
@@ -75,7 +88,11 @@ void AccountSwitch::Apply(SyncControl& control, const Plan& plan) {
       config.Corvalink.Url = plan.url;
       config.Corvalink.UserName = plan.user;
       config.Corvalink.Password = plan.password;
+      config.Corvalink.ServerKeyPin = plan.serverKeyPin;
     }
+    // The server was checked just now: a stop for its certificate is over.
+    ServerTrust::SetPin(CVTextEscaping::URLDecodedString(plan.url), plan.serverKeyPin);
+    ServerTrust::ClearFailure(CVTextEscaping::URLDecodedString(plan.url));
     Policy::ParseCorvalinkConfigNewBase(plan.policy);
     // Storages of the policy that the list lacks come in; those it has stay as they are.
     Policy::ParseCorvalinkConfigNew(plan.policy);

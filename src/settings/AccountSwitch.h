@@ -30,6 +30,7 @@ class AccountSwitch {
     std::string user;
     std::string password;
     std::string policy;  // the policy document the probe brought
+    std::string serverKeyPin;  // the key the probe trusted; "" when the authorities vouch
     bool firstRun = false;
     bool wipe = false;  // another account than the saved one
     std::optional<std::int64_t> interval;  // minutes; the settings tab sets it
@@ -37,6 +38,8 @@ class AccountSwitch {
 
   // Compares the entered account with the saved one.
   static Plan Prepare(const std::string& url, const std::string& user, const std::string& password);
+  // The key accepted with the saved account, when url is its server's address.
+  static std::string AcceptedPinFor(const std::string& url);
   // The question for a plan that wipes.
   static AccountChange Question(const Plan& plan, SyncControl& control);
   // Saves the account and its policy (wiping first where the plan says so) and

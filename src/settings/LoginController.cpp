@@ -24,7 +24,7 @@ bool LoginController::isLocked() const {
 
 LoginController::Result LoginController::MessageNotCorrectCredentals() {
   std::lock_guard<std::mutex> lock(stateLock_);
-  Result result{Outcome::WrongCredentials, "", {}};
+  Result result{Outcome::WrongCredentials, "", {}, {}};
   if (ColSteps_ >= 3) {
     result.message = kFirstFailure;
   } else if (ColSteps_ == 2) {
@@ -39,7 +39,8 @@ LoginController::Result LoginController::MessageNotCorrectCredentals() {
   return result;
 }
 
-LoginController::Result LoginController::LoginMethodRun(const Form& entered, const Confirm& confirm) {
+LoginController::Result LoginController::LoginMethodRun(const Form& entered, const Confirm& confirm,
+                                                        const TrustQuestion& trust) {
   try {
     Form form = entered;
     {
@@ -51,47 +52,60 @@ LoginController::Result LoginController::LoginMethodRun(const Form& entered, con
         isLocked_ = false;
       }
       oldURL_ = form.url;
-      if (isLocked_) return {Outcome::Locked, kLockedText, {}};
+      if (isLocked_) return {Outcome::Locked, kLockedText, {}, {}};
     }
     if (form.url.find_first_not_of('/') == std::string::npos || form.user.empty() || form.password.empty()) {
-      return {Outcome::EmptyField, kEmptyField, {}};
+      return {Outcome::EmptyField, kEmptyField, {}, {}};
     }
 
     auto settingsLock = context_.Exclusive();
     AccountSwitch::Plan plan = AccountSwitch::Prepare(form.url, form.user, form.password);
     CVEventLogger::WriteSettingsLogMessage(std::string(kClass) + " - LoginMethodRun -> " + kConnecting + " " +
                                            plan.url + " as " + form.user);
-    AccountProbe probe = AccountProbe::Run(plan.url, form.user, form.password);
+    AccountProbe::Trust trusting{AccountSwitch::AcceptedPinFor(plan.url), form.acceptedFingerprint, trust};
+    AccountProbe probe = AccountProbe::Run(plan.url, form.user, form.password, trusting);
     CVHandler::Instance().setDevStatus(probe.devStatus);
-    switch (probe.kind) {
-      case AccountProbe::Kind::Ok:
-        break;
-      case AccountProbe::Kind::Refused:
-      case AccountProbe::Kind::NoPolicy:
-        return MessageNotCorrectCredentals();
-      case AccountProbe::Kind::Unreachable:
-        CVEventLogger::WriteSettingsLogMessage(std::string(kClass) + " - LoginMethodRun -> no answer: " + probe.detail);
-        return {Outcome::Unreachable, kUnreachable, {}};
-      case AccountProbe::Kind::AccessRefused:
-        return {Outcome::AccessRefused, kAccessRefused, {}};
-      case AccountProbe::Kind::DeviceRefused:
-        return {Outcome::DeviceRefused, AccountProbe::DeviceRefusedText(probe.devStatus), {}};
-    }
+    Result result = Judge(probe);
+    result.notices = probe.notices;
+    if (result.outcome != Outcome::SignedIn) return result;
     plan.policy = probe.policy;
+    plan.serverKeyPin = probe.pin;
     if (plan.wipe && (!confirm || !confirm(AccountSwitch::Question(plan, context_.control())))) {
       CVEventLogger::WriteSettingsLogMessage(std::string(kClass) + " - LoginMethodRun -> the account change was declined");
-      return {Outcome::Declined, "Nothing was changed.", {}};
+      return {Outcome::Declined, "Nothing was changed.", {}, probe.notices};
     }
     AccountSwitch::Apply(context_.control(), plan);
     {
       std::lock_guard<std::mutex> lock(stateLock_);
       ColSteps_ = 3;
     }
-    return {Outcome::SignedIn, "", StorageRows()};
+    result.storages = StorageRows();
+    return result;
   } catch (const std::exception& failure) {
     CVEventLogger::LogException(kClass, "LoginMethodRun", failure.what());
-    return {Outcome::Failed, std::string("The sign-in failed: ") + failure.what(), {}};
+    return {Outcome::Failed, std::string("The sign-in failed: ") + failure.what(), {}, {}};
   }
+}
+
+LoginController::Result LoginController::Judge(const AccountProbe& probe) {
+  switch (probe.kind) {
+    case AccountProbe::Kind::Ok:
+      return {Outcome::SignedIn, "", {}, {}};
+    case AccountProbe::Kind::Refused:
+    case AccountProbe::Kind::NoPolicy:
+      return MessageNotCorrectCredentals();
+    case AccountProbe::Kind::Unreachable:
+      CVEventLogger::WriteSettingsLogMessage(std::string(kClass) + " - LoginMethodRun -> no answer: " + probe.detail);
+      return {Outcome::Unreachable, kUnreachable, {}, {}};
+    case AccountProbe::Kind::AccessRefused:
+      return {Outcome::AccessRefused, kAccessRefused, {}, {}};
+    case AccountProbe::Kind::DeviceRefused:
+      return {Outcome::DeviceRefused, AccountProbe::DeviceRefusedText(probe.devStatus), {}, {}};
+    case AccountProbe::Kind::Untrusted:
+      CVEventLogger::WriteSettingsLogMessage(std::string(kClass) + " - LoginMethodRun -> " + probe.detail);
+      return {Outcome::Untrusted, probe.detail, {}, {}};
+  }
+  return {Outcome::Failed, "", {}, {}};
 }
 
 LoginController::StorageRow LoginController::RowForStorage(const std::string& name, const std::string& type) {

@@ -5,6 +5,9 @@
 // files and records; another account is confirmed by the user, then the old
 // account's data goes (storage folders to the Trash) before the new one is saved.
 // Three refused passwords for one address lock the sign-in for that address.
+// A server whose certificate no authority of the system vouches for is shown to
+// the user (its fingerprint) and trusted only on their answer, from then on by
+// its key (AccountProbe); a plain http:// address is signed in with a notice.
 // The login window and `corvalink-sync login` drive it; its operations block and
 // run on a worker.
 
@@ -13,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "AccountProbe.h"
 #include "AccountSwitch.h"
 #include "SettingsContext.h"
 
@@ -22,6 +26,9 @@ class LoginController {
     std::string url;
     std::string user;
     std::string password;
+    // A fingerprint the user gives beforehand (scripts): a certificate with it
+    // passes without the question.
+    std::string acceptedFingerprint;
   };
 
   enum class Outcome {
@@ -33,6 +40,7 @@ class LoginController {
     AccessRefused,     // the token was refused ("-3;Incorrect format Token")
     DeviceRefused,     // the device may not sync (status other than "1;A")
     Declined,          // the user kept the old account
+    Untrusted,         // the server's certificate was refused or not accepted
     Failed,
   };
 
@@ -50,9 +58,12 @@ class LoginController {
     Outcome outcome = Outcome::Failed;
     std::string message;  // for the error label or the terminal; "" on success
     std::vector<StorageRow> storages;
+    std::vector<std::string> notices;  // shown whatever the outcome ("not encrypted")
   };
 
   using Confirm = std::function<bool(const AccountChange& change)>;
+  // Asked, from this thread, about a certificate no authority vouches for.
+  using TrustQuestion = std::function<bool(const CertificateQuestion& question)>;
 
   static constexpr const char* kConnecting = "Connecting to server...";
   static constexpr const char* kWarningTitle = "Warning";
@@ -72,8 +83,9 @@ class LoginController {
   explicit LoginController(SettingsContext& context) : context_(context) {}
 
   // The sign-in of the login window's button. confirm is asked, from this
-  // thread, when the account would change; it may block for the user's answer.
-  Result LoginMethodRun(const Form& form, const Confirm& confirm);
+  // thread, when the account would change, and trust about the server's
+  // certificate; both may block for the user's answer.
+  Result LoginMethodRun(const Form& form, const Confirm& confirm, const TrustQuestion& trust = {});
 
   // Attempts left for the present address before the lock.
   int ColSteps() const;
@@ -86,6 +98,8 @@ class LoginController {
 
  private:
   Result MessageNotCorrectCredentals();
+  // The outcome of a probe, before anything changes.
+  Result Judge(const AccountProbe& probe);
 
   SettingsContext& context_;
   mutable std::mutex stateLock_;

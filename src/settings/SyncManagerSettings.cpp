@@ -65,11 +65,14 @@ SyncManagerSettings::Result SyncManagerSettings::SaveSettingsNew(const Form& for
     auto settingsLock = context_.Exclusive();
     AccountSwitch::Plan plan = AccountSwitch::Prepare(form.url, form.user, form.password);
     plan.interval = form.interval;
-    AccountProbe probe = AccountProbe::Run(plan.url, plan.user, plan.password);
+    AccountProbe probe =
+        AccountProbe::Run(plan.url, plan.user, plan.password, {AccountSwitch::AcceptedPinFor(plan.url), "", {}});
     CVHandler::Instance().setDevStatus(probe.devStatus);
     if (probe.kind == AccountProbe::Kind::DeviceRefused) return {false, AccountProbe::DeviceRefusedText(probe.devStatus)};
+    if (probe.kind == AccountProbe::Kind::Untrusted) return {false, probe.detail};
     if (probe.kind != AccountProbe::Kind::Ok) return {false, kAccessFailed};
     plan.policy = probe.policy;
+    plan.serverKeyPin = probe.pin;
     if (plan.wipe && (!confirm || !confirm(AccountSwitch::Question(plan, context_.control())))) {
       return {false, "Nothing was changed."};
     }
@@ -92,8 +95,9 @@ SyncManagerSettings::Result SyncManagerSettings::RetrieveSettings() {
       account = config.Corvalink;
     }
     if (account.UserName.empty() || account.Password.empty() || account.Url.empty()) return {false, kEmptyAccount};
-    AccountProbe probe = AccountProbe::Run(account.Url, account.UserName, account.Password);
+    AccountProbe probe = AccountProbe::Run(account.Url, account.UserName, account.Password, {account.ServerKeyPin, "", {}});
     CVHandler::Instance().setDevStatus(probe.devStatus);
+    if (probe.kind == AccountProbe::Kind::Untrusted) return {false, probe.detail};
     if (probe.kind != AccountProbe::Kind::Ok) return {false, kOffline};
     auto storages = Policy::ParseCorvalinkConfigNewForRetrieveStoragesWithXML(probe.policy);
 

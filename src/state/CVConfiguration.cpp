@@ -100,6 +100,8 @@ void WriteAccount(DocumentWriter& doc, const CVConnection& c, bool newFile) {
   if (newFile) doc.Element("EmailDocument", c.EmailDocument);
   doc.Element("isUsingAD", c.IsUsingAD);
   WriteUploadRequestPolicy(doc, c.RequestFileUpload);
+  // Only a server trusted by its key has one; other files stay as they always were.
+  if (!c.ServerKeyPin.empty()) doc.Element("ServerKeyPin", c.ServerKeyPin);
   doc.End();
 }
 
@@ -202,6 +204,7 @@ struct ConfigParser {
     else if (name == "URUploadPath") ur.UploadPath = value;
     else if (name == "URUploadPathType") ur.UploadPathType = value;
     else if (name == "DefaultURDuration") ur.DefaultURDuration = ToInt(value);
+    else if (name == "ServerKeyPin") c.ServerKeyPin = value;
   }
 
   void EndOfSite(const std::string& name, const std::string& raw, const std::string& value) {

@@ -27,6 +27,9 @@ struct CVConnection {
   bool ExpireRequired = false;
   bool IsUsingAD = false;  // element "isUsingAD"
   CVRequestForFileUpload RequestFileUpload;
+  // The public key accepted for a server that no authority of the system vouches
+  // for ("sha256//..."); "" when the authorities do. Element "ServerKeyPin".
+  std::string ServerKeyPin;
 
   // Set from the policy after each login; never stored.
   bool UploadRequests = false;

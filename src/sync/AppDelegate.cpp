@@ -240,6 +240,12 @@ void AppDelegate::SyncNow() {
 void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
   SmartSync* sync = mainSyncObject_.get();
   if (!sync) return;
+  // A server whose certificate failed is not asked again until a sign-in checked it.
+  if (auto problem = CertificateProblem()) {
+    TellCertificateProblem(*problem);
+    ReportPass(PassOutcome::Offline);
+    return;
+  }
   // A stop ends the pass's server calls at once (login, probe, listing).
   CancelFlag::Binding cancelBinding(*pass);
   FSW_Queues& fsw = sync->fswQueue();
@@ -456,6 +462,8 @@ bool AppDelegate::CheckCVConnection() {
         isAppOffline = false;
         if (mainSyncObject_) mainSyncObject_->WakeUp();
         succeeded = true;
+        std::lock_guard<std::mutex> lock(certificateLock_);
+        certificateTold_.clear();
         break;
       }
       if (attempt == 0) connection_.RemoveCVToken(ConnectionService::kMainTokenGuid);
@@ -465,6 +473,13 @@ bool AppDelegate::CheckCVConnection() {
       // Stopped on the way, not refused: the state stays as it was.
       CVEventLogger::WriteMainLogMessage("CheckCVConnection stopped before an answer came");
       return !isAppOffline;
+    }
+    if (!succeeded) {
+      if (auto problem = CertificateProblem()) {
+        isAppOffline = true;
+        TellCertificateProblem(*problem);
+        return false;
+      }
     }
     if (!succeeded && !isAppOffline.exchange(true)) {
       SetTooltip("Corvalink offline. Please check network connection or Corvalink credentials.");
@@ -772,6 +787,19 @@ void AppDelegate::NotifyUser(const std::string& text) {
   CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - NotifyUser -> " + text);
   mainLoop_.RunOnMain(
       [&status = status_, text] { UIFunctions::ShowNotificationInTrayWithTitle(status, "Corvalink Sync", text); });
+}
+
+std::optional<std::string> AppDelegate::CertificateProblem() { return connection_.CertificateProblem(); }
+
+void AppDelegate::TellCertificateProblem(const std::string& text) {
+  {
+    std::lock_guard<std::mutex> lock(certificateLock_);
+    if (certificateTold_ == text) return;
+    certificateTold_ = text;
+  }
+  SetTooltip(text);
+  SetStatusIcon(6);
+  NotifyUser(text);
 }
 
 void AppDelegate::NotifyDiskFull(const std::string& path) {

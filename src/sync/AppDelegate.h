@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -135,6 +136,10 @@ class AppDelegate {
 
   void SetPassFinishedHandler(std::function<void(PassOutcome)> handler);
 
+  // Why the server's certificate stops the sync; nothing while it is trusted.
+  // Until a sign-in checks the server again, no pass and no probe runs.
+  std::optional<std::string> CertificateProblem();
+
   const Clock& clock() const { return clock_; }
   // The same clock for those that keep a shared pointer; it does not own the clock.
   std::shared_ptr<const Clock> sharedClock() const {
@@ -165,6 +170,8 @@ class AppDelegate {
   void ReportPass(PassOutcome outcome);
   // Folds the journals of the state files into the files.
   void SaveStateFiles();
+  // Tells the user, once per problem, that the sync stopped for the certificate.
+  void TellCertificateProblem(const std::string& text);
   void RunOnMainAndWait(const std::function<void()>& work);
 
   const Clock& clock_;
@@ -201,6 +208,8 @@ class AppDelegate {
   std::string webServiceVersion_;
   std::mutex handlerLock_;
   std::atomic<bool> diskFullNotified_{false};
+  std::mutex certificateLock_;
+  std::string certificateTold_;  // the certificate problem the user was told, "" for none
   std::function<void(PassOutcome)> passFinished_;
 
   // Declared last: joined first when the object goes away.

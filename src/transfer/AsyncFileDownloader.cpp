@@ -407,7 +407,6 @@ std::shared_ptr<ASIHTTPRequest> AsyncFileDownloader::BuildRequest(const std::str
   request->setTimeOutSeconds(kTimeOutSeconds);
   request->setUseSessionPersistence(false);
   request->setAllowCompressedResponse(compressible);
-  request->setValidatesSecureCertificate(false);
   if (compressible) request->addRequestHeader("Accept-Encoding", "gzip");
   // Raw, as the server reads it: no "bytes=", and sent even when empty.
   request->addRequestHeader("Range", range);

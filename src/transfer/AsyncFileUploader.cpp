@@ -73,7 +73,6 @@ std::shared_ptr<ASIHTTPRequest> AsyncFileUploader::NewRequest(const std::string&
   request->setShouldAttemptPersistentConnection(false);
   request->setTimeOutSeconds(kTimeOutSeconds);
   request->setNumberOfTimesToRetryOnTimeout(kRetriesOnTimeOut);
-  request->setValidatesSecureCertificate(false);
   request->setShouldStreamPostDataFromDisk(true);
   return request;
 }

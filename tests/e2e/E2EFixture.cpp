@@ -32,7 +32,7 @@ void E2ETest::StartServer(const std::vector<std::string>& extra) {
   ASSERT_TRUE(server_->WaitForLine("listening on", std::chrono::seconds(10))) << server_->Output();
   std::smatch match;
   std::string output = server_->Output();
-  ASSERT_TRUE(std::regex_search(output, match, std::regex("listening on (http://[^ \\n]+)")));
+  ASSERT_TRUE(std::regex_search(output, match, std::regex("listening on (https?://[^ \\n]+)")));
   serverUrl_ = match[1];
 }
 

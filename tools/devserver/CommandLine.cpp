@@ -106,6 +106,9 @@ CommandLine ParseCommandLine(const std::vector<std::string>& args) {
       }
       options.port =
           static_cast<int>(ParseNumber(address.substr(colon + 1), "--listen port", 65535));
+    } else if (arg == "--tls") {
+      options.tlsCertificate = value();
+      options.tlsKey = value();
     } else if (arg == "--allow-remote") {
       options.allowRemote = true;
     } else if (arg == "--user") {
@@ -165,6 +168,7 @@ std::string UsageText() {
 
   --listen HOST:PORT        address to serve on (default 127.0.0.1:8080; port 0: any free port)
   --allow-remote            allow an address other than loopback
+  --tls CERT KEY            serve https with the certificate chain CERT and the key KEY (PEM)
   --user NAME:PASSWORD      an account (repeatable)
   --storage NAME=FOLDER[,type=TYPE][,user=USER][,auth=USER:PASSWORD]
                             a storage (repeatable); type CIFS (default) has the location

@@ -264,6 +264,9 @@ DevServer::DevServer(ServerOptions options) : options_(std::move(options)) {
   xmlInitParser();  // once, before the connection threads parse
   state_ = std::make_unique<ServerState>(options_);
   routes_ = std::make_unique<Routes>(*state_);
+  if (!options_.tlsCertificate.empty() || !options_.tlsKey.empty()) {
+    routes_->http().UseTls(options_.tlsCertificate, options_.tlsKey);
+  }
 }
 
 DevServer::~DevServer() { Stop(); }
@@ -296,7 +299,7 @@ void DevServer::Stop() {
 
 std::string DevServer::BaseUrl() const {
   const bool v6 = options_.host.find(':') != std::string::npos;
-  return "http://" + (v6 ? "[" + options_.host + "]" : options_.host) + ":" +
+  return std::string(routes_->http().tls() ? "https://" : "http://") + (v6 ? "[" + options_.host + "]" : options_.host) + ":" +
          std::to_string(port_) + "/";
 }
 

@@ -53,7 +53,7 @@ class DevServer {
   void Stop();
 
   int port() const { return port_; }
-  // "http://HOST:PORT/": the client's server URL.
+  // "http://HOST:PORT/" ("https://" with TLS): the client's server URL.
   std::string BaseUrl() const;
 
   // Faults and recorded requests, by method ("GetFiles"), qualified method

@@ -8,26 +8,29 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstring>
+#include <stdexcept>
 
 namespace devserver {
 namespace {
 
 // A socket stream that renames "Range:" header lines to kRawRangeHeader while
-// the header section of a request is read, and that can be cut off.
+// the header section of a request is read, and that can be cut off. With a TLS
+// session its bytes go through it.
 class ConnectionStream final : public httplib::Stream {
  public:
-  ConnectionStream(int sock, int readTimeoutMs, int writeTimeoutMs)
-      : sock_(sock), readTimeoutMs_(readTimeoutMs), writeTimeoutMs_(writeTimeoutMs) {}
+  ConnectionStream(int sock, SSL* ssl, int readTimeoutMs, int writeTimeoutMs)
+      : sock_(sock), ssl_(ssl), readTimeoutMs_(readTimeoutMs), writeTimeoutMs_(writeTimeoutMs) {}
 
   // Before each request: its first bytes are a request line and headers.
   void BeginRequest() {
     inHeaders_ = true;
     line_.clear();
   }
-  bool HasBuffered() const { return begin_ < end_ || !pending_.empty(); }
+  bool HasBuffered() const { return begin_ < end_ || !pending_.empty() || (ssl_ && SSL_pending(ssl_) > 0); }
   void Drop() { dropped_ = true; }
   bool dropped() const { return dropped_; }
 
@@ -67,6 +70,10 @@ class ConnectionStream final : public httplib::Stream {
 
   ssize_t write(const char* ptr, size_t size) override {
     if (dropped_ || !Wait(POLLOUT, writeTimeoutMs_)) return -1;
+    if (ssl_) {
+      const int written = SSL_write(ssl_, ptr, static_cast<int>(std::min<size_t>(size, 1 << 30)));
+      return written > 0 ? written : -1;
+    }
     return ::send(sock_, ptr, size, MSG_NOSIGNAL);
   }
 
@@ -97,11 +104,16 @@ class ConnectionStream final : public httplib::Stream {
       begin_ = 0;
     }
     if (end_ == buffer_.size()) return -1;
-    if (!Wait(POLLIN, readTimeoutMs_)) return -1;
+    if (!(ssl_ && SSL_pending(ssl_) > 0) && !Wait(POLLIN, readTimeoutMs_)) return -1;
     ssize_t got;
-    do {
-      got = ::recv(sock_, buffer_.data() + end_, buffer_.size() - end_, 0);
-    } while (got < 0 && errno == EINTR);
+    if (ssl_) {
+      const int read = SSL_read(ssl_, buffer_.data() + end_, static_cast<int>(buffer_.size() - end_));
+      got = read > 0 ? read : (SSL_get_error(ssl_, read) == SSL_ERROR_ZERO_RETURN ? 0 : -1);
+    } else {
+      do {
+        got = ::recv(sock_, buffer_.data() + end_, buffer_.size() - end_, 0);
+      } while (got < 0 && errno == EINTR);
+    }
     if (got > 0) end_ += static_cast<size_t>(got);
     return got;
   }
@@ -153,6 +165,7 @@ class ConnectionStream final : public httplib::Stream {
   }
 
   int sock_;
+  SSL* ssl_;
   int readTimeoutMs_;
   int writeTimeoutMs_;
   std::array<char, 16 * 1024> buffer_{};
@@ -174,12 +187,36 @@ void RawRangeHttpServer::DropCurrentConnection() {
   if (tCurrentConnection) tCurrentConnection->Drop();
 }
 
+void RawRangeHttpServer::UseTls(const std::filesystem::path& certificateChain, const std::filesystem::path& key) {
+  std::unique_ptr<SSL_CTX, ContextDeleter> context(SSL_CTX_new(TLS_server_method()));
+  if (!context || SSL_CTX_use_certificate_chain_file(context.get(), certificateChain.c_str()) != 1 ||
+      SSL_CTX_use_PrivateKey_file(context.get(), key.c_str(), SSL_FILETYPE_PEM) != 1 ||
+      SSL_CTX_check_private_key(context.get()) != 1) {
+    throw std::invalid_argument("--tls: cannot use the certificate " + certificateChain.string() + " with the key " +
+                                key.string());
+  }
+  tls_ = std::move(context);
+}
+
 bool RawRangeHttpServer::process_and_close_socket(socket_t sock) {
   // Headers and body go out in separate writes; without this the body waits
   // for the peer's delayed acknowledgement on every kept-alive request.
   const int on = 1;
   ::setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-  ConnectionStream stream(sock, Milliseconds(read_timeout_sec_, read_timeout_usec_),
+  struct SessionDeleter {
+    void operator()(SSL* ssl) const { SSL_free(ssl); }
+  };
+  std::unique_ptr<SSL, SessionDeleter> ssl;
+  if (tls_) {
+    // A client that refuses the certificate ends the handshake; nothing is served.
+    ssl.reset(SSL_new(tls_.get()));
+    if (!ssl || SSL_set_fd(ssl.get(), sock) != 1 || SSL_accept(ssl.get()) != 1) {
+      ::shutdown(sock, SHUT_RDWR);
+      ::close(sock);
+      return false;
+    }
+  }
+  ConnectionStream stream(sock, ssl.get(), Milliseconds(read_timeout_sec_, read_timeout_usec_),
                           Milliseconds(write_timeout_sec_, write_timeout_usec_));
   // Waits for the next request of a kept-alive connection, watching for a stop.
   auto nextRequest = [&] {
@@ -202,6 +239,7 @@ bool RawRangeHttpServer::process_and_close_socket(socket_t sock) {
     tCurrentConnection = nullptr;
     if (!ok || closed || stream.dropped()) break;
   }
+  if (ssl && !stream.dropped()) SSL_shutdown(ssl.get());
   ::shutdown(sock, SHUT_RDWR);
   ::close(sock);
   return ok;

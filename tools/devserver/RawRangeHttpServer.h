@@ -8,7 +8,14 @@
 //    library would drop, arrives as kEmptyRangeHeader.
 //  - Tests need a connection to die on purpose: DropCurrentConnection() makes the
 //    calling handler's connection write nothing more and close.
-// Keep-alive, time-outs and stopping behave as in the library's own loop.
+// Keep-alive, time-outs and stopping behave as in the library's own loop. With a
+// certificate and key (UseTls) every connection speaks TLS (OpenSSL) under the
+// same loop.
+
+#include <openssl/ssl.h>
+
+#include <filesystem>
+#include <memory>
 
 #include <httplib.h>
 
@@ -24,8 +31,18 @@ class RawRangeHttpServer : public httplib::Server {
   // closes once the handler returns.
   static void DropCurrentConnection();
 
+  // Serves TLS with the certificate chain and key of these PEM files; throws
+  // std::invalid_argument when they cannot be used. Before listening.
+  void UseTls(const std::filesystem::path& certificateChain, const std::filesystem::path& key);
+  bool tls() const { return tls_ != nullptr; }
+
  private:
   bool process_and_close_socket(socket_t sock) override;
+
+  struct ContextDeleter {
+    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
+  };
+  std::unique_ptr<SSL_CTX, ContextDeleter> tls_;
 };
 
 }  // namespace devserver

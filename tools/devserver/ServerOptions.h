@@ -54,6 +54,9 @@ struct ServerOptions {
   std::string host = "127.0.0.1";
   int port = 8080;           // 0: any free port
   bool allowRemote = false;  // listening on anything but loopback must be asked for
+  // Both set: the server speaks TLS with this certificate chain and key (PEM).
+  std::filesystem::path tlsCertificate;
+  std::filesystem::path tlsKey;
 
   std::vector<UserAccount> users;
   std::vector<StorageConfig> storages;

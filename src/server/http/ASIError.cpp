@@ -13,6 +13,8 @@ struct ErrorTable {
                       std::string(kConnectionFailureText) +
                           ": SSL problem (Possible causes may include a bad/expired/self-signed "
                           "certificate, clock set to wrong date)"};
+  ASIError serverKeyChanged{ASIError::kDomain, ASIError::ASIServerKeyChangedErrorType,
+                            "The server's certificate has another key than the one accepted for it"};
   ASIError timedOut{ASIError::kDomain, ASIError::ASIRequestTimedOutErrorType,
                     "The request timed out"};
   ASIError authenticationNeeded{ASIError::kDomain, ASIError::ASIAuthenticationErrorType,
@@ -41,6 +43,7 @@ ASIError::ASIError(std::string domain, int code, std::string localizedDescriptio
 
 const ASIError& ASIError::ConnectionFailure() { return Table().connectionFailure; }
 const ASIError& ASIError::SSLFailure() { return Table().sslFailure; }
+const ASIError& ASIError::ServerKeyChanged() { return Table().serverKeyChanged; }
 const ASIError& ASIError::TimedOut() { return Table().timedOut; }
 const ASIError& ASIError::AuthenticationNeeded() { return Table().authenticationNeeded; }
 const ASIError& ASIError::Cancelled() { return Table().cancelled; }

@@ -22,6 +22,8 @@ class ASIError {
     ASICompressionError = 11,
     // A request with a body met a redirect it may not follow.
     ASIRedirectRefusedErrorType = 12,
+    // The server's certificate has another key than the one accepted for it.
+    ASIServerKeyChangedErrorType = 13,
   };
 
   ASIError() = default;
@@ -31,6 +33,7 @@ class ASIError {
   // The prepared errors of the table.
   static const ASIError& ConnectionFailure();
   static const ASIError& SSLFailure();
+  static const ASIError& ServerKeyChanged();
   static const ASIError& TimedOut();
   static const ASIError& AuthenticationNeeded();
   static const ASIError& Cancelled();

@@ -873,6 +873,9 @@ void ASIHTTPRequest::Run() {
       case Outcome::SSLFailure:
         Fail(ASIError::SSLFailure().WithUnderlying(result.detail), true);
         return;
+      case Outcome::ServerKeyChanged:
+        Fail(ASIError::ServerKeyChanged().WithUnderlying(result.detail), true);
+        return;
       case Outcome::InvalidRequest:
         Fail(ASIError::UnableToCreateRequest().WithUnderlying(result.detail), true);
         return;

@@ -14,6 +14,7 @@
 
 #include "Clock.h"
 #include "HTTPURLHelpers.h"
+#include "ServerTrust.h"
 
 using namespace std::chrono_literals;
 
@@ -433,8 +434,19 @@ HTTPExchangeResult CurlTransport::Perform(HTTPExchange& exchange) {
   curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, 0L);
   curl_easy_setopt(easy, CURLOPT_HTTP_TRANSFER_DECODING, 1L);
   curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, exchange.validatesSecureCertificate ? 1L : 0L);
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, exchange.validatesSecureCertificate ? 2L : 0L);
+  // A server trusted by the key the user accepted is checked by that key and its
+  // host name; every other one by the system's authorities.
+  const std::string pin = origin.rfind("https://", 0) == 0 ? ServerTrust::PinFor(exchange.url) : "";
+  const std::string authorities = ServerTrust::AuthorityFile();
+  if (!authorities.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, authorities.c_str());
+  if (!pin.empty()) {
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+    curl_easy_setopt(easy, CURLOPT_PINNEDPUBLICKEY, pin.c_str());
+  } else {
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, exchange.validatesSecureCertificate ? 1L : 0L);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, exchange.validatesSecureCertificate ? 2L : 0L);
+  }
   // The cookie engine is turned on for the exchange and off again after it (see
   // below); the other share has no cookie store.
   if (exchange.useCookies) {
@@ -572,9 +584,16 @@ HTTPExchangeResult CurlTransport::Perform(HTTPExchange& exchange) {
   } else if (code == CURLE_URL_MALFORMAT) {
     result.outcome = Outcome::InvalidRequest;
     result.detail = curlText;
+  } else if (code == CURLE_SSL_PINNEDPUBKEYNOTMATCH) {
+    result.outcome = Outcome::ServerKeyChanged;
+    result.detail = curlText;
+    ServerTrust::RecordFailure(exchange.url, ServerTrust::Failure::Kind::KeyChanged, curlText);
   } else if (IsSSLError(code)) {
     result.outcome = Outcome::SSLFailure;
     result.detail = curlText;
+    if (code == CURLE_PEER_FAILED_VERIFICATION) {
+      ServerTrust::RecordFailure(exchange.url, ServerTrust::Failure::Kind::Untrusted, curlText);
+    }
   } else {
     result.outcome = Outcome::ConnectionFailure;
     result.detail = curlText;

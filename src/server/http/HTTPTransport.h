@@ -88,6 +88,7 @@ struct HTTPExchangeResult {
     TimedOut,           // nothing moved for the inactivity limit
     InvalidRequest,     // the URL or a header cannot be sent
     SSLFailure,         // the secure connection could not be made or trusted
+    ServerKeyChanged,   // the server's key is not the one pinned for it
     ConnectionFailure,  // refused, reset, dropped, unresolved...
     BodyReadFailure,    // the request body could not be read
   };

@@ -45,7 +45,7 @@ class SignInTest : public ClientServerTest {
   LoginController::Result SignIn(const std::string& user, const std::string& password,
                                  std::optional<bool> answer = std::nullopt, std::string url = "") {
     asked_.reset();
-    return login_.LoginMethodRun({url.empty() ? url_ : url, user, password},
+    return login_.LoginMethodRun({url.empty() ? url_ : url, user, password, ""},
                                  [&](const LoginController::AccountChange& change) {
                                    asked_ = change;
                                    return answer.value_or(false);
@@ -233,7 +233,7 @@ TEST_F(SignInTest, WorkDoneInTheBackgroundComesBackOnTheMainLoop) {
       loop,
       [&] {
         worker = std::this_thread::get_id();
-        return login_.LoginMethodRun({url_, "alice", "secret"}, nullptr);
+        return login_.LoginMethodRun({url_, "alice", "secret", ""}, nullptr);
       },
       [&](LoginController::Result result) {
         handedBack = std::this_thread::get_id();

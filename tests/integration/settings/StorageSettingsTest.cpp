@@ -32,7 +32,7 @@ class StorageSettingsTest : public ClientServerTest {
     WritePolicy("<Storage><Type>CIFS</Type><Name>Docs</Name><Path>" + server_->LocationOf("Docs") + "</Path></Storage>");
     CVConfiguration::ResetForTests();
     CVConfiguration::Instance().ReadConfigFromFile();
-    auto result = login_.LoginMethodRun({server_->BaseUrl(), "alice", "secret"}, nullptr);
+    auto result = login_.LoginMethodRun({server_->BaseUrl(), "alice", "secret", ""}, nullptr);
     ASSERT_EQ(result.outcome, LoginController::Outcome::SignedIn) << result.message;
   }
   void WritePolicy(const std::string& storages, const char* editable = "true") {

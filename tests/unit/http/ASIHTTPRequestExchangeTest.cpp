@@ -1,9 +1,6 @@
 // One request, one response: what goes out on the wire and what the caller reads.
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include <filesystem>
 #include <regex>
@@ -367,64 +364,3 @@ TEST_F(ExchangeTest, CookiesAreKeptOnlyWithCookiePersistenceAndCredentialsGoFirs
   EXPECT_EQ(authorization, "Basic YWxpY2U6c2VjcmV0");
 }
 
-namespace {
-
-// A throwaway key and self-signed certificate for a TLS server on loopback.
-bool WriteSelfSignedCertificate(const std::string& certPath, const std::string& keyPath) {
-  EVP_PKEY* key = EVP_EC_gen("P-256");
-  X509* cert = X509_new();
-  if (!key || !cert) return false;
-  ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
-  X509_gmtime_adj(X509_getm_notBefore(cert), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
-  X509_set_pubkey(cert, key);
-  X509_NAME* name = X509_get_subject_name(cert);
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
-  X509_set_issuer_name(cert, name);
-  bool ok = X509_sign(cert, key, EVP_sha256()) > 0;
-  FILE* certFile = std::fopen(certPath.c_str(), "w");
-  FILE* keyFile = std::fopen(keyPath.c_str(), "w");
-  ok = ok && certFile && keyFile && PEM_write_X509(certFile, cert) &&
-       PEM_write_PrivateKey(keyFile, key, nullptr, nullptr, 0, nullptr, nullptr);
-  if (certFile) std::fclose(certFile);
-  if (keyFile) std::fclose(keyFile);
-  X509_free(cert);
-  EVP_PKEY_free(key);
-  return ok;
-}
-
-}  // namespace
-
-TEST_F(ExchangeTest, SelfSignedServerPassesOnlyWithoutCertificateValidation) {
-  std::string cert = home.path() + "/cert.pem";
-  std::string key = home.path() + "/key.pem";
-  ASSERT_TRUE(WriteSelfSignedCertificate(cert, key));
-  httplib::SSLServer server(cert.c_str(), key.c_str());
-  ASSERT_TRUE(server.is_valid());
-  server.set_keep_alive_max_count(1);
-  server.Get("/", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content("secure", "text/plain");
-  });
-  int port = server.bind_to_any_port("127.0.0.1");
-  std::thread thread([&] { server.listen_after_bind(); });
-  while (!server.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  std::string url = "https://127.0.0.1:" + std::to_string(port) + "/";
-
-  auto trusting = ASIHTTPRequest::requestWithURL(url);
-  trusting->setValidatesSecureCertificate(false);
-  trusting->startSynchronous();
-  EXPECT_FALSE(trusting->error()) << trusting->error()->description();
-  EXPECT_EQ(trusting->responseString(), "secure");
-
-  auto checking = ASIHTTPRequest::requestWithURL(url);
-  checking->startSynchronous();
-  ASSERT_TRUE(checking->error());
-  EXPECT_EQ(checking->error()->code(), ASIError::ASIConnectionFailureErrorType);
-  EXPECT_EQ(checking->error()->localizedDescription(),
-            "A connection failure occurred: SSL problem (Possible causes may include a "
-            "bad/expired/self-signed certificate, clock set to wrong date)");
-
-  server.stop();
-  thread.join();
-}

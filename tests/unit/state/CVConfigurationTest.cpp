@@ -187,8 +187,13 @@ TEST_F(ConfigTest, SaveWritesTheElementOrderAndEverythingReadsBack) {
   EXPECT_EQ(Read(side + "/versions_enabled_storages"), "Docs");
   EXPECT_EQ(Read(side + "/sharing_restricted_storages"), "");
 
+  // The key accepted for a server of its own authority comes last, when there is one.
+  config.Corvalink.ServerKeyPin = "sha256//n4bQgYhMfWWaL+qgxVrQFaO/TxsrC4Is0V1sFbDwCgg=";
+  EXPECT_EQ(ElementNames(config.SaveConfigXML(), "Corvalink").back(), "ServerKeyPin");
+
   auto& again = Fresh();
   again.ReadConfigFromFile();
+  EXPECT_EQ(again.Corvalink.ServerKeyPin, "sha256//n4bQgYhMfWWaL+qgxVrQFaO/TxsrC4Is0V1sFbDwCgg=");
   EXPECT_EQ(again.Corvalink.UserName, "bob <admin>");
   EXPECT_EQ(again.Corvalink.Password, "s3cret\"'");
   EXPECT_TRUE(again.Corvalink.EmailDocument);
