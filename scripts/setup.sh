@@ -6,11 +6,12 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config ccache
   libxml2-dev zlib1g-dev libminizip-dev libcurl4-openssl-dev libssl-dev uuid-dev
-  libutf8proc-dev libcpp-httplib-dev
+  libutf8proc-dev libcpp-httplib-dev libsecret-1-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   openssl xxd
   qt6-base-dev qt6-svg-dev qt6-qpa-plugins libqt6svg6
   xvfb xauth dbus dbus-x11 desktop-file-utils appstream
+  gnome-keyring libsecret-tools
 )
 
 missing=()

@@ -165,10 +165,7 @@ int ClientCommands::Logout(CommandEnvironment& env, CommandIO& io) {
     return kDone;
   }
   env.settings.control().Apply([&config] {
-    {
-      std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
-      config.Corvalink.Password.clear();
-    }
+    config.ForgetPassword();
     CVHandler::Instance().RemoveAllTokens();
     config.SaveConfigXML();
   });
@@ -196,7 +193,9 @@ int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {
     io.Out(HowToSignIn());
     return kNoAccount;
   }
-  io.Out("Account: " + account.UserName + " on " + account.Url + (config.IsSignedIn() ? "" : " (signed out)"));
+  std::string signedIn = config.IsSignedIn() ? "" : " (signed out)";
+  if (config.PasswordUnreachable()) signedIn = " (the password is in the desktop's keyring, which does not answer)";
+  io.Out("Account: " + account.UserName + " on " + account.Url + signedIn);
   std::size_t localWaiting = env.settings.control().PendingLocalChanges();
   if (AppDelegate* app = env.app) {
     std::string state = "in step";

@@ -1,14 +1,30 @@
 #include "ClientSetup.h"
 
+#include <mutex>
+
 #include "ASIHTTPRequest.h"
 #include "CVConfiguration.h"
 #include "CVEventLogger.h"
 #include "CVHandler.h"
 #include "Clock.h"
+#include "Keyring.h"
 #include "Policy.h"
 #include "Version.h"
 
+void ClientSetup::InstallKeyring() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    std::string reason;
+    auto keyring = SecretServiceKeyring::IfOnSessionBus(reason);
+    CVEventLogger::WriteSettingsLogMessage(keyring ? "The password is kept in the desktop's keyring"
+                                                   : "The password is kept in Configuration.xml: no keyring (" +
+                                                         reason + ")");
+    CVConfiguration::Instance().SetKeyring(std::move(keyring));
+  });
+}
+
 void ClientSetup::PrepareProcess(std::shared_ptr<const Clock> clock) {
+  InstallKeyring();
   ASIHTTPRequest::SetClock(std::move(clock));
   CVHandler::Instance().SetAppVersion(CORVALINK_VERSION);
   // After each main login the server's switches replace the account's, and the

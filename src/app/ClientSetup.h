@@ -1,7 +1,8 @@
 #pragma once
 // ClientSetup: what every process of the client sets up before it talks to the
-// server: the clock of the request engine, the version the login tells, and what
-// the session does with the policy after a main login.
+// server: the clock of the request engine, the version the login tells, what
+// the session does with the policy after a main login, and the keyring that
+// keeps the password.
 
 #include <memory>
 
@@ -10,4 +11,7 @@ class Clock;
 class ClientSetup {
  public:
   static void PrepareProcess(std::shared_ptr<const Clock> clock);
+  // The desktop's keyring for the password, when the session has one; before
+  // the configuration is read. Once per process.
+  static void InstallKeyring();
 };

@@ -236,6 +236,7 @@ bool TerminalCommand::Complete(Parsed& parsed) {
 
 void TerminalCommand::EnsureConfigRead() {
   if (configRead_) return;
+  ClientSetup::InstallKeyring();
   CVConfiguration::Instance().ReadConfigFromFile();
   configRead_ = true;
 }

@@ -162,9 +162,13 @@ bool CVHandler::Login() {
                                  [](const CVTokenCollection& e) { return e.TokenDesc == kMainTokenKey; }),
                   tokens_.end());
   }
-  CVConnection account = CVConfiguration::Instance().Corvalink;
-  std::string reply =
-      CorvalinkWS().Login(account.UserName, account.Password, CVStaticHelpers::GetUniqueDeviceID());
+  CVConfiguration& config = CVConfiguration::Instance();
+  std::string user;
+  {
+    std::lock_guard<std::recursive_mutex> sites(config.fSpSitesLock);
+    user = config.Corvalink.UserName;
+  }
+  std::string reply = CorvalinkWS().Login(user, config.AccountPassword(), CVStaticHelpers::GetUniqueDeviceID());
   if (StartsWith(reply, "err")) return false;
   std::string token = MyParser::GetParsedStringForNode("Result", reply);
   if (token.empty()) token = MyParser::GetParsedStringForNode("LoginResult", reply);
@@ -247,10 +251,12 @@ bool CVHandler::LoginMobile(std::size_t index) {
   try {
     CVConfiguration& config = CVConfiguration::Instance();
     CVSharepoint site;
+    std::string accountUser;
     {
       std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
       if (index >= config.fSpSites.size()) return false;
       site = *config.fSpSites[index];
+      accountUser = config.Corvalink.UserName;
     }
     {
       std::lock_guard<std::mutex> lock(lock_);
@@ -259,8 +265,8 @@ bool CVHandler::LoginMobile(std::size_t index) {
                     tokens_.end());
     }
     std::string storageUrl = CVTextEscaping::URLDecodedString(site.Url);
-    std::string user = site.UseAlterAuth ? site.UserName : config.Corvalink.UserName;
-    std::string password = site.UseAlterAuth ? site.Password : config.Corvalink.Password;
+    std::string user = site.UseAlterAuth ? site.UserName : accountUser;
+    std::string password = site.UseAlterAuth ? site.Password : config.AccountPassword();
     for (int round = 0; round < 2; ++round) {
       std::string mainToken = CheckCVToken(kMainTokenKey);
       if (StartsWith(mainToken, "err") || mainToken.empty()) return false;

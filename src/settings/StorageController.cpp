@@ -67,7 +67,7 @@ StorageController::Result StorageController::saveChanges(const Form& form) {
     }
     if (!account.EditableStorages) return {false, kNotEditable};
 
-    std::string user = account.UserName, password = account.Password;
+    std::string user = account.UserName, password = config.AccountPassword();
     if (form.useAlterAuth) {
       if (form.user.empty() || form.password.empty()) return {false, kEmptyField};
       user = form.user;

@@ -94,8 +94,9 @@ SyncManagerSettings::Result SyncManagerSettings::RetrieveSettings() {
       std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
       account = config.Corvalink;
     }
-    if (account.UserName.empty() || account.Password.empty() || account.Url.empty()) return {false, kEmptyAccount};
-    AccountProbe probe = AccountProbe::Run(account.Url, account.UserName, account.Password, {account.ServerKeyPin, "", {}});
+    const std::string password = config.AccountPassword();
+    if (account.UserName.empty() || password.empty() || account.Url.empty()) return {false, kEmptyAccount};
+    AccountProbe probe = AccountProbe::Run(account.Url, account.UserName, password, {account.ServerKeyPin, "", {}});
     CVHandler::Instance().setDevStatus(probe.devStatus);
     if (probe.kind == AccountProbe::Kind::Untrusted) return {false, probe.detail};
     if (probe.kind != AccountProbe::Kind::Ok) return {false, kOffline};

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <iostream>
 #include <optional>
+#include <tuple>
 
 #include "CVEventLogger.h"
 #include "CVStateXMLFile.h"
@@ -34,6 +35,19 @@ std::int64_t ToInt(const std::string& text) {
   } catch (...) {
     return 0;  // like reading a number from text that holds none
   }
+}
+
+void Log(const std::string& text) { CVEventLogger::WriteSettingsLogMessage(std::string(kClass) + " -> " + text); }
+
+// The keyring's item of an account: its server without the final "/", and the user.
+std::pair<std::string, std::string> KeyringItem(const CVConnection& account) {
+  std::string server = account.Url;
+  while (!server.empty() && server.back() == '/') server.pop_back();
+  return {server, account.UserName};
+}
+
+std::string KeyringLabel(const std::pair<std::string, std::string>& item) {
+  return "Corvalink Sync: " + item.second + " on " + item.first;
 }
 
 std::string SettingsFile() { return CVStaticHelpers::GenerateSettingsPath() + "/Configuration.xml"; }
@@ -81,6 +95,7 @@ void WriteAccount(DocumentWriter& doc, const CVConnection& c, bool newFile) {
   doc.Element("Url", c.Url);
   doc.Element("UserName", c.UserName);
   doc.Element("Password", c.Password);
+  if (c.PasswordInKeyring) doc.Element("PasswordInKeyring", true);
   doc.Element("IsFirstRun", c.IsFirstRun);
   doc.Element("SyncCV", c.SyncCV);
   doc.Element("StorageType", c.StorageType);
@@ -176,6 +191,7 @@ struct ConfigParser {
     if (name == "Url") c.Url = value;
     else if (name == "UserName") c.UserName = value;
     else if (name == "Password") c.Password = value;
+    else if (name == "PasswordInKeyring") c.PasswordInKeyring = yes;
     else if (name == "IsFirstRun") c.IsFirstRun = yes;
     else if (name == "SyncCV") c.SyncCV = ToInt(value);
     else if (name == "StorageType") c.StorageType = ToInt(value);
@@ -269,7 +285,112 @@ CVConfiguration::SitePtr CVConfiguration::GetSiteByName(const std::string& name)
 
 bool CVConfiguration::IsSignedIn() {
   std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
-  return !Corvalink.Url.empty() && !Corvalink.UserName.empty() && !Corvalink.Password.empty();
+  return !Corvalink.Url.empty() && !Corvalink.UserName.empty() && (!Corvalink.Password.empty() || passwordPending_);
+}
+
+void CVConfiguration::SetKeyring(std::unique_ptr<Keyring> keyring) {
+  std::lock_guard<std::mutex> keyLock(keyringLock_);
+  keyring_ = std::move(keyring);
+}
+
+std::string CVConfiguration::AccountPassword() {
+  if (passwordPending_) {
+    // The keyring did not answer at the read (locked, not on the bus yet): ask again.
+    std::lock_guard<std::mutex> keyLock(keyringLock_);
+    if (passwordPending_ && keyring_ && keyringItem_) {
+      std::string error;
+      auto kept = keyring_->Lookup(keyringItem_->first, keyringItem_->second, error);
+      if (!kept) return "";
+      keyringPassword_ = *kept;
+      passwordPending_ = false;
+      std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
+      Corvalink.Password = *kept;
+      Log("the keyring answers now");
+    }
+  }
+  std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
+  return Corvalink.Password;
+}
+
+void CVConfiguration::ForgetPassword() {
+  std::lock_guard<std::mutex> keyLock(keyringLock_);
+  passwordPending_ = false;
+  std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
+  Corvalink.Password.clear();
+}
+
+bool CVConfiguration::ResolvePassword() {
+  std::lock_guard<std::mutex> keyLock(keyringLock_);
+  CVConnection account;
+  {
+    std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
+    account = Corvalink;
+  }
+  const auto item = KeyringItem(account);
+  passwordPending_ = false;
+  keyringItem_.reset();
+  keyringPassword_.clear();
+  std::string error;
+  if (account.PasswordInKeyring) {
+    keyringItem_ = item;
+    std::optional<std::string> kept;
+    if (keyring_) {
+      kept = keyring_->Lookup(item.first, item.second, error);
+    } else {
+      error = "no keyring answers in this session";
+    }
+    if (!kept) {
+      // Signed in all the same: the keyring is asked again when the password is needed.
+      passwordPending_ = true;
+      Log("the password is in the keyring, which does not answer: " + error);
+      return false;
+    }
+    keyringPassword_ = *kept;
+    if (!kept->empty() || account.Password.empty()) {
+      std::lock_guard<std::recursive_mutex> lock(fSpSitesLock);
+      Corvalink.Password = *kept;
+      Corvalink.PasswordInKeyring = !kept->empty();
+      if (kept->empty()) Log("the keyring holds no password for " + item.second + ": signed out");
+      return kept->empty();
+    }
+  }
+  if (account.Password.empty() || !keyring_) return false;
+  // A password still in the file moves to the keyring, and the file is written without it.
+  if (!keyring_->Store(item.first, item.second, KeyringLabel(item), account.Password, error)) {
+    Log("the password stays in Configuration.xml; the keyring did not keep it: " + error);
+    return false;
+  }
+  keyringItem_ = item;
+  keyringPassword_ = account.Password;
+  Log("the password moved from Configuration.xml to the keyring");
+  return true;
+}
+
+std::pair<std::string, bool> CVConfiguration::PlacePassword(const CVConnection& account) {
+  std::lock_guard<std::mutex> keyLock(keyringLock_);
+  const auto item = KeyringItem(account);
+  // Still in the keyring, only not read yet.
+  if (account.Password.empty() && passwordPending_) return {"", true};
+  std::string error;
+  if (keyringItem_ && (*keyringItem_ != item || account.Password.empty())) {
+    // Another account, or signed out: what the keyring kept for the old one goes.
+    if (keyring_ && !keyring_->Clear(keyringItem_->first, keyringItem_->second, error)) {
+      Log("the keyring did not remove the password of " + keyringItem_->second + ": " + error);
+    }
+    keyringItem_.reset();
+    keyringPassword_.clear();
+  }
+  if (account.Password.empty()) return {"", false};
+  passwordPending_ = false;
+  if (!keyring_) return {account.Password, false};
+  if (keyringItem_ == item && keyringPassword_ == account.Password) return {"", true};
+  if (!keyring_->Store(item.first, item.second, KeyringLabel(item), account.Password, error)) {
+    Log("the password is kept in Configuration.xml; the keyring did not keep it: " + error);
+    return {account.Password, false};
+  }
+  keyringItem_ = item;
+  keyringPassword_ = account.Password;
+  return {"", true};
 }
 
 bool CVConfiguration::isNameExists(const std::string& name) {
@@ -332,6 +453,8 @@ void CVConfiguration::ReadConfigFromFile() {
                                        (unreadableCopy_->empty() ? "no copy could be kept"
                                                                  : "a copy is kept in " + *unreadableCopy_));
   }
+  // Before anything logs in with it.
+  const bool passwordMoved = ResolvePassword();
 
   try {
     Corvalink.PartSize = partSizeSource_ ? partSizeSource_() : 0;
@@ -352,6 +475,7 @@ void CVConfiguration::ReadConfigFromFile() {
   }
   CheckHashFolderForActualInformation();
   CreateAddStoragesInfo();
+  if (passwordMoved) SaveConfigXML();
 }
 
 bool CVConfiguration::ParseDocument(const std::string& text) {
@@ -388,6 +512,7 @@ std::string CVConfiguration::SaveConfigXML() {
     for (const auto& site : fSpSites) sites.push_back(*site);
     account = Corvalink;
   }
+  std::tie(account.Password, account.PasswordInKeyring) = PlacePassword(account);
   DocumentWriter doc;
   WriteAccount(doc, account, false);
   doc.Start("SpSites");

@@ -9,7 +9,10 @@
 struct CVConnection {
   std::string Url;
   std::string UserName;
-  std::string Password;
+  std::string Password;  // in memory; on disk it may live in the keyring (CVConfiguration)
+  // The file's Password is empty because the desktop's keyring holds it.
+  // Element "PasswordInKeyring", written only when true.
+  bool PasswordInKeyring = false;
   bool IsFirstRun = true;
   std::int64_t SyncCV = 5;  // minutes between two syncs of a storage
   std::int64_t StorageType = 0;

@@ -73,13 +73,15 @@ std::unique_ptr<ChildProcess> E2ETest::StartClient(const std::string& home, bool
   return std::make_unique<ChildProcess>(CORVALINK_SYNC_BINARY, arguments, ClientEnvironment(home));
 }
 
-std::map<std::string, std::string> E2ETest::ClientEnvironment(const std::string& home) {
+std::map<std::string, std::string> E2ETest::ClientEnvironment(const std::string& home) const {
   fs::create_directories(fs::path(home) / "run");
   fs::permissions(fs::path(home) / "run", fs::perms::owner_all, fs::perm_options::replace);
-  return {{"HOME", home},
-          {"XDG_DATA_HOME", home + "/.local/share"},
-          {"XDG_CONFIG_HOME", home + "/.config"},
-          {"XDG_RUNTIME_DIR", home + "/run"}};
+  std::map<std::string, std::string> environment{{"HOME", home},
+                                                 {"XDG_DATA_HOME", home + "/.local/share"},
+                                                 {"XDG_CONFIG_HOME", home + "/.config"},
+                                                 {"XDG_RUNTIME_DIR", home + "/run"}};
+  if (!keepSessionBus_) environment["DBUS_SESSION_BUS_ADDRESS"] = "";
+  return environment;
 }
 
 std::string E2ETest::MakeEmptyHome(const std::string& name) {

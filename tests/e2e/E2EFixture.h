@@ -40,8 +40,9 @@ class E2ETest : public ::testing::Test {
   CommandRun RunCommand(const std::string& home, const std::vector<std::string>& arguments,
                         const std::string& input = "");
   // The environment of a client process of that home: its Trash, desktop files
-  // and local socket stay inside it.
-  static std::map<std::string, std::string> ClientEnvironment(const std::string& home);
+  // and local socket stay inside it, and so does its password unless the test
+  // keeps the session bus (and its keyring).
+  std::map<std::string, std::string> ClientEnvironment(const std::string& home) const;
   // One --once run of the client to its end; its exit code.
   int RunOnce(const std::string& home);
 
@@ -71,5 +72,6 @@ class E2ETest : public ::testing::Test {
 
   std::filesystem::path root_;
   std::string serverUrl_;
+  bool keepSessionBus_ = false;
   std::unique_ptr<ChildProcess> server_;
 };
