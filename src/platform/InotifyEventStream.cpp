@@ -152,17 +152,26 @@ void InotifyEventStream::OnHoldTick() {
   Deliver(std::move(batch), false);
 }
 
-void InotifyEventStream::Translate(const char* data, std::size_t size,
-                                   std::vector<FileEvent>& batch, bool& overflow) {
+std::vector<InotifyEventStream::Record> InotifyEventStream::Decode(const char* data, std::size_t size) {
+  std::vector<Record> records;
   std::size_t offset = 0;
-  while (offset + sizeof(inotify_event) <= size) {
+  while (size - offset >= sizeof(inotify_event)) {
     inotify_event event;
     std::memcpy(&event, data + offset, sizeof event);  // the buffer need not be aligned
     const char* name = data + offset + sizeof event;
+    if (event.len > size - offset - sizeof event) break;
     offset += sizeof event + event.len;
-    if (offset > size) break;
-    std::string leaf(name, strnlen(name, event.len));
+    Record record{event.wd, event.mask, event.cookie, std::string(name, strnlen(name, event.len))};
+    if (record.name == "." || record.name == ".." || record.name.find('/') != std::string::npos) continue;
+    records.push_back(std::move(record));
+  }
+  return records;
+}
 
+void InotifyEventStream::Translate(const char* data, std::size_t size,
+                                   std::vector<FileEvent>& batch, bool& overflow) {
+  for (const Record& event : Decode(data, size)) {
+    const std::string& leaf = event.name;
     if (event.mask & IN_Q_OVERFLOW) {
       if (!overflow) Log("File events: the kernel's event queue overflowed; changes were lost");
       overflow = true;

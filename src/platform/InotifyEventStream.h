@@ -39,6 +39,18 @@ class InotifyEventStream : public FileEventStream {
   void Stop() override;
   bool IsRunning() const override;
 
+  // One record of a read of the inotify descriptor.
+  struct Record {
+    int wd = -1;
+    std::uint32_t mask = 0;
+    std::uint32_t cookie = 0;
+    std::string name;  // "" for an event of the watched folder itself
+  };
+  // The records of one read, in order. A record cut off at the end of the read,
+  // or whose name is no file name ("/" in it, "." or ".."), is dropped: no path
+  // is ever made of it.
+  static std::vector<Record> Decode(const char* data, std::size_t size);
+
  private:
   struct Watch {
     std::string path;

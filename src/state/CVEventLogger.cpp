@@ -27,6 +27,7 @@ std::mutex gExceptionsLock;
 std::mutex gSyncLock;  // the sync and unit test logs share it
 std::mutex gConsoleLock;
 std::atomic<bool> gConsoleEcho{true};
+std::atomic<bool> gEnabled{true};
 
 std::string FormatTime(const char* format, bool utc) {
   std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
@@ -77,6 +78,7 @@ struct OpenLog {
 };
 
 void WriteLocked(std::mutex& lock, OpenLog& open, const std::string& kindFolder, const std::string& message) {
+  if (!gEnabled) return;
   try {
     std::lock_guard<std::mutex> guard(lock);
     if (gConsoleEcho) {
@@ -111,6 +113,7 @@ OpenLog gUnitTestFile;
 std::string CVEventLogger::DateText() { return FormatTime("%Y-%m-%d %H:%M:%S +0000", true); }
 
 void CVEventLogger::SetConsoleEcho(bool on) { gConsoleEcho = on; }
+void CVEventLogger::SetEnabled(bool on) { gEnabled = on; }
 
 std::string CVEventLogger::GetCorrectFileName(const std::string& kindFolder) {
   std::string day = FormatTime("%Y-%m-%d", false);
@@ -132,6 +135,7 @@ std::string CVEventLogger::GetCorrectFileName(const std::string& kindFolder) {
 }
 
 void CVEventLogger::CommonLogWriting(const std::string& message, const std::string& logName) {
+  if (!gEnabled) return;
   try {
     if (gConsoleEcho) {
       std::lock_guard<std::mutex> guard(gConsoleLock);
@@ -167,6 +171,7 @@ void CVEventLogger::WriteUnitTestMessage(const std::string& message) {
 void CVEventLogger::WriteMainLogMessageDebug(const std::string&) {}
 
 void CVEventLogger::WriteFSWMark() {
+  if (!gEnabled) return;
   try {
     std::string file = GetCorrectFileName("/CVMainLogs");
     if (file.empty()) return;

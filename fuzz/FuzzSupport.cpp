@@ -1,0 +1,61 @@
+#include "FuzzSupport.h"
+
+#include <stdlib.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "CVEventLogger.h"
+
+namespace fs = std::filesystem;
+
+namespace fuzz {
+namespace {
+
+std::string& HomeSlot() {
+  static std::string home;
+  return home;
+}
+
+void RemoveHome() {
+  std::error_code error;
+  if (!HomeSlot().empty()) fs::remove_all(HomeSlot(), error);
+}
+
+}  // namespace
+
+void Prepare() {
+  if (!HomeSlot().empty()) return;
+  std::string pattern = (fs::temp_directory_path() / "cv-fuzz-XXXXXX").string();
+  if (!mkdtemp(pattern.data())) std::abort();
+  HomeSlot() = pattern;
+  setenv("HOME", pattern.c_str(), 1);
+  setenv("XDG_DATA_HOME", (pattern + "/.local/share").c_str(), 1);
+  setenv("XDG_CONFIG_HOME", (pattern + "/.config").c_str(), 1);
+  std::atexit(RemoveHome);
+  CVEventLogger::SetEnabled(false);
+  fs::create_directories(Settings());
+}
+
+std::string Root() { return HomeSlot() + "/Corvalink"; }
+std::string Settings() { return Root() + "/.Settings"; }
+
+std::string Text(const std::uint8_t* data, std::size_t size) {
+  return std::string(reinterpret_cast<const char*>(data), size);
+}
+
+void WriteSettingsFile(const std::string& name, std::string bytes) {
+  static const std::string token = "@ROOT@";
+  for (auto at = bytes.find(token); at != std::string::npos; at = bytes.find(token, at + Root().size())) {
+    bytes.replace(at, token.size(), Root());
+  }
+  std::ofstream(Settings() + "/" + name, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+void ClearSettings() {
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(Settings(), error)) fs::remove_all(entry.path(), error);
+}
+
+}  // namespace fuzz

@@ -1,0 +1,25 @@
+#pragma once
+// What every fuzzing target shares: a home folder of its own (state files and
+// anything else a parser writes stay there, removed at exit), logging off (the
+// parsers run millions of times), and the input as text.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace fuzz {
+
+// Makes the home once and points HOME at it; call from LLVMFuzzerInitialize.
+void Prepare();
+// The root folder of the storages (~/Corvalink) and the settings folder in it.
+std::string Root();
+std::string Settings();
+std::string Text(const std::uint8_t* data, std::size_t size);
+// Writes a file of the settings folder, replacing it; "@ROOT@" in bytes stands
+// for Root(), so that seeds can name paths inside this run's storages.
+void WriteSettingsFile(const std::string& name, std::string bytes);
+// Empties the settings folder (a reader keeps the bytes of a broken file beside
+// it, which would pile up).
+void ClearSettings();
+
+}  // namespace fuzz

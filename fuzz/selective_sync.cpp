@@ -1,0 +1,21 @@
+// SelectiveSync.xml, the rules of what is synced, read and asked as the sync asks.
+
+#include "CVSelectiveSync.h"
+#include "FuzzSupport.h"
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  fuzz::Prepare();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  fuzz::ClearSettings();
+  fuzz::WriteSettingsFile("SelectiveSync.xml", fuzz::Text(data, size));
+  CVSelectiveSync::ResetForTests();
+  CVSelectiveSync& store = CVSelectiveSync::Instance();
+  if (auto site = store.GetSiteRulesByName("Docs")) {
+    auto dictionary = CVSelectiveSync::GetSyncRulesDictionary(*site);
+    (void)CVSelectiveSync::FindSyncRule(dictionary, "Docs/Reports/q3.txt");
+  }
+  return 0;
+}

@@ -1,0 +1,54 @@
+// SOAP replies as a server sends them: the text of a result element, arrays of
+// strings and of file records (whose local paths must stay inside the storage),
+// the storages shared with the user, and the fields read out of result texts.
+
+#include <cstdlib>
+#include <variant>
+
+#include "CVHandler.h"
+#include "FuzzSupport.h"
+#include "ManagerDownload.h"
+#include "MyParser.h"
+#include "SharedStorageParser.h"
+
+namespace {
+
+CVSharepoint Site(const char* name, const char* url, const char* type) {
+  CVSharepoint site;
+  site.Name = name;
+  site.Url = url;
+  site.StorageType = type;
+  return site;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  fuzz::Prepare();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string reply = fuzz::Text(data, size);
+  static const CVSharepoint cifs = Site("Docs", "\\\\devserver\\Docs\\", "CIFS");
+  static const CVSharepoint web = Site("Team", "https://devserver/Team/", "SP");
+  for (const char* node : {"LoginResult", "GetFileInfoResult", "GetDefaultSettings2Result"}) {
+    (void)CVHandler::ParseGetFileInfo(MyParser::GetParsedStringForNode(node, reply));
+  }
+  for (const CVSharepoint* site : {&cifs, &web, static_cast<const CVSharepoint*>(nullptr)}) {
+    MyParser parser;
+    auto items = parser.GetParsedArrayForNode("GetFiles3Result", reply, site);
+    for (const auto& item : items) {
+      const auto* record = std::get_if<CVFileForCompare>(&item);
+      // Nothing the server sends may name a place outside the storage's folder.
+      if (record && site && !ManagerDownload::StaysInsideStorage(record->localPath, fuzz::Root() + "/" + site->Name)) {
+        std::abort();
+      }
+    }
+    (void)MyParser::StringsOf(items);
+  }
+  SharedStorageParser shared;
+  (void)SharedStorageParser::StoragesOf(shared.GetParsedArrayForNode("GetSharedStoragesResult", reply));
+  (void)MyParser::ModificationTimeFromText(reply.substr(0, 64));
+  return 0;
+}
