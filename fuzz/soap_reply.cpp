@@ -40,8 +40,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto items = parser.GetParsedArrayForNode("GetFiles3Result", reply, site);
     for (const auto& item : items) {
       const auto* record = std::get_if<CVFileForCompare>(&item);
-      // Nothing the server sends may name a place outside the storage's folder.
-      if (record && site && !ManagerDownload::StaysInsideStorage(record->localPath, fuzz::Root() + "/" + site->Name)) {
+      // Nothing the server sends may name a place outside the storage's folder. A
+      // record without a file name (or one that maps to nothing) has no place at all.
+      if (record && site && !record->localPath.empty() &&
+          !ManagerDownload::StaysInsideStorage(record->localPath, fuzz::Root() + "/" + site->Name)) {
         std::abort();
       }
     }

@@ -146,7 +146,7 @@ struct Transfer {
   void DeliverHead() {
     if (headDelivered) return;
     headDelivered = true;
-    if (exchange.onResponseHead) exchange.onResponseHead(head);
+    if (exchange.onResponseHead) exchange.onResponseHead(reader.head());
   }
   void Abort(const char* what) {
     stopRequested = true;
@@ -160,9 +160,8 @@ struct Transfer {
   HTTPExchange& exchange;
   const Clock& clock;
   Clock::Steady::time_point lastActivity;
-  HTTPResponseHead head;
+  ResponseHeadReader reader;
   bool headDelivered = false;
-  std::string lastHeaderName;
   bool stopRequested = false;
   bool timedOut = false;
   bool bodyFailed = false;
@@ -177,38 +176,7 @@ std::size_t HandleHeader(char* data, std::size_t size, std::size_t count, void* 
   std::size_t length = size * count;
   transfer->Touch();
   if (transfer->headDelivered) return length;  // trailers of a chunked body
-  std::string line(data, length);
-  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-  if (line.rfind("HTTP/", 0) == 0) {
-    // A new status line: an interim response (100, an answered challenge) is replaced.
-    transfer->head = HTTPResponseHead();
-    transfer->head.statusLine = line;
-    std::size_t space = line.find(' ');
-    if (space != std::string::npos && line.size() >= space + 4) {
-      std::string code = line.substr(space + 1, 3);
-      if (std::all_of(code.begin(), code.end(), [](unsigned char c) { return std::isdigit(c); })) {
-        transfer->head.statusCode = std::stoi(code);
-      }
-    }
-    transfer->lastHeaderName.clear();
-    return length;
-  }
-  if (line.empty()) return length;
-  if (line[0] == ' ' || line[0] == '\t') {
-    // An old-style folded line continues the header before it.
-    if (!transfer->lastHeaderName.empty()) {
-      const std::string& name = transfer->lastHeaderName;
-      transfer->head.headers.set(name,
-                                 transfer->head.headers.valueForKey(name) + " " + Trim(line));
-    }
-    return length;
-  }
-  std::size_t colon = line.find(':');
-  if (colon == std::string::npos) return length;
-  std::string name = Trim(line.substr(0, colon));
-  if (name.empty()) return length;
-  transfer->head.headers.append(name, Trim(line.substr(colon + 1)));
-  transfer->lastHeaderName = name;
+  transfer->reader.AddLine(std::string(data, length));
   return length;
 }
 
@@ -330,22 +298,6 @@ long CeilMilliseconds(std::chrono::nanoseconds duration) {
   return std::max(1L, static_cast<long>(std::ceil(ms)));
 }
 
-// How long a kept connection may serve again, from a response's head.
-std::optional<std::chrono::nanoseconds> KeepFor(const HTTPResponseHead& head,
-                                                std::chrono::nanoseconds fallback) {
-  if (Lower(head.headers.valueForKey("Connection")).find("close") != std::string::npos) {
-    return std::nullopt;
-  }
-  std::string keepAlive = Lower(head.headers.valueForKey("Keep-Alive"));
-  std::size_t timeout = keepAlive.find("timeout=");
-  std::size_t max = keepAlive.find("max=");
-  if (timeout == std::string::npos || max == std::string::npos) return fallback;
-  long seconds = std::strtol(keepAlive.c_str() + timeout + 8, nullptr, 10);
-  long requests = std::strtol(keepAlive.c_str() + max + 4, nullptr, 10);
-  if (seconds <= 0 || requests <= 0) return std::nullopt;
-  // The server's own figure, in real seconds.
-  return std::chrono::seconds(seconds);
-}
 
 }  // namespace
 
@@ -571,7 +523,7 @@ HTTPExchangeResult CurlTransport::Perform(HTTPExchange& exchange) {
     result.outcome = Outcome::Completed;
     std::optional<std::chrono::nanoseconds> keep =
         exchange.attemptPersistentConnection
-            ? KeepFor(transfer.head, exchange.persistentConnectionTimeout)
+            ? ResponseHeadReader::KeepFor(transfer.reader.head(), exchange.persistentConnectionTimeout)
             : std::nullopt;
     if (keep) {
       handles.keptUntil[origin] = clock->SteadyNow() + *keep;
@@ -603,4 +555,54 @@ HTTPExchangeResult CurlTransport::Perform(HTTPExchange& exchange) {
   }
   if (result.outcome != Outcome::Completed) handles.keptUntil.erase(origin);
   return result;
+}
+
+void ResponseHeadReader::AddLine(std::string line) {
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+  if (line.rfind("HTTP/", 0) == 0) {
+    // A new status line: an interim response (100, an answered challenge) is replaced.
+    head_ = HTTPResponseHead();
+    head_.statusLine = line;
+    std::size_t space = line.find(' ');
+    if (space != std::string::npos && line.size() >= space + 4) {
+      std::string code = line.substr(space + 1, 3);
+      if (std::all_of(code.begin(), code.end(), [](unsigned char c) { return std::isdigit(c); })) {
+        head_.statusCode = std::stoi(code);
+      }
+    }
+    lastHeaderName_.clear();
+    return;
+  }
+  if (line.empty()) return;
+  if (line[0] == ' ' || line[0] == '\t') {
+    // An old-style folded line continues the header before it.
+    if (!lastHeaderName_.empty()) {
+      head_.headers.set(lastHeaderName_, head_.headers.valueForKey(lastHeaderName_) + " " + Trim(line));
+    }
+    return;
+  }
+  std::size_t colon = line.find(':');
+  if (colon == std::string::npos) return;
+  std::string name = Trim(line.substr(0, colon));
+  if (name.empty()) return;
+  head_.headers.append(name, Trim(line.substr(colon + 1)));
+  lastHeaderName_ = name;
+}
+
+std::optional<std::chrono::nanoseconds> ResponseHeadReader::KeepFor(const HTTPResponseHead& head,
+                                                                    std::chrono::nanoseconds fallback) {
+  if (Lower(head.headers.valueForKey("Connection")).find("close") != std::string::npos) {
+    return std::nullopt;
+  }
+  std::string keepAlive = Lower(head.headers.valueForKey("Keep-Alive"));
+  std::size_t timeout = keepAlive.find("timeout=");
+  std::size_t max = keepAlive.find("max=");
+  if (timeout == std::string::npos || max == std::string::npos) return fallback;
+  long seconds = std::strtol(keepAlive.c_str() + timeout + 8, nullptr, 10);
+  long requests = std::strtol(keepAlive.c_str() + max + 4, nullptr, 10);
+  if (seconds <= 0 || requests <= 0) return std::nullopt;
+  // The server's own figure, in real seconds; a huge one would overflow in
+  // nanoseconds, and no idle connection is worth keeping past an hour.
+  constexpr long kLongestKeep = 3600;
+  return std::chrono::seconds(std::min(seconds, kLongestKeep));
 }
