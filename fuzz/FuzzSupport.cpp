@@ -23,10 +23,8 @@ void RemoveHome() {
   if (!HomeSlot().empty()) fs::remove_all(HomeSlot(), error);
 }
 
-}  // namespace
-
+// Makes the home once and points HOME at it.
 void Prepare() {
-  if (!HomeSlot().empty()) return;
   std::string pattern = (fs::temp_directory_path() / "cv-fuzz-XXXXXX").string();
   if (!mkdtemp(pattern.data())) std::abort();
   HomeSlot() = pattern;
@@ -38,11 +36,21 @@ void Prepare() {
   fs::create_directories(Settings());
 }
 
+}  // namespace
+
 std::string Root() { return HomeSlot() + "/Corvalink"; }
 std::string Settings() { return Root() + "/.Settings"; }
 
 std::string Text(const std::uint8_t* data, std::size_t size) {
   return std::string(reinterpret_cast<const char*>(data), size);
+}
+
+CVSharepoint Storage(const char* name, const char* url, const char* type) {
+  CVSharepoint site;
+  site.Name = name;
+  site.Url = url;
+  site.StorageType = type;
+  return site;
 }
 
 void WriteSettingsFile(const std::string& name, std::string bytes) {
@@ -59,3 +67,8 @@ void ClearSettings() {
 }
 
 }  // namespace fuzz
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  fuzz::Prepare();
+  return 0;
+}

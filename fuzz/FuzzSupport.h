@@ -1,20 +1,23 @@
 #pragma once
 // What every fuzzing target shares: a home folder of its own (state files and
 // anything else a parser writes stay there, removed at exit), logging off (the
-// parsers run millions of times), and the input as text.
+// parsers run millions of times), and the input as text. FuzzSupport.cpp holds
+// libFuzzer's LLVMFuzzerInitialize, which prepares all this before the first input.
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
+#include "CVSharepoint.h"
+
 namespace fuzz {
 
-// Makes the home once and points HOME at it; call from LLVMFuzzerInitialize.
-void Prepare();
 // The root folder of the storages (~/Corvalink) and the settings folder in it.
 std::string Root();
 std::string Settings();
 std::string Text(const std::uint8_t* data, std::size_t size);
+// A storage record of the account, as the parsers are given it.
+CVSharepoint Storage(const char* name, const char* url, const char* type);
 // Writes a file of the settings folder, replacing it; "@ROOT@" in bytes stands
 // for Root(), so that seeds can name paths inside this run's storages.
 void WriteSettingsFile(const std::string& name, std::string bytes);

@@ -4,11 +4,6 @@
 #include "CVConfiguration.h"
 #include "FuzzSupport.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::Prepare();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::ClearSettings();
   fuzz::WriteSettingsFile("Configuration.xml", fuzz::Text(data, size));

@@ -6,11 +6,6 @@
 #include "FuzzSupport.h"
 #include "InotifyEventStream.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::Prepare();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   for (const auto& record : InotifyEventStream::Decode(reinterpret_cast<const char*>(data), size)) {
     if (record.name == "." || record.name == ".." || record.name.find('/') != std::string::npos ||

@@ -6,11 +6,6 @@
 #include "FuzzSupport.h"
 #include "LocalSocket.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::Prepare();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string line = fuzz::Text(data, size);
   auto fields = LineChannel::Split(line);

@@ -19,10 +19,7 @@ class NoPauseClock : public Clock {
 
 void Read(const std::string& reply, const char* name, const char* url, const char* type, bool uploadRequest) {
   static const NoPauseClock clock;
-  CVSharepoint site;
-  site.Name = name;
-  site.Url = url;
-  site.StorageType = type;
+  CVSharepoint site = fuzz::Storage(name, url, type);
   ManagerDownload listing(clock);
   auto read = listing.ReadListingEntries(reply, name, url, uploadRequest, site);
   if (!read.usable && !read.records.empty()) std::abort();
@@ -33,11 +30,6 @@ void Read(const std::string& reply, const char* name, const char* url, const cha
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::Prepare();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string reply = fuzz::Text(data, size);

@@ -3,11 +3,6 @@
 #include "FuzzSupport.h"
 #include "NewFilesParser.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::Prepare();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   fuzz::ClearSettings();
   fuzz::WriteSettingsFile("NewFiles.xml", fuzz::Text(data, size));

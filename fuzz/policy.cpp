@@ -5,11 +5,6 @@
 #include "FuzzSupport.h"
 #include "Policy.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::Prepare();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string document = fuzz::Text(data, size);
   (void)Policy::IsNoPolicy(document);

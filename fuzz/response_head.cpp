@@ -8,11 +8,6 @@
 
 using namespace std::chrono_literals;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::Prepare();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text = fuzz::Text(data, size);
   ResponseHeadReader reader;

@@ -11,27 +11,10 @@
 #include "MyParser.h"
 #include "SharedStorageParser.h"
 
-namespace {
-
-CVSharepoint Site(const char* name, const char* url, const char* type) {
-  CVSharepoint site;
-  site.Name = name;
-  site.Url = url;
-  site.StorageType = type;
-  return site;
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::Prepare();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string reply = fuzz::Text(data, size);
-  static const CVSharepoint cifs = Site("Docs", "\\\\devserver\\Docs\\", "CIFS");
-  static const CVSharepoint web = Site("Team", "https://devserver/Team/", "SP");
+  static const CVSharepoint cifs = fuzz::Storage("Docs", "\\\\devserver\\Docs\\", "CIFS");
+  static const CVSharepoint web = fuzz::Storage("Team", "https://devserver/Team/", "SP");
   for (const char* node : {"LoginResult", "GetFileInfoResult", "GetDefaultSettings2Result"}) {
     (void)CVHandler::ParseGetFileInfo(MyParser::GetParsedStringForNode(node, reply));
   }
