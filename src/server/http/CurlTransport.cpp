@@ -298,7 +298,6 @@ long CeilMilliseconds(std::chrono::nanoseconds duration) {
   return std::max(1L, static_cast<long>(std::ceil(ms)));
 }
 
-
 }  // namespace
 
 std::shared_ptr<CurlTransport> CurlTransport::Shared() {
