@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <string_view>
+#include <vector>
 
 #include "CVEventLogger.h"
 
@@ -34,6 +36,27 @@ void Prepare() {
   std::atexit(RemoveHome);
   CVEventLogger::SetEnabled(false);
   fs::create_directories(Settings());
+}
+
+// libFuzzer writes a finding to the current folder unless told where; a target
+// started by hand (from the repository, under strace) puts it where make fuzz does.
+void DefaultArtifactPrefix(int* argc, char*** argv) {
+  for (int i = 1; i < *argc; ++i) {
+    const std::string_view arg = (*argv)[i];
+    if (arg.starts_with("-artifact_prefix=") || arg.starts_with("-exact_artifact_path=")) return;
+  }
+  std::error_code error;
+  const fs::path binary = fs::read_symlink("/proc/self/exe", error);
+  std::string name = binary.filename().string();
+  if (error || !name.starts_with("fuzz_")) return;
+  const fs::path findings = binary.parent_path() / "runs" / name.substr(5) / "findings";
+  fs::create_directories(findings, error);
+  static std::string flag = "-artifact_prefix=" + findings.string() + "/";
+  static std::vector<char*> args(*argv, *argv + *argc);
+  args.push_back(flag.data());
+  args.push_back(nullptr);
+  *argc = static_cast<int>(args.size()) - 1;
+  *argv = args.data();
 }
 
 }  // namespace
@@ -68,7 +91,8 @@ void ClearSettings() {
 
 }  // namespace fuzz
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+  fuzz::DefaultArtifactPrefix(argc, argv);
   fuzz::Prepare();
   return 0;
 }
