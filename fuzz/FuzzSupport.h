@@ -1,9 +1,10 @@
 #pragma once
 // What every fuzzing target shares: a home folder of its own (state files and
-// anything else a parser writes stay there, removed at exit), logging off (the
-// parsers run millions of times), the input as text, and findings kept in the
-// build's runs/NAME/findings/ when the command line names no place. FuzzSupport.cpp
-// holds libFuzzer's LLVMFuzzerInitialize, which prepares all this before the first input.
+// anything else a parser writes stay there, removed at exit), logging and the
+// engine's std::cerr lines off (the parsers run millions of times), the input as
+// text, and findings kept in the build's runs/NAME/findings/ when the command line
+// names no place. FuzzSupport.cpp holds libFuzzer's LLVMFuzzerInitialize, which
+// prepares all this before the first input.
 
 #include <cstddef>
 #include <cstdint>
