@@ -336,6 +336,9 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
           }
         }
         if (!server.siteOffline) {
+          // The loop woke at the hand-over and found the list still empty: it sleeps
+          // until told that the list is there (or that there is nothing to do).
+          sync->WakeUp();
           sync->WaitForSQProcessEnding(pass.get());
           if (pass->IsCancelled()) {
             cancelled = true;

@@ -45,10 +45,13 @@ class DownloadLanding {
 
  private:
   struct Arrived {
-    int fd = -1;
+    int fd = -1;  // -2: not durable, stays under its temporary name
     std::string temporaryPath;
     CVFileWithAction file;
   };
+
+  // Closes every descriptor; one whose data could not be made durable is -2.
+  static void MakeDurable(std::vector<Arrived>& batch);
 
   mutable std::mutex mutex_;
   std::vector<Arrived> waiting_;
