@@ -28,6 +28,8 @@ std::mutex gSyncLock;  // the sync and unit test logs share it
 std::mutex gConsoleLock;
 std::atomic<bool> gConsoleEcho{true};
 std::atomic<bool> gEnabled{true};
+// The main log lines this thread holds back, if any (see HeldLines).
+thread_local std::string* tHeldMainLines = nullptr;
 
 std::string FormatTime(const char* format, bool utc) {
   std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
@@ -77,7 +79,24 @@ struct OpenLog {
   }
 };
 
-void WriteLocked(std::mutex& lock, OpenLog& open, const std::string& kindFolder, const std::string& message) {
+// Lines as they stand in the file: "\n[<date>]: <message>" each.
+void WriteLinesLocked(OpenLog& open, const std::string& kindFolder, const std::string& lines) {
+  if (!gEnabled) return;
+  const std::string dayFolder = LoggerFolder() + kindFolder + "/" + FormatTime("%Y-%m-%d", false);
+  if (!open.Usable(dayFolder)) open.Open(kindFolder, dayFolder);
+  if (open.fd < 0) return;
+  std::string_view rest(lines);
+  while (!rest.empty()) {
+    ssize_t written = ::write(open.fd, rest.data(), rest.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) break;
+    rest.remove_prefix(static_cast<std::size_t>(written));
+    open.size += written;
+  }
+}
+
+void WriteLocked(std::mutex& lock, OpenLog& open, const std::string& kindFolder, const std::string& message,
+                 std::string* held = nullptr) {
   if (!gEnabled) return;
   try {
     std::lock_guard<std::mutex> guard(lock);
@@ -85,18 +104,12 @@ void WriteLocked(std::mutex& lock, OpenLog& open, const std::string& kindFolder,
       std::lock_guard<std::mutex> console(gConsoleLock);
       std::cerr << message << '\n';
     }
-    const std::string dayFolder = LoggerFolder() + kindFolder + "/" + FormatTime("%Y-%m-%d", false);
-    if (!open.Usable(dayFolder)) open.Open(kindFolder, dayFolder);
-    if (open.fd < 0) return;
     const std::string line = "\n[" + CVEventLogger::DateText() + "]: " + message;
-    std::string_view rest(line);
-    while (!rest.empty()) {
-      ssize_t written = ::write(open.fd, rest.data(), rest.size());
-      if (written < 0 && errno == EINTR) continue;
-      if (written <= 0) break;
-      rest.remove_prefix(static_cast<std::size_t>(written));
-      open.size += written;
+    if (held) {
+      *held += line;
+      return;
     }
+    WriteLinesLocked(open, kindFolder, line);
   } catch (...) {
     // A log line that cannot be written is dropped; logging never stops the caller.
   }
@@ -154,7 +167,31 @@ void CVEventLogger::CommonLogWriting(const std::string& message, const std::stri
 }
 
 void CVEventLogger::WriteMainLogMessage(const std::string& message) {
-  WriteLocked(gMainLock, gMainFile, "/CVMainLogs", message);
+  WriteLocked(gMainLock, gMainFile, "/CVMainLogs", message, tHeldMainLines);
+}
+
+CVEventLogger::HeldLines::HeldLines() {
+  if (!tHeldMainLines) {
+    tHeldMainLines = &lines_;
+  } else {
+    holding_ = false;  // an outer one holds already
+  }
+}
+
+CVEventLogger::HeldLines::~HeldLines() {
+  if (holding_) tHeldMainLines = nullptr;
+}
+
+void CVEventLogger::HeldLines::Keep() {
+  if (!holding_) return;
+  holding_ = false;
+  tHeldMainLines = nullptr;
+  try {
+    std::lock_guard<std::mutex> guard(gMainLock);
+    WriteLinesLocked(gMainFile, "/CVMainLogs", lines_);
+  } catch (...) {
+  }
+  lines_.clear();
 }
 void CVEventLogger::WriteSettingsLogMessage(const std::string& message) {
   WriteLocked(gSettingsLock, gSettingsFile, "/CVSettingsLogs", message);

@@ -47,4 +47,21 @@ class CVEventLogger {
 
   // The date of a log line: "2026-11-23 01:42:38 +0000".
   static std::string DateText();
+
+  // The main log lines of a routine job (a pass of the scheduler) written on this
+  // thread while one lives are held back, and dropped at its end unless Keep() was
+  // called: a pass that finds everything in step leaves the log as it was.
+  class HeldLines {
+   public:
+    HeldLines();
+    ~HeldLines();
+    HeldLines(const HeldLines&) = delete;
+    HeldLines& operator=(const HeldLines&) = delete;
+    // Writes what was held and every later line of the job at once.
+    void Keep();
+
+   private:
+    std::string lines_;
+    bool holding_ = true;
+  };
 };

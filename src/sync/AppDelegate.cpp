@@ -276,6 +276,9 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
   }
 
   sync->forceStopSync = false;
+  // A pass that finds everything in step leaves no lines: an idle client would
+  // otherwise log a screenful every pass, megabytes a day.
+  CVEventLogger::HeldLines passLines;
   SyncListener::SendSyncStateChangedNotification(1);
   std::string passId = NewUuid();
   CVEventLogger::WriteMainLogMessage("[SyncNowSeparatedSelector] called\n" + passId);
@@ -336,6 +339,7 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
           }
         }
         if (!server.siteOffline) {
+          if (server.HasWork()) passLines.Keep();
           // The loop woke at the hand-over and found the list still empty: it sleeps
           // until told that the list is there (or that there is nothing to do).
           sync->WakeUp();
@@ -378,6 +382,7 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
     outcome = PassOutcome::WithErrors;
   }
   isSyncRunning = false;
+  if (outcome != PassOutcome::InStep) passLines.Keep();
   CVEventLogger::WriteMainLogMessage(passId);
   sync->serverQueue().firstTimeSyncPerformed = true;
   SaveStateFiles();
@@ -776,9 +781,12 @@ void AppDelegate::SetTooltip(const std::string& text) {
 }
 
 void AppDelegate::SyncNewEnable(bool hidden) {
-  CVEventLogger::WriteMainLogMessage(std::string(kClass) +
-                                     " - SyncNewEnable -> SyncNew button enable/desable statEnable: " +
-                                     std::to_string(hidden ? 1 : 0));
+  // Every pass sets it twice or more; the log tells only a change.
+  if (syncNowHidden_.exchange(hidden ? 1 : 0) != (hidden ? 1 : 0)) {
+    CVEventLogger::WriteMainLogMessage(std::string(kClass) +
+                                       " - SyncNewEnable -> SyncNew button enable/desable statEnable: " +
+                                       std::to_string(hidden ? 1 : 0));
+  }
   mainLoop_.RunOnMain([&status = status_, hidden] { status.SetSyncNowHidden(hidden); });
 }
 

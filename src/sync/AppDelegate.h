@@ -159,6 +159,7 @@ class AppDelegate {
   std::atomic<bool> isAppOffline{true};
   std::atomic<bool> isCheckingConnection{false};
   std::atomic<bool> fswEventsHappened{false};
+  std::atomic<int> syncNowHidden_{-1};  // what the last SyncNewEnable logged; -1 none yet
   // Steady-clock time of the last queued watcher event, in nanoseconds.
   std::atomic<std::int64_t> lastFWSEventTimeStamp{0};
   std::atomic<std::int64_t> lastCVConnCheckTime{0};  // seconds since 1970

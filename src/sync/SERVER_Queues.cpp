@@ -467,6 +467,12 @@ void SERVER_Queues::ClearServerQueues() {
   SQ_ServerQueue.clear();
 }
 
+bool SERVER_Queues::HasWork() {
+  std::lock_guard<std::mutex> lock(SQ_FQ_Lock);
+  return std::any_of(SQ_ServerQueue.begin(), SQ_ServerQueue.end(),
+                     [](const CVFileWithAction& item) { return item.fileAction != FWA_Nothing; });
+}
+
 std::size_t SERVER_Queues::ServerQueueSize() {
   std::lock_guard<std::mutex> lock(SQ_FQ_Lock);
   return SQ_ServerQueue.size();

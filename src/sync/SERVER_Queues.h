@@ -71,6 +71,8 @@ class SERVER_Queues {
   // which were made for a state that a local operation is changing.
   void ClearServerQueues();
   std::size_t ServerQueueSize();
+  // Whether the work list holds an item that is not already in step.
+  bool HasWork();
 
   std::vector<CVFileForCompare> NFSQ_ServerQueue;
   // Taken from the front one item at a time: a deque keeps that constant per item.

@@ -102,3 +102,26 @@ TEST(CVEventLogger, OldDayFoldersAreRemovedAndOthersKept) {
   EXPECT_TRUE(fs::exists(kind + "/notes"));
   EXPECT_TRUE(fs::exists(kind + "/" + Today()));
 }
+
+TEST(CVEventLogger, HeldLinesReachTheMainLogOnlyWhenKeptAndInOrder) {
+  TempHome home;
+  {
+    CVEventLogger::HeldLines dropped;
+    CVEventLogger::WriteMainLogMessage("routine");
+  }
+  {
+    CVEventLogger::HeldLines kept;
+    CVEventLogger::WriteMainLogMessage("held");
+    // Only this thread's lines wait: another thread's line is written at once.
+    std::thread([] { CVEventLogger::WriteMainLogMessage("other thread"); }).join();
+    {
+      CVEventLogger::HeldLines inner;  // the outer one holds already
+      CVEventLogger::WriteMainLogMessage("inner");
+    }
+    kept.Keep();
+    CVEventLogger::WriteMainLogMessage("after");
+  }
+  const std::string log = home.ReadLog("CVMainLogs");
+  EXPECT_EQ(log.find("routine"), std::string::npos);
+  EXPECT_TRUE(std::regex_search(log, std::regex("other thread(.|\n)*held(.|\n)*inner(.|\n)*after"))) << log;
+}
