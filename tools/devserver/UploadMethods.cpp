@@ -9,7 +9,11 @@
 // lists a hash for a part that never arrived gets "-5;Parts missing", never a
 // file with a hole.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -118,35 +122,80 @@ SoapReply GetFileHash(ServerState& state, const SoapCall& call) {
   return PartialHash(HashFileRange(path.local, 0, -1));
 }
 
-// Where the bytes of one listed part come from.
+// Where the bytes of one listed part come from. A pending part was hashed as it
+// arrived (its hash is in its name); a part of the stored file may have changed
+// since it was hashed and is checked again.
 struct PartSource {
   fs::path file;
   std::int64_t offset = 0;
   std::int64_t length = 0;
   std::string md5;
+  bool check = true;
 };
 
-// Writes the parts one after another into `out`, checking each one's MD5 again
-// as it is copied: a stored file may have changed since it was hashed. False
-// when a part cannot be read whole or no longer matches.
+bool WriteAll(int fd, const char* data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t written = ::write(fd, data, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    data += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+// Copies length bytes at offset of `in` to the end of `out` in the kernel; false
+// when the file system cannot, or the input ends early.
+bool CopyInKernel(int in, std::int64_t offset, std::int64_t length, int out) {
+  loff_t from = offset;
+  while (length > 0) {
+    const ssize_t copied = ::copy_file_range(in, &from, out, nullptr, static_cast<std::size_t>(length), 0);
+    if (copied < 0 && errno == EINTR) continue;
+    if (copied <= 0) return false;
+    length -= copied;
+  }
+  return true;
+}
+
+// Writes the parts one after another into `out`; false when a part cannot be
+// read whole or no longer matches its hash.
 bool Assemble(const std::vector<PartSource>& sources, const fs::path& out) {
-  std::ofstream output(out, std::ios::binary | std::ios::trunc);
+  const int output = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (output < 0) return false;
   std::string buffer(1 << 20, '\0');
-  for (const auto& source : sources) {
-    std::ifstream input(source.file, std::ios::binary);
-    if (!input.seekg(source.offset)) return false;
+  auto copy = [&](const PartSource& source) {
+    const int input = ::open(source.file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (input < 0) return false;
+    const off_t written = ::lseek(output, 0, SEEK_END);
+    if (!source.check && CopyInKernel(input, source.offset, source.length, output)) {
+      ::close(input);
+      return true;
+    }
+    // Read and written here: a part to check, or a file system that cannot copy.
+    if (::ftruncate(output, written) != 0 || ::lseek(output, written, SEEK_SET) < 0) {
+      ::close(input);
+      return false;
+    }
     Md5Digest digest;
+    std::int64_t at = source.offset;
     std::int64_t left = source.length;
     while (left > 0) {
-      const auto want = std::min<std::int64_t>(left, static_cast<std::int64_t>(buffer.size()));
-      if (!input.read(buffer.data(), want)) return false;
-      digest.Update(buffer.data(), static_cast<std::size_t>(want));
-      output.write(buffer.data(), want);
-      left -= want;
+      const auto want = static_cast<std::size_t>(std::min<std::int64_t>(left, static_cast<std::int64_t>(buffer.size())));
+      const ssize_t got = ::pread(input, buffer.data(), want, at);
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0 || !WriteAll(output, buffer.data(), static_cast<std::size_t>(got))) {
+        ::close(input);
+        return false;
+      }
+      digest.Update(buffer.data(), static_cast<std::size_t>(got));
+      at += got;
+      left -= got;
     }
-    if (digest.FinishBase64() != source.md5) return false;
-  }
-  return static_cast<bool>(output.flush());
+    ::close(input);
+    return !source.check || digest.FinishBase64() == source.md5;
+  };
+  const bool whole = std::all_of(sources.begin(), sources.end(), copy);
+  return ::close(output) == 0 && whole;
 }
 
 // MD5 holds the hashes of all parts in order, as <string> children.
@@ -188,7 +237,7 @@ SoapReply FinishPartialUpload(ServerState& state, const SoapCall& call) {
   std::map<std::string, PartSource> byHash;
   if (pending) {
     for (const auto& part : pending->parts) {
-      byHash.emplace(part.md5, PartSource{part.file, 0, part.end - part.start, part.md5});
+      byHash.emplace(part.md5, PartSource{part.file, 0, part.end - part.start, part.md5, false});
     }
   }
   for (const auto& part : stored) {
