@@ -30,6 +30,9 @@ class DesktopSuite : public E2ETest {
 
   ChildProcess& StartDesktop(const std::string& home) {
     auto environment = ClientEnvironment(home);
+    // The desktop client lives on this session's bus, where the test is its tray
+    // host and notification server (the account's password stays in its file).
+    environment.erase("DBUS_SESSION_BUS_ADDRESS");
     // The icons of the build tree, as the installed theme holds them.
     environment["XDG_DATA_DIRS"] = std::string(CORVALINK_SHARE_DIR) + ":/usr/share";
     environment["CORVALINK_WATCHDOG_MS"] = "100";
