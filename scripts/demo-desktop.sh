@@ -8,10 +8,16 @@ build=${1:-build}
 shots=${2:-}
 if [ -z "${CORVALINK_DEMO_SESSION:-}" ]; then
   export CORVALINK_DEMO_SESSION=1
-  dbus-run-session -- xvfb-run -a -s "-screen 0 1024x700x24" bash "$0" "$build" "$shots" 2>&1 \
-    | grep -v "Failed to set fd limit"
-  exit "${PIPESTATUS[0]}"
+  # What the session's own services say (the bus, the display, a keyring the bus
+  # starts on demand) goes to a log of its own; the demo's lines come here.
+  session_log=$(mktemp /tmp/corvalink-desktop-session-XXXXXX.log)
+  dbus-run-session -- xvfb-run -a -s "-screen 0 1024x700x24" bash "$0" "$build" "$shots" 2> "$session_log"
+  code=$?
+  echo "== The session's own services logged to $session_log"
+  exit $code
 fi
+# Inside the session: the demo's output and errors go to the terminal.
+exec 2>&1
 client="$PWD/$build/src/app/corvalink-sync"
 server="$PWD/$build/tools/devserver/corvalink-devserver"
 traywatch="$PWD/$build/tools/traywatch/corvalink-traywatch"
