@@ -102,11 +102,7 @@ bool TrayController::Activate(const std::string& id) {
 void TrayController::Redraw() {
   state_.signedIn = signedIn_ && signedIn_();
   auto menu = TrayMenuModel::Build(state_);
-  bool same = menu.size() == menu_.size();
-  for (std::size_t i = 0; same && i < menu.size(); ++i) {
-    same = menu[i].id == menu_[i].id && menu[i].title == menu_[i].title && menu[i].enabled == menu_[i].enabled;
-  }
-  if (same && !menu_.empty()) return;
+  if (menu == menu_ && !menu_.empty()) return;
   menu_ = std::move(menu);
   view_.ShowMenu(menu_);
 }

@@ -29,6 +29,7 @@ class TrayMenuModel {
     std::string title;
     bool enabled = true;
     bool separator = false;
+    bool operator==(const Entry&) const = default;
   };
 
   static std::vector<Entry> Build(const State& state);
