@@ -2,22 +2,22 @@
 
 #include <QApplication>
 #include <QDesktopServices>
-#include <QMessageBox>
 #include <QUrl>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
 
 #include "AppDelegate.h"
+#include "CVConfiguration.h"
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
-#include "ClientCommands.h"
 #include "ClientRuntime.h"
 #include "Clock.h"
 #include "DesktopCommands.h"
 #include "MainLoopWatchdog.h"
 #include "ProgressWatch.h"
 #include "QtMainLoop.h"
+#include "SignInWindow.h"
 #include "SyncManagerWindow.h"
 #include "SyncProgressView.h"
 #include "TrayController.h"
@@ -30,13 +30,6 @@ bool HasDisplay() {
   return set("DISPLAY") || set("WAYLAND_DISPLAY") || set("QT_QPA_PLATFORM");
 }
 
-// Until the sign-in window exists, the sign-in is done from a terminal.
-void ExplainSignIn() {
-  auto* box = new QMessageBox(QMessageBox::Information, "Corvalink Sync",
-                              QString::fromStdString(ClientCommands::HowToSignIn()), QMessageBox::Ok);
-  box->setAttribute(Qt::WA_DeleteOnClose);
-  box->show();
-}
 }  // namespace
 
 DesktopApp::DesktopApp(const CommandLine& options) : options_(options) {}
@@ -72,6 +65,7 @@ int DesktopApp::Run(int argc, char** argv) {
   QtMainLoop loop(*clock);
   TrayIcon trayIcon;
   std::unique_ptr<SyncManagerWindow> window;
+  std::unique_ptr<SignInWindow> signInWindow;
   std::unique_ptr<ClientRuntime> runtime;
   std::unique_ptr<DesktopCommands> commands;
   SyncProgressSnapshot lastProgress;
@@ -83,7 +77,13 @@ int DesktopApp::Run(int argc, char** argv) {
   };
   auto openWindow = [&](TrayMenuModel::Window which, int tab) {
     if (which == TrayMenuModel::Window::SignIn) {
-      ExplainSignIn();
+      if (!signInWindow) {
+        signInWindow = std::make_unique<SignInWindow>(runtime->login(), runtime->settings(), loop,
+                                                      [&] { commands->SyncNow(); });
+        const auto& account = CVConfiguration::Instance().Corvalink;
+        signInWindow->Prefill(account.Url, account.UserName);
+      }
+      signInWindow->ShowInFront();
       return;
     }
     if (!window) {
@@ -105,7 +105,7 @@ int DesktopApp::Run(int argc, char** argv) {
             }
           },
           openWindow, [&loop] { loop.Quit(ClientRuntime::kExitInStep); }},
-      {TrayMenuModel::Window::SyncManager}, [&] { return runtime && runtime->app().IsSyncStarted(); });
+      {TrayMenuModel::Window::SignIn, TrayMenuModel::Window::SyncManager}, [&] { return runtime && runtime->app().IsSyncStarted(); });
   trayIcon.SetActivateHandler([&tray](const std::string& id) { tray.Activate(id); });
 
   runtime = std::make_unique<ClientRuntime>(clock, loop, tray, instance.lock != nullptr);
@@ -129,7 +129,7 @@ int DesktopApp::Run(int argc, char** argv) {
     std::cout << "No tray is shown on this desktop; the sync manager window stands in for it." << std::endl;
     openWindow(TrayMenuModel::Window::SyncManager, 0);
   }
-  if (!signedIn) ExplainSignIn();
+  if (!signedIn) openWindow(TrayMenuModel::Window::SignIn, 0);
 
   std::unique_ptr<MainLoopWatchdog> watchdog;
   if (const char* limit = std::getenv("CORVALINK_WATCHDOG_MS"); limit != nullptr && std::atoi(limit) > 0) {
@@ -141,6 +141,8 @@ int DesktopApp::Run(int argc, char** argv) {
               << " stalls" << std::endl;
     watchdog.reset();
   }
+  // A sign-in waiting for its question is answered "No" before the workers are joined.
+  signInWindow.reset();
   commands.reset();
   runtime->Stop();
   // The sync reports to the tray to its very end: it goes before the tray does.

@@ -1,0 +1,243 @@
+#include "SignInWindow.h"
+
+#include <QFormLayout>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QMessageBox>
+#include <QPainter>
+#include <QPointer>
+#include <QVBoxLayout>
+
+#include "MainLoop.h"
+#include "SettingsContext.h"
+#include "TrayIcon.h"
+
+namespace {
+// The state of a storage row as a coloured dot: green all, grey nothing, yellow some.
+QIcon StateIcon(const std::string& iconStorage) {
+  QColor colour = iconStorage == "storage_sync_green"    ? QColor(0x2e, 0xa0, 0x43)
+                  : iconStorage == "storage_sync_yellow" ? QColor(0xd9, 0xa4, 0x06)
+                                                         : QColor(0x8a, 0x8a, 0x8a);
+  QPixmap dot(16, 16);
+  dot.fill(Qt::transparent);
+  QPainter painter(&dot);
+  painter.setRenderHint(QPainter::Antialiasing);
+  painter.setPen(Qt::NoPen);
+  painter.setBrush(colour);
+  painter.drawEllipse(2, 2, 12, 12);
+  return QIcon(dot);
+}
+
+void Name(QWidget& widget, const char* objectName, const QString& accessible) {
+  widget.setObjectName(objectName);
+  widget.setAccessibleName(accessible);
+}
+}  // namespace
+
+SignInWindow::SignInWindow(LoginController& login, SettingsContext& settings, MainLoop& loop,
+                           std::function<void()> closed, QWidget* parent)
+    : QWidget(parent), login_(login), settings_(settings), loop_(loop), closed_(std::move(closed)) {
+  setWindowTitle("Corvalink Sync");
+  setWindowIcon(TrayIcon::Icon("corvalink-sync"));
+  setObjectName("signInWindow");
+  auto* layout = new QVBoxLayout(this);
+  layout->addWidget(&pages_);
+  pages_.addWidget(&loginPage_);
+  pages_.addWidget(&storagePage_);
+
+  auto* form = new QFormLayout;
+  form->addRow("Server &URL:", &connectField_);
+  form->addRow("&User name:", &usernameField_);
+  form->addRow("&Password:", &tpassField_);
+  connectField_.setPlaceholderText("https://corvalink.example.com");
+  tpassField_.setEchoMode(QLineEdit::Password);
+  Name(connectField_, "connectField", "Server URL");
+  Name(usernameField_, "usernameField", "User name");
+  Name(tpassField_, "tpassField", "Password");
+  Name(statusLabel_, "statusLabel", "Sign-in progress");
+  Name(progressBar_, "progressBar", "Connecting");
+  Name(LabelErrorText_, "LabelErrorText", "Sign-in error");
+  Name(loginButton_, "loginButton", "Sign in");
+  loginButton_.setText("Sign in");
+  loginButton_.setDefault(true);
+  progressBar_.setRange(0, 0);
+  progressBar_.setTextVisible(false);
+  progressBar_.hide();
+  LabelErrorText_.setWordWrap(true);
+  LabelErrorText_.setStyleSheet("color: #d0342c");
+  auto* login_page = new QVBoxLayout(&loginPage_);
+  login_page->addLayout(form);
+  login_page->addWidget(&statusLabel_);
+  login_page->addWidget(&progressBar_);
+  login_page->addWidget(&LabelErrorText_);
+  login_page->addStretch(1);
+  login_page->addWidget(&loginButton_, 0, Qt::AlignRight);
+
+  storageList_.setColumnCount(3);
+  storageList_.setHeaderLabels({"Storage", "Type", "Sync"});
+  storageList_.setRootIsDecorated(false);
+  storageList_.header()->setSectionResizeMode(0, QHeaderView::Stretch);
+  Name(storageList_, "storageList", "Storages");
+  Name(chooseButton_, "chooseButton", "Choose folders");
+  Name(closeButton_, "closeButton", "Close");
+  chooseButton_.setText("Choose folders…");
+  closeButton_.setText("Close");
+  auto* storage_page = new QVBoxLayout(&storagePage_);
+  storage_page->addWidget(new QLabel("You are signed in. These storages are synced to this computer:"));
+  storage_page->addWidget(&storageList_, 1);
+  auto* buttons = new QHBoxLayout;
+  buttons->addWidget(&chooseButton_);
+  buttons->addStretch(1);
+  buttons->addWidget(&closeButton_);
+  storage_page->addLayout(buttons);
+
+  connect(&loginButton_, &QPushButton::clicked, this, &SignInWindow::LoginButtonClick);
+  for (QLineEdit* field : {&connectField_, &usernameField_, &tpassField_}) {
+    connect(field, &QLineEdit::returnPressed, this, [this] {
+      if (loginButton_.isEnabled()) LoginButtonClick();
+    });
+  }
+  connect(&connectField_, &QLineEdit::textChanged, this, &SignInWindow::UpdateLoginButton);
+  auto open = [this] {
+    if (auto* item = storageList_.currentItem(); item && openStorage_) openStorage_(item->text(0).toStdString());
+  };
+  connect(&chooseButton_, &QPushButton::clicked, this, open);
+  connect(&storageList_, &QTreeWidget::itemActivated, this, open);
+  connect(&storageList_, &QTreeWidget::currentItemChanged, this,
+          [this] { chooseButton_.setEnabled(storageList_.currentItem() != nullptr && openStorage_ != nullptr); });
+  connect(&closeButton_, &QPushButton::clicked, this, [this] {
+    hide();
+    pages_.setCurrentWidget(&loginPage_);
+    if (closed_) closed_();
+  });
+  resize(440, 300);
+}
+
+SignInWindow::~SignInWindow() {
+  // A worker waiting for the question gets "No": nothing changes.
+  if (pendingAnswer_) {
+    try {
+      pendingAnswer_->set_value(false);
+    } catch (const std::future_error&) {
+    }
+  }
+}
+
+void SignInWindow::Prefill(const std::string& url, const std::string& user) {
+  connectField_.setText(QString::fromStdString(url));
+  usernameField_.setText(QString::fromStdString(user));
+}
+
+void SignInWindow::ShowInFront() {
+  show();
+  raise();
+  activateWindow();
+  if (pages_.currentWidget() == &loginPage_) {
+    (connectField_.text().isEmpty() ? connectField_ : usernameField_.text().isEmpty() ? usernameField_ : tpassField_)
+        .setFocus();
+  }
+}
+
+void SignInWindow::LoginButtonClick() {
+  if (busy_) return;
+  LoginController::Form form{connectField_.text().trimmed().toStdString(), usernameField_.text().toStdString(),
+                             tpassField_.text().toStdString()};
+  LoadingComponentShow(true);
+  statusLabel_.setText(LoginController::kConnecting);
+  LabelErrorText_.clear();
+  attemptUrl_ = form.url;
+  // Made here, so that a window closed before the question arrives still answers it.
+  auto answer = std::make_shared<std::promise<bool>>();
+  pendingAnswer_ = answer;
+  QPointer<SignInWindow> self(this);
+  settings_.RunInBackground<LoginController::Result>(
+      loop_,
+      [this, form, answer, self]() {
+        return login_.LoginMethodRun(form, [this, answer, self](const LoginController::AccountChange& change) {
+          auto asked = answer->get_future();
+          loop_.Post([self, change, answer] {
+            if (self) {
+              self->AskAccountChange(change, answer);
+            } else {
+              try {
+                answer->set_value(false);
+              } catch (const std::future_error&) {
+              }
+            }
+          });
+          return asked.get();
+        });
+      },
+      [self](LoginController::Result result) {
+        if (self) self->Finished(result);
+      });
+}
+
+void SignInWindow::AskAccountChange(const LoginController::AccountChange& change,
+                                    std::shared_ptr<std::promise<bool>> answer) {
+  auto* box = new QMessageBox(QMessageBox::Warning, LoginController::kWarningTitle, LoginController::kWarningText,
+                              QMessageBox::Yes | QMessageBox::No, this);
+  box->setObjectName("accountChangeQuestion");
+  box->setInformativeText(QString::fromStdString(change.Details()));
+  box->setDefaultButton(QMessageBox::No);
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  connect(box, &QMessageBox::finished, this, [answer](int button) {
+    try {
+      answer->set_value(button == QMessageBox::Yes);
+    } catch (const std::future_error&) {
+    }
+  });
+  box->open();
+}
+
+void SignInWindow::Finished(const LoginController::Result& result) {
+  pendingAnswer_.reset();
+  if (result.outcome == LoginController::Outcome::Locked) lockedUrl_ = attemptUrl_;
+  LoadingComponentShow(false);
+  statusLabel_.clear();
+  if (result.outcome == LoginController::Outcome::SignedIn) {
+    tpassField_.clear();
+    ShowStorages(result.storages);
+    return;
+  }
+  LabelErrorText_.setText(QString::fromStdString(result.message));
+}
+
+void SignInWindow::LoadingComponentShow(bool busy) {
+  busy_ = busy;
+  for (QWidget* control : {static_cast<QWidget*>(&connectField_), static_cast<QWidget*>(&usernameField_),
+                           static_cast<QWidget*>(&tpassField_)}) {
+    control->setEnabled(!busy);
+  }
+  progressBar_.setVisible(busy);
+  UpdateLoginButton();
+}
+
+void SignInWindow::UpdateLoginButton() {
+  // The lock holds for the address it was earned on; another address may try.
+  const bool locked = lockedUrl_ && connectField_.text().trimmed().toStdString() == *lockedUrl_;
+  loginButton_.setEnabled(!busy_ && !locked);
+}
+
+void SignInWindow::ShowStorages(const std::vector<LoginController::StorageRow>& rows) {
+  storageList_.clear();
+  for (const auto& row : rows) {
+    auto* item = new QTreeWidgetItem(&storageList_);
+    item->setText(0, QString::fromStdString(row.name));
+    item->setText(1, QString::fromStdString(row.type));
+    UpdateStorageRow(row);
+  }
+  if (storageList_.topLevelItemCount() > 0) storageList_.setCurrentItem(storageList_.topLevelItem(0));
+  chooseButton_.setEnabled(storageList_.currentItem() != nullptr && openStorage_ != nullptr);
+  pages_.setCurrentWidget(&storagePage_);
+  closeButton_.setFocus();
+}
+
+void SignInWindow::UpdateStorageRow(const LoginController::StorageRow& row) {
+  for (int i = 0; i < storageList_.topLevelItemCount(); ++i) {
+    QTreeWidgetItem* item = storageList_.topLevelItem(i);
+    if (item->text(0).toStdString() != row.name) continue;
+    item->setText(2, QString::fromStdString(row.statusType));
+    item->setIcon(2, StateIcon(row.iconStorage));
+  }
+}

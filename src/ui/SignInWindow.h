@@ -1,0 +1,72 @@
+#pragma once
+// SignInWindow: the sign-in of the desktop client over LoginController. The
+// attempt runs on a worker with the form turned off; a change of account is
+// asked on the main thread while the worker waits for the answer. After a
+// sign-in the window shows the storages with how much of each is synced.
+// Made at the first opening and kept for the run; closing it hides it.
+
+#include <QLabel>
+#include <QLineEdit>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QStackedWidget>
+#include <QTreeWidget>
+#include <QWidget>
+#include <functional>
+#include <future>
+#include <memory>
+#include <optional>
+
+#include "LoginController.h"
+
+class MainLoop;
+
+class SignInWindow : public QWidget {
+  Q_OBJECT
+ public:
+  // closed: the user left the storage step; the sync is then asked for a pass.
+  SignInWindow(LoginController& login, SettingsContext& settings, MainLoop& loop, std::function<void()> closed,
+               QWidget* parent = nullptr);
+  ~SignInWindow() override;
+
+  // Fills the address and the user of the saved account; the password stays empty.
+  void Prefill(const std::string& url, const std::string& user);
+  void ShowInFront();
+  // The storage rows are opened on their sheet by this handler (the row's name).
+  void SetOpenStorageHandler(std::function<void(const std::string&)> handler) { openStorage_ = std::move(handler); }
+  // Redraws one row of the storage step, after its folders were chosen.
+  void UpdateStorageRow(const LoginController::StorageRow& row);
+
+ private:
+  void LoginButtonClick();
+  void LoadingComponentShow(bool busy);
+  // Runs on the main thread for the worker, which waits for the answer.
+  void AskAccountChange(const LoginController::AccountChange& change, std::shared_ptr<std::promise<bool>> answer);
+  void Finished(const LoginController::Result& result);
+  void ShowStorages(const std::vector<LoginController::StorageRow>& rows);
+  void UpdateLoginButton();
+
+  LoginController& login_;
+  SettingsContext& settings_;
+  MainLoop& loop_;
+  std::function<void()> closed_;
+  std::function<void(const std::string&)> openStorage_;
+  bool busy_ = false;
+  std::string attemptUrl_;
+  std::optional<std::string> lockedUrl_;  // the address the sign-in is locked for
+  std::shared_ptr<std::promise<bool>> pendingAnswer_;  // the question a worker waits on
+
+  QStackedWidget pages_;
+  QWidget loginPage_;
+  QLineEdit connectField_;
+  QLineEdit usernameField_;
+  QLineEdit tpassField_;
+  QLabel statusLabel_;
+  QProgressBar progressBar_;
+  QLabel LabelErrorText_;
+  QPushButton loginButton_;
+  QWidget storagePage_;
+  QTreeWidget storageList_;
+  QPushButton chooseButton_;
+  QPushButton closeButton_;
+};
