@@ -129,7 +129,10 @@ int DesktopApp::Run(int argc, char** argv) {
     std::cout << "No tray is shown on this desktop; the sync manager window stands in for it." << std::endl;
     openWindow(TrayMenuModel::Window::SyncManager, 0);
   }
-  if (!signedIn) openWindow(TrayMenuModel::Window::SignIn, 0);
+  if (!signedIn) {
+    openWindow(TrayMenuModel::Window::SignIn, 0);
+    std::cout << "No account is signed in; the sign-in window is open." << std::endl;
+  }
 
   std::unique_ptr<MainLoopWatchdog> watchdog;
   if (const char* limit = std::getenv("CORVALINK_WATCHDOG_MS"); limit != nullptr && std::atoi(limit) > 0) {

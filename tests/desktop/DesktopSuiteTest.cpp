@@ -128,13 +128,14 @@ TEST_F(DesktopSuite, TheTrayFollowsTheSyncAndItsEntriesWork) {
   EXPECT_LT(std::stoi(watchdog[1]), 1000);
 }
 
-TEST_F(DesktopSuite, WithoutAnAccountTheMenuOffersTheSignIn) {
+TEST_F(DesktopSuite, WithoutAnAccountTheSignInWindowOpensAndTheMenuOffersIt) {
   ASSERT_TRUE(host_.Start());
   ChildProcess& client = StartDesktop(MakeEmptyHome("new"));
   auto item = WaitForItem();
   ASSERT_TRUE(item) << client.Output();
   std::string menu;
   EXPECT_TRUE(WaitForMenu(*item, "Sign in…\\|---\\|Exit\\|", menu)) << menu;
+  EXPECT_NE(client.Output().find("the sign-in window is open"), std::string::npos) << client.Output();
   ASSERT_TRUE(item->Click("Exit"));
   EXPECT_EQ(client.Wait(std::chrono::seconds(30)), 0) << client.Output();
 }
