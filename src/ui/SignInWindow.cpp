@@ -9,6 +9,7 @@
 #include <QVBoxLayout>
 
 #include "MainLoop.h"
+#include "SelectiveSyncSheet.h"
 #include "SettingsContext.h"
 #include "TrayIcon.h"
 
@@ -98,13 +99,10 @@ SignInWindow::SignInWindow(LoginController& login, SettingsContext& settings, Ma
     });
   }
   connect(&connectField_, &QLineEdit::textChanged, this, &SignInWindow::UpdateLoginButton);
-  auto open = [this] {
-    if (auto* item = storageList_.currentItem(); item && openStorage_) openStorage_(item->text(0).toStdString());
-  };
-  connect(&chooseButton_, &QPushButton::clicked, this, open);
-  connect(&storageList_, &QTreeWidget::itemActivated, this, open);
+  connect(&chooseButton_, &QPushButton::clicked, this, &SignInWindow::ChooseFolders);
+  connect(&storageList_, &QTreeWidget::itemActivated, this, &SignInWindow::ChooseFolders);
   connect(&storageList_, &QTreeWidget::currentItemChanged, this,
-          [this] { chooseButton_.setEnabled(storageList_.currentItem() != nullptr && openStorage_ != nullptr); });
+          [this] { chooseButton_.setEnabled(storageList_.currentItem() != nullptr); });
   connect(&closeButton_, &QPushButton::clicked, this, [this] {
     hide();
     pages_.setCurrentWidget(&loginPage_);
@@ -228,9 +226,21 @@ void SignInWindow::ShowStorages(const std::vector<LoginController::StorageRow>& 
     UpdateStorageRow(row);
   }
   if (storageList_.topLevelItemCount() > 0) storageList_.setCurrentItem(storageList_.topLevelItem(0));
-  chooseButton_.setEnabled(storageList_.currentItem() != nullptr && openStorage_ != nullptr);
+  chooseButton_.setEnabled(storageList_.currentItem() != nullptr);
   pages_.setCurrentWidget(&storagePage_);
   closeButton_.setFocus();
+}
+
+void SignInWindow::ChooseFolders() {
+  QTreeWidgetItem* item = storageList_.currentItem();
+  if (!item) return;
+  const std::string name = item->text(0).toStdString();
+  const std::string type = item->text(1).toStdString();
+  auto* sheet = new SelectiveSyncSheet(name, settings_, loop_,
+                                       [this, name, type] { UpdateStorageRow(LoginController::RowForStorage(name, type)); },
+                                       this);
+  sheet->setAttribute(Qt::WA_DeleteOnClose);
+  sheet->open();
 }
 
 void SignInWindow::UpdateStorageRow(const LoginController::StorageRow& row) {

@@ -32,10 +32,6 @@ class SignInWindow : public QWidget {
   // Fills the address and the user of the saved account; the password stays empty.
   void Prefill(const std::string& url, const std::string& user);
   void ShowInFront();
-  // The storage rows are opened on their sheet by this handler (the row's name).
-  void SetOpenStorageHandler(std::function<void(const std::string&)> handler) { openStorage_ = std::move(handler); }
-  // Redraws one row of the storage step, after its folders were chosen.
-  void UpdateStorageRow(const LoginController::StorageRow& row);
 
  private:
   void LoginButtonClick();
@@ -45,12 +41,15 @@ class SignInWindow : public QWidget {
   void Finished(const LoginController::Result& result);
   void ShowStorages(const std::vector<LoginController::StorageRow>& rows);
   void UpdateLoginButton();
+  // The folders of the selected storage, on the tree sheet.
+  void ChooseFolders();
+  // Redraws one row of the storage step, after its folders were chosen.
+  void UpdateStorageRow(const LoginController::StorageRow& row);
 
   LoginController& login_;
   SettingsContext& settings_;
   MainLoop& loop_;
   std::function<void()> closed_;
-  std::function<void(const std::string&)> openStorage_;
   bool busy_ = false;
   std::string attemptUrl_;
   std::optional<std::string> lockedUrl_;  // the address the sign-in is locked for

@@ -1,5 +1,6 @@
 // The sign-in window against the local server: the attempts and the lock, a new
-// address, the storage step, and a change of account declined and confirmed.
+// address, the storage step, a change of account declined and confirmed, and the
+// folders of a storage chosen on the tree sheet.
 
 #include <gtest/gtest.h>
 
@@ -17,6 +18,7 @@
 #include "Clock.h"
 #include "LoginController.h"
 #include "QtMainLoop.h"
+#include "SelectiveSyncSheet.h"
 #include "SettingsContext.h"
 #include "SignInWindow.h"
 
@@ -133,6 +135,70 @@ TEST_F(SignInWindowTest, AnotherAccountIsAskedForAndDecliningChangesNothing) {
   ASSERT_EQ(Rows().size(), 2u);  // Docs is everyone's, Team bob's
   EXPECT_EQ(Rows()[1].substr(0, 5), "Team ");
   EXPECT_EQ(CVConfiguration::Instance().Corvalink.UserName, "bob");
+}
+
+// The tree: a folder loads when opened, another cannot open meanwhile, checks
+// spread down and up, and OK writes the rules that the storage row then shows.
+TEST_F(SignInWindowTest, TheFoldersOfAStorageAreChosenOnTheTreeSheet) {
+  for (const char* file : {"A/a1/x.txt", "A/a2/y.txt", "B/z.txt", "top.txt"}) PutServerFile("Docs", file, "x");
+  SignIn(server_->BaseUrl(), "alice", "secret");
+  ASSERT_TRUE(OnStorageStep());
+  Find<QPushButton>("chooseButton")->click();
+  auto* sheet = window_->findChild<SelectiveSyncSheet*>("selectiveSyncSheet");
+  ASSERT_NE(sheet, nullptr);
+  auto idle = [&] { return QTest::qWaitFor([&] { return !sheet->busy(); }, 20000); };
+  ASSERT_TRUE(idle());
+  auto* view = sheet->findChild<QTreeWidget*>("folderTree");
+  auto item = [&](const std::string& path) {
+    QTreeWidgetItem* at = view->topLevelItem(0);
+    for (std::size_t start = 0; at && start < path.size();) {
+      const std::size_t slash = std::min(path.find('/', start), path.size());
+      QTreeWidgetItem* next = nullptr;
+      for (int i = 0; i < at->childCount(); ++i) {
+        if (at->child(i)->text(0).toStdString() == path.substr(start, slash - start)) next = at->child(i);
+      }
+      at = next;
+      start = slash + 1;
+    }
+    return at;
+  };
+  auto open = [&](const std::string& path) {
+    item(path)->setExpanded(true);
+    return idle();
+  };
+  ASSERT_TRUE(open(""));
+  ASSERT_NE(item("A"), nullptr);
+  ASSERT_NE(item("B"), nullptr);
+  // While A loads, it shows so, and B does not open.
+  item("A")->setExpanded(true);
+  EXPECT_TRUE(sheet->busy());
+  ASSERT_EQ(item("A")->childCount(), 1);
+  EXPECT_EQ(item("A")->child(0)->text(0).toStdString(), SelectiveSyncTree::kLoading);
+  item("B")->setExpanded(true);
+  EXPECT_FALSE(item("B")->isExpanded());
+  ASSERT_TRUE(idle());
+  ASSERT_NE(item("A/a1"), nullptr);
+
+  struct Click {
+    std::string path;
+    Qt::CheckState to, a, root;
+  } clicks[] = {
+      {"", Qt::Checked, Qt::Checked, Qt::Checked},
+      {"A/a1", Qt::Unchecked, Qt::PartiallyChecked, Qt::PartiallyChecked},
+      {"A/a2", Qt::Unchecked, Qt::Unchecked, Qt::PartiallyChecked},
+      {"A", Qt::Checked, Qt::Checked, Qt::Checked},
+      {"A/a2", Qt::Unchecked, Qt::PartiallyChecked, Qt::PartiallyChecked},
+  };
+  for (const auto& click : clicks) {
+    item(click.path)->setCheckState(0, click.to);
+    EXPECT_EQ(item("A")->checkState(0), click.a) << click.path;
+    EXPECT_EQ(item("")->checkState(0), click.root) << click.path;
+  }
+  EXPECT_EQ(item("A/a1")->checkState(0), Qt::Checked);
+  sheet->findChild<QPushButton*>("okButton")->click();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !window_->findChild<SelectiveSyncSheet*>("selectiveSyncSheet"); }, 20000));
+  EXPECT_EQ(Rows(), std::vector<std::string>{"Docs (Custom sync)"});
+  EXPECT_EQ(LoginController::RowForStorage("Docs", "CIFS").statusType, "(Custom sync)");
 }
 
 }  // namespace
