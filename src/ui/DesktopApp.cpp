@@ -18,6 +18,7 @@
 #include "ProgressWatch.h"
 #include "QtMainLoop.h"
 #include "SignInWindow.h"
+#include "StoragesTab.h"
 #include "SyncManagerWindow.h"
 #include "SyncProgressView.h"
 #include "TrayController.h"
@@ -88,6 +89,7 @@ int DesktopApp::Run(int argc, char** argv) {
     }
     if (!window) {
       window = std::make_unique<SyncManagerWindow>([&] { commands->StartStop(); });
+      window->AddTab(2, new StoragesTab(runtime->settings(), loop), "Storages");
       lastProgress = SyncListenerAddInfo::Instance().Snapshot();
       drawWindow();
     }

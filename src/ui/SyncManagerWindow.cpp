@@ -13,7 +13,7 @@ SyncManagerWindow::SyncManagerWindow(std::function<void()> startStop, QWidget* p
   setObjectName("syncManagerWindow");
   auto* layout = new QVBoxLayout(this);
   layout->addWidget(&tabs_);
-  tabs_.addTab(&syncTab_, "Sync");
+  AddTab(0, &syncTab_, "Sync");
 
   auto* sync = new QVBoxLayout(&syncTab_);
   QFont bigger = syncStateLabel_.font();
@@ -57,8 +57,13 @@ SyncManagerWindow::SyncManagerWindow(std::function<void()> startStop, QWidget* p
   resize(520, 260);
 }
 
+void SyncManagerWindow::AddTab(int number, QWidget* page, const QString& title) {
+  pages_[number] = page;
+  tabs_.insertTab(static_cast<int>(std::distance(pages_.begin(), pages_.find(number))), page, title);
+}
+
 void SyncManagerWindow::SetTabNumber(int tab) {
-  if (tab >= 0 && tab < tabs_.count()) tabs_.setCurrentIndex(tab);
+  if (auto page = pages_.find(tab); page != pages_.end()) tabs_.setCurrentWidget(page->second);
 }
 
 void SyncManagerWindow::Draw(const SyncProgressView& view) {

@@ -10,6 +10,7 @@
 #include <QTabWidget>
 #include <QWidget>
 #include <functional>
+#include <map>
 
 #include "SyncProgressView.h"
 
@@ -17,6 +18,9 @@ class SyncManagerWindow : public QWidget {
   Q_OBJECT
  public:
   explicit SyncManagerWindow(std::function<void()> startStop, QWidget* parent = nullptr);
+  // Puts a tab in place by its number: 0 sync, 1 settings, 2 storages, 3 info.
+  void AddTab(int number, QWidget* page, const QString& title);
+  // Chooses the tab of that number, when the window has it.
   void SetTabNumber(int tab);
   // storageName: the name of the storage at the record's index.
   void Draw(const SyncProgressView& view);
@@ -24,6 +28,7 @@ class SyncManagerWindow : public QWidget {
 
  private:
   QTabWidget tabs_;
+  std::map<int, QWidget*> pages_;  // by tab number
   QWidget syncTab_;
   QLabel syncStateLabel_;
   QWidget storagesBox_;

@@ -1,0 +1,140 @@
+// The storages tab and its sheet against the local server: adding with the
+// sheet's refusals, removing by name, and retrieving a policy that locks the list.
+
+#include <gtest/gtest.h>
+
+#include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPointer>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QTest>
+#include <QTreeWidget>
+#include <fstream>
+
+#include "CVConfiguration.h"
+#include "ClientServerFixture.h"
+#include "Clock.h"
+#include "LoginController.h"
+#include "QtMainLoop.h"
+#include "SettingsContext.h"
+#include "StorageSheet.h"
+#include "StoragesTab.h"
+#include "SyncManagerSettings.h"
+
+namespace {
+
+class StoragesTabTest : public ClientServerTest {
+ protected:
+  void SetUp() override {
+    ClientServerTest::SetUp();
+    policyFile_ = serverRoot_ / "alice.policy";
+    auto options = DefaultOptions();
+    options.policies.push_back({"alice", policyFile_});
+    StartServer(options);
+    WritePolicy("true");
+    CVConfiguration::ResetForTests();
+    CVConfiguration::Instance().ReadConfigFromFile();
+    ASSERT_EQ(login_.LoginMethodRun({server_->BaseUrl(), "alice", "secret"}, nullptr).outcome,
+              LoginController::Outcome::SignedIn);
+    tab_ = std::make_unique<StoragesTab>(settings_, loop_);
+    tab_->show();
+  }
+  void TearDown() override {
+    tab_.reset();
+    ClientServerTest::TearDown();
+  }
+  void WritePolicy(const char* editable) {
+    std::ofstream(policyFile_) << "<P><Settings><Editable>" << editable << "</Editable></Settings>"
+                               << "<Corvalink><URL edit=\"true\"/></Corvalink><Storages><Storage><Type>CIFS</Type>"
+                               << "<Name>Docs</Name><Path>" << server_->LocationOf("Docs") << "</Path></Storage>"
+                               << "</Storages></P>";
+  }
+  template <typename T>
+  T* Find(QObject* in, const char* name) {
+    T* found = in->findChild<T*>(name);
+    EXPECT_NE(found, nullptr) << name;
+    return found;
+  }
+  QPushButton* Button(const char* name) { return Find<QPushButton>(tab_.get(), name); }
+  std::vector<std::string> Names() {
+    std::vector<std::string> names;
+    auto* list = Find<QTreeWidget>(tab_.get(), "storageList");
+    for (int i = 0; i < list->topLevelItemCount(); ++i) names.push_back(list->topLevelItem(i)->text(0).toStdString());
+    return names;
+  }
+  void Select(const std::string& name) {
+    auto* list = Find<QTreeWidget>(tab_.get(), "storageList");
+    list->setCurrentItem(list->findItems(QString::fromStdString(name), Qt::MatchExactly).value(0));
+  }
+  void Answer(const char* question, QMessageBox::StandardButton button) {
+    ASSERT_TRUE(QTest::qWaitFor([&] { return tab_->findChild<QMessageBox*>(question) != nullptr; }, 5000));
+    tab_->findChild<QMessageBox*>(question)->button(button)->click();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !tab_->busy(); }, 20000));
+  }
+
+  std::filesystem::path policyFile_;
+  Clock clock_{1.0};
+  QtMainLoop loop_{clock_};
+  SettingsContext settings_{SyncControl::FilesOnly()};
+  LoginController login_{settings_};
+  std::unique_ptr<StoragesTab> tab_;
+};
+
+TEST_F(StoragesTabTest, AStorageIsAddedThroughTheSheetAndRemovedByName) {
+  ASSERT_EQ(Names(), std::vector<std::string>{"Docs"});
+  Button("addButton")->click();
+  QPointer<StorageSheet> sheet = tab_->findChild<StorageSheet*>("storageSheet");
+  ASSERT_NE(sheet, nullptr);
+  const std::string team = server_->LocationOf("Team");
+  struct Case {
+    std::string name, url;
+    const char* kind;
+    std::string message;  // "" when the storage is added
+  } cases[] = {
+      {"shared in", team, "sharePointRadio", StorageController::kReservedName},
+      {"Docs", team, "sharePointRadio", StorageController::kNameExists},
+      {"Team", "\\\\server\\share", "sharePointRadio", "Your URL is not correct for Sharepoint Storage."},
+      {"Team", team, "sharePointRadio", ""},
+  };
+  for (const auto& c : cases) {
+    Find<QLineEdit>(sheet, "nameField")->setText(QString::fromStdString(c.name));
+    Find<QLineEdit>(sheet, "storageURLField")->setText(QString::fromStdString(c.url));
+    Find<QRadioButton>(sheet, c.kind)->setChecked(true);
+    Find<QPushButton>(sheet, "saveButton")->click();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !sheet || !sheet->busy(); }, 20000));
+    if (c.message.empty()) {
+      // Added: the sheet closes.
+      EXPECT_TRUE(QTest::qWaitFor([&] { return !sheet; }, 5000));
+    } else {
+      ASSERT_TRUE(sheet) << c.name;
+      EXPECT_EQ(Find<QLabel>(sheet, "messageLabel")->text().toStdString(), c.message) << c.name;
+    }
+  }
+  EXPECT_EQ(Names(), (std::vector<std::string>{"Docs", "Team"}));
+
+  Select("Team");
+  Button("removeButton")->click();
+  Answer("removeQuestion", QMessageBox::Yes);
+  EXPECT_EQ(Names(), std::vector<std::string>{"Docs"});
+  EXPECT_EQ(CVConfiguration::Instance().GetSiteByName("Team"), nullptr);
+}
+
+TEST_F(StoragesTabTest, ARetrievedPolicyThatLocksStoragesLeavesOnlyTheViewOfThem) {
+  WritePolicy("false");
+  Button("retrieveButton")->click();
+  Answer("retrieveQuestion", QMessageBox::Yes);
+  EXPECT_EQ(Find<QLabel>(tab_.get(), "messageLabel")->text().toStdString(), SyncManagerSettings::kRetrieved);
+  EXPECT_FALSE(Button("addButton")->isEnabled());
+  EXPECT_FALSE(Button("removeButton")->isEnabled());
+  ASSERT_TRUE(Button("editButton")->isEnabled());
+  Button("editButton")->click();
+  auto* sheet = tab_->findChild<StorageSheet*>("storageSheet");
+  ASSERT_NE(sheet, nullptr);
+  EXPECT_FALSE(Find<QPushButton>(sheet, "saveButton")->isVisible());
+  EXPECT_FALSE(Find<QLineEdit>(sheet, "nameField")->isEnabled());
+  EXPECT_EQ(Find<QLineEdit>(sheet, "nameField")->text().toStdString(), "Docs");
+}
+
+}  // namespace
