@@ -3,7 +3,6 @@
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QHeaderView>
-#include <QMessageBox>
 #include <QPainter>
 #include <QPointer>
 #include <QVBoxLayout>
@@ -37,7 +36,12 @@ void Name(QWidget& widget, const char* objectName, const QString& accessible) {
 
 SignInWindow::SignInWindow(LoginController& login, SettingsContext& settings, MainLoop& loop,
                            std::function<void()> closed, QWidget* parent)
-    : QWidget(parent), login_(login), settings_(settings), loop_(loop), closed_(std::move(closed)) {
+    : QWidget(parent),
+      login_(login),
+      settings_(settings),
+      loop_(loop),
+      closed_(std::move(closed)),
+      question_(*this, loop, LoginController::kWarningText) {
   setWindowTitle("Corvalink Sync");
   setWindowIcon(TrayIcon::Icon("corvalink-sync"));
   setObjectName("signInWindow");
@@ -111,16 +115,6 @@ SignInWindow::SignInWindow(LoginController& login, SettingsContext& settings, Ma
   resize(440, 300);
 }
 
-SignInWindow::~SignInWindow() {
-  // A worker waiting for the question gets "No": nothing changes.
-  if (pendingAnswer_) {
-    try {
-      pendingAnswer_->set_value(false);
-    } catch (const std::future_error&) {
-    }
-  }
-}
-
 void SignInWindow::Prefill(const std::string& url, const std::string& user) {
   connectField_.setText(QString::fromStdString(url));
   usernameField_.setText(QString::fromStdString(user));
@@ -144,52 +138,15 @@ void SignInWindow::LoginButtonClick() {
   statusLabel_.setText(LoginController::kConnecting);
   LabelErrorText_.clear();
   attemptUrl_ = form.url;
-  // Made here, so that a window closed before the question arrives still answers it.
-  auto answer = std::make_shared<std::promise<bool>>();
-  pendingAnswer_ = answer;
   QPointer<SignInWindow> self(this);
   settings_.RunInBackground<LoginController::Result>(
-      loop_,
-      [this, form, answer, self]() {
-        return login_.LoginMethodRun(form, [this, answer, self](const LoginController::AccountChange& change) {
-          auto asked = answer->get_future();
-          loop_.Post([self, change, answer] {
-            if (self) {
-              self->AskAccountChange(change, answer);
-            } else {
-              try {
-                answer->set_value(false);
-              } catch (const std::future_error&) {
-              }
-            }
-          });
-          return asked.get();
-        });
-      },
+      loop_, [&login = login_, form, confirm = question_.Confirm()] { return login.LoginMethodRun(form, confirm); },
       [self](LoginController::Result result) {
         if (self) self->Finished(result);
       });
 }
 
-void SignInWindow::AskAccountChange(const LoginController::AccountChange& change,
-                                    std::shared_ptr<std::promise<bool>> answer) {
-  auto* box = new QMessageBox(QMessageBox::Warning, LoginController::kWarningTitle, LoginController::kWarningText,
-                              QMessageBox::Yes | QMessageBox::No, this);
-  box->setObjectName("accountChangeQuestion");
-  box->setInformativeText(QString::fromStdString(change.Details()));
-  box->setDefaultButton(QMessageBox::No);
-  box->setAttribute(Qt::WA_DeleteOnClose);
-  connect(box, &QMessageBox::finished, this, [answer](int button) {
-    try {
-      answer->set_value(button == QMessageBox::Yes);
-    } catch (const std::future_error&) {
-    }
-  });
-  box->open();
-}
-
 void SignInWindow::Finished(const LoginController::Result& result) {
-  pendingAnswer_.reset();
   if (result.outcome == LoginController::Outcome::Locked) lockedUrl_ = attemptUrl_;
   LoadingComponentShow(false);
   statusLabel_.clear();

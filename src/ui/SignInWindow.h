@@ -13,10 +13,10 @@
 #include <QTreeWidget>
 #include <QWidget>
 #include <functional>
-#include <future>
 #include <memory>
 #include <optional>
 
+#include "AccountChangeQuestion.h"
 #include "LoginController.h"
 
 class MainLoop;
@@ -27,7 +27,6 @@ class SignInWindow : public QWidget {
   // closed: the user left the storage step; the sync is then asked for a pass.
   SignInWindow(LoginController& login, SettingsContext& settings, MainLoop& loop, std::function<void()> closed,
                QWidget* parent = nullptr);
-  ~SignInWindow() override;
 
   // Fills the address and the user of the saved account; the password stays empty.
   void Prefill(const std::string& url, const std::string& user);
@@ -36,8 +35,6 @@ class SignInWindow : public QWidget {
  private:
   void LoginButtonClick();
   void LoadingComponentShow(bool busy);
-  // Runs on the main thread for the worker, which waits for the answer.
-  void AskAccountChange(const LoginController::AccountChange& change, std::shared_ptr<std::promise<bool>> answer);
   void Finished(const LoginController::Result& result);
   void ShowStorages(const std::vector<LoginController::StorageRow>& rows);
   void UpdateLoginButton();
@@ -53,7 +50,7 @@ class SignInWindow : public QWidget {
   bool busy_ = false;
   std::string attemptUrl_;
   std::optional<std::string> lockedUrl_;  // the address the sign-in is locked for
-  std::shared_ptr<std::promise<bool>> pendingAnswer_;  // the question a worker waits on
+  AccountChangeQuestion question_;
 
   QStackedWidget pages_;
   QWidget loginPage_;
