@@ -18,6 +18,7 @@
 #include "ProgressWatch.h"
 #include "QtMainLoop.h"
 #include "SignInWindow.h"
+#include "SettingsTab.h"
 #include "StoragesTab.h"
 #include "SyncManagerWindow.h"
 #include "SyncProgressView.h"
@@ -89,6 +90,7 @@ int DesktopApp::Run(int argc, char** argv) {
     }
     if (!window) {
       window = std::make_unique<SyncManagerWindow>([&] { commands->StartStop(); });
+      window->AddTab(1, new SettingsTab(runtime->settings(), loop, [&] { window->hide(); }), "Settings");
       window->AddTab(2, new StoragesTab(runtime->settings(), loop), "Storages");
       lastProgress = SyncListenerAddInfo::Instance().Snapshot();
       drawWindow();
@@ -107,7 +109,7 @@ int DesktopApp::Run(int argc, char** argv) {
             }
           },
           openWindow, [&loop] { loop.Quit(ClientRuntime::kExitInStep); }},
-      {TrayMenuModel::Window::SignIn, TrayMenuModel::Window::SyncManager}, [&] { return runtime && runtime->app().IsSyncStarted(); });
+      {TrayMenuModel::Window::SignIn, TrayMenuModel::Window::SyncManager, TrayMenuModel::Window::AccountTabs}, [&] { return runtime && runtime->app().IsSyncStarted(); });
   trayIcon.SetActivateHandler([&tray](const std::string& id) { tray.Activate(id); });
 
   runtime = std::make_unique<ClientRuntime>(clock, loop, tray, instance.lock != nullptr);

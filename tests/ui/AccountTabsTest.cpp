@@ -1,5 +1,6 @@
-// The storages tab and its sheet against the local server: adding with the
-// sheet's refusals, removing by name, and retrieving a policy that locks the list.
+// The account tabs against the local server: the storages tab and its sheet
+// (adding with the sheet's refusals, removing by name, retrieving a policy that
+// locks the list) and the settings tab (the account kept, refused, changed).
 
 #include <gtest/gtest.h>
 
@@ -9,6 +10,7 @@
 #include <QPointer>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QSpinBox>
 #include <QTest>
 #include <QTreeWidget>
 #include <fstream>
@@ -20,18 +22,20 @@
 #include "QtMainLoop.h"
 #include "SettingsContext.h"
 #include "StorageSheet.h"
+#include "SettingsTab.h"
 #include "StoragesTab.h"
 #include "SyncManagerSettings.h"
 
 namespace {
 
-class StoragesTabTest : public ClientServerTest {
+class AccountTabsTest : public ClientServerTest {
  protected:
   void SetUp() override {
     ClientServerTest::SetUp();
     policyFile_ = serverRoot_ / "alice.policy";
     auto options = DefaultOptions();
     options.policies.push_back({"alice", policyFile_});
+    options.users.push_back({"bob", "pw"});
     StartServer(options);
     WritePolicy("true");
     CVConfiguration::ResetForTests();
@@ -82,7 +86,7 @@ class StoragesTabTest : public ClientServerTest {
   std::unique_ptr<StoragesTab> tab_;
 };
 
-TEST_F(StoragesTabTest, AStorageIsAddedThroughTheSheetAndRemovedByName) {
+TEST_F(AccountTabsTest, AStorageIsAddedThroughTheSheetAndRemovedByName) {
   ASSERT_EQ(Names(), std::vector<std::string>{"Docs"});
   Button("addButton")->click();
   QPointer<StorageSheet> sheet = tab_->findChild<StorageSheet*>("storageSheet");
@@ -121,7 +125,7 @@ TEST_F(StoragesTabTest, AStorageIsAddedThroughTheSheetAndRemovedByName) {
   EXPECT_EQ(CVConfiguration::Instance().GetSiteByName("Team"), nullptr);
 }
 
-TEST_F(StoragesTabTest, ARetrievedPolicyThatLocksStoragesLeavesOnlyTheViewOfThem) {
+TEST_F(AccountTabsTest, ARetrievedPolicyThatLocksStoragesLeavesOnlyTheViewOfThem) {
   WritePolicy("false");
   Button("retrieveButton")->click();
   Answer("retrieveQuestion", QMessageBox::Yes);
@@ -135,6 +139,44 @@ TEST_F(StoragesTabTest, ARetrievedPolicyThatLocksStoragesLeavesOnlyTheViewOfThem
   EXPECT_FALSE(Find<QPushButton>(sheet, "saveButton")->isVisible());
   EXPECT_FALSE(Find<QLineEdit>(sheet, "nameField")->isEnabled());
   EXPECT_EQ(Find<QLineEdit>(sheet, "nameField")->text().toStdString(), "Docs");
+}
+
+TEST_F(AccountTabsTest, TheSettingsTabKeepsRefusesOrChangesTheAccount) {
+  int closed = 0;
+  SettingsTab tab(settings_, loop_, [&] { ++closed; });
+  tab.show();
+  auto field = [&](const char* name) { return Find<QLineEdit>(&tab, name); };
+  EXPECT_EQ(field("userField")->text().toStdString(), "alice");
+  EXPECT_EQ(field("passwordField")->text().toStdString(), "");  // never the saved one
+  struct Step {
+    std::string user, password;
+    int interval;
+    QMessageBox::StandardButton answer;  // to the account change question, if it comes
+    std::string message, userAfter;
+  } steps[] = {
+      {"alice", "", 7, QMessageBox::NoButton, "", "alice"},  // the saved password stays
+      {"bob", "wrong", 7, QMessageBox::NoButton, SyncManagerSettings::kAccessFailed, "alice"},
+      {"bob", "pw", 7, QMessageBox::No, "Nothing was changed.", "alice"},
+      {"bob", "pw", 9, QMessageBox::Yes, "", "bob"},
+  };
+  for (const auto& step : steps) {
+    field("userField")->setText(QString::fromStdString(step.user));
+    field("passwordField")->setText(QString::fromStdString(step.password));
+    Find<QSpinBox>(&tab, "intervalField")->setValue(step.interval);
+    Find<QPushButton>(&tab, "applyButton")->click();
+    ASSERT_TRUE(tab.busy());
+    auto asked = [&] { return tab.findChild<QMessageBox*>("accountChangeQuestion"); };
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !tab.busy() || asked(); }, 20000));
+    EXPECT_EQ(asked() != nullptr, step.answer != QMessageBox::NoButton) << step.user << " " << step.password;
+    if (asked()) asked()->button(step.answer)->click();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !tab.busy(); }, 20000));
+    EXPECT_EQ(Find<QLabel>(&tab, "messageLabel")->text().toStdString(), step.message) << step.user;
+    EXPECT_EQ(CVConfiguration::Instance().Corvalink.UserName, step.userAfter);
+  }
+  EXPECT_EQ(CVConfiguration::Instance().Corvalink.SyncCV, 9);
+  EXPECT_EQ(closed, 0);  // apply leaves the window open
+  Find<QPushButton>(&tab, "cancelButton")->click();
+  EXPECT_EQ(closed, 1);
 }
 
 }  // namespace
