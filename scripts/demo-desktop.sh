@@ -44,6 +44,8 @@ echo "== The desktop client starts; the tray as the panel sees it:"
 "$traywatch" \
   --wait-menu 'Sync now \(last update at .*' --screenshot-menu "$shots/tray-menu.png" \
   --run "'$client' show > /dev/null" --screenshot "$shots/sync-manager.png" \
+  --click 'Settings…' --screenshot "$shots/settings-tab.png" \
+  --click 'Storages…' --screenshot "$shots/storages-tab.png" \
   --click 'Pause sync' --wait-menu 'Start sync.*' \
   --click 'Start sync' --wait-menu 'Sync now.*' \
   --click 'Exit' > "$work/tray.out" 2>&1 &
@@ -68,9 +70,22 @@ wait $client_pid
 client_code=$?
 sed 's/^/   /' "$work/tray.out"
 echo "   traywatch exit code: $watch_code, client exit code: $client_code (0: both as expected)"
+
+echo "== A first start without an account opens the sign-in window:"
+fresh="$work/fresh"
+mkdir -p "$fresh/run" && chmod 700 "$fresh/run"
+HOME="$fresh" XDG_RUNTIME_DIR="$fresh/run" "$traywatch" --wait-menu 'Sign in….*' \
+  --screenshot "$shots/sign-in.png" --click 'Exit' > "$work/tray-fresh.out" 2>&1 &
+fresh_watch=$!
+until grep -q "tray host ready" "$work/tray-fresh.out" 2>/dev/null; do
+  kill -0 $fresh_watch 2>/dev/null || break
+  sleep 0.1
+done
+HOME="$fresh" XDG_RUNTIME_DIR="$fresh/run" timeout 60 "$client" 2>&1 | sed 's/^/   /'
+wait $fresh_watch || watch_code=1
 echo
 echo "== The client's files: $(find "$home/Corvalink/Docs" -type f | wc -l) of $(find "$storage" -type f | wc -l) from the server"
-echo "== Pictures of the tray menu and the sync manager window: $shots/tray-menu.png, $shots/sync-manager.png"
+echo "== Pictures of the tray menu, the sync manager's tabs and the sign-in window in $shots"
 echo "== The client's main log, its tray and window lines:"
 grep -h -E "DesktopApp|paused|resumed|Sync now pressed|Main loop" "$home"/Corvalink/.Settings/CVLogger/CVMainLogs/*/* | sed 's/^/   /' | tail -12
 [ "$watch_code" -eq 0 ] && [ "$client_code" -eq 0 ]

@@ -14,6 +14,7 @@
 #include "ClientRuntime.h"
 #include "Clock.h"
 #include "DesktopCommands.h"
+#include "InfoTab.h"
 #include "MainLoopWatchdog.h"
 #include "ProgressWatch.h"
 #include "QtMainLoop.h"
@@ -92,6 +93,7 @@ int DesktopApp::Run(int argc, char** argv) {
       window = std::make_unique<SyncManagerWindow>([&] { commands->StartStop(); });
       window->AddTab(1, new SettingsTab(runtime->settings(), loop, [&] { window->hide(); }), "Settings");
       window->AddTab(2, new StoragesTab(runtime->settings(), loop), "Storages");
+      window->AddTab(3, new InfoTab, "Info");
       lastProgress = SyncListenerAddInfo::Instance().Snapshot();
       drawWindow();
     }

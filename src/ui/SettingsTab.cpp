@@ -9,14 +9,8 @@
 #include "CVConfiguration.h"
 #include "SettingsContext.h"
 #include "SyncManagerSettings.h"
+#include "WidgetHelpers.h"
 #include "XdgDesktop.h"
-
-namespace {
-void Name(QWidget& widget, const char* objectName, const QString& accessible) {
-  widget.setObjectName(objectName);
-  widget.setAccessibleName(accessible);
-}
-}  // namespace
 
 SettingsTab::SettingsTab(SettingsContext& settings, MainLoop& loop, std::function<void()> closeWindow, QWidget* parent)
     : QWidget(parent),
@@ -38,16 +32,16 @@ SettingsTab::SettingsTab(SettingsContext& settings, MainLoop& loop, std::functio
   intervalField_.setSuffix(" min");
   autostartBox_.setText("Start Corvalink Sync when I log in");
   notificationsBox_.setText("Show notifications");
-  Name(urlField_, "urlField", "Server URL");
-  Name(userField_, "userField", "User name");
-  Name(passwordField_, "passwordField", "Password");
-  Name(intervalField_, "intervalField", "Minutes between syncs");
-  Name(autostartBox_, "autostartBox", "Start with the system");
-  Name(notificationsBox_, "notificationsBox", "Notifications");
-  Name(messageLabel_, "messageLabel", "Settings message");
-  Name(saveButton_, "saveButton", "Save");
-  Name(applyButton_, "applyButton", "Apply");
-  Name(cancelButton_, "cancelButton", "Cancel");
+  widgets::Name(urlField_, "urlField", "Server URL");
+  widgets::Name(userField_, "userField", "User name");
+  widgets::Name(passwordField_, "passwordField", "Password");
+  widgets::Name(intervalField_, "intervalField", "Minutes between syncs");
+  widgets::Name(autostartBox_, "autostartBox", "Start with the system");
+  widgets::Name(notificationsBox_, "notificationsBox", "Notifications");
+  widgets::Name(messageLabel_, "messageLabel", "Settings message");
+  widgets::Name(saveButton_, "saveButton", "Save");
+  widgets::Name(applyButton_, "applyButton", "Apply");
+  widgets::Name(cancelButton_, "cancelButton", "Cancel");
   saveButton_.setText("Save");
   applyButton_.setText("Apply");
   cancelButton_.setText("Cancel");

@@ -3,7 +3,6 @@
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QHeaderView>
-#include <QPainter>
 #include <QPointer>
 #include <QVBoxLayout>
 
@@ -11,28 +10,7 @@
 #include "SelectiveSyncSheet.h"
 #include "SettingsContext.h"
 #include "TrayIcon.h"
-
-namespace {
-// The state of a storage row as a coloured dot: green all, grey nothing, yellow some.
-QIcon StateIcon(const std::string& iconStorage) {
-  QColor colour = iconStorage == "storage_sync_green"    ? QColor(0x2e, 0xa0, 0x43)
-                  : iconStorage == "storage_sync_yellow" ? QColor(0xd9, 0xa4, 0x06)
-                                                         : QColor(0x8a, 0x8a, 0x8a);
-  QPixmap dot(16, 16);
-  dot.fill(Qt::transparent);
-  QPainter painter(&dot);
-  painter.setRenderHint(QPainter::Antialiasing);
-  painter.setPen(Qt::NoPen);
-  painter.setBrush(colour);
-  painter.drawEllipse(2, 2, 12, 12);
-  return QIcon(dot);
-}
-
-void Name(QWidget& widget, const char* objectName, const QString& accessible) {
-  widget.setObjectName(objectName);
-  widget.setAccessibleName(accessible);
-}
-}  // namespace
+#include "WidgetHelpers.h"
 
 SignInWindow::SignInWindow(LoginController& login, SettingsContext& settings, MainLoop& loop,
                            std::function<void()> closed, QWidget* parent)
@@ -56,13 +34,13 @@ SignInWindow::SignInWindow(LoginController& login, SettingsContext& settings, Ma
   form->addRow("&Password:", &tpassField_);
   connectField_.setPlaceholderText("https://corvalink.example.com");
   tpassField_.setEchoMode(QLineEdit::Password);
-  Name(connectField_, "connectField", "Server URL");
-  Name(usernameField_, "usernameField", "User name");
-  Name(tpassField_, "tpassField", "Password");
-  Name(statusLabel_, "statusLabel", "Sign-in progress");
-  Name(progressBar_, "progressBar", "Connecting");
-  Name(LabelErrorText_, "LabelErrorText", "Sign-in error");
-  Name(loginButton_, "loginButton", "Sign in");
+  widgets::Name(connectField_, "connectField", "Server URL");
+  widgets::Name(usernameField_, "usernameField", "User name");
+  widgets::Name(tpassField_, "tpassField", "Password");
+  widgets::Name(statusLabel_, "statusLabel", "Sign-in progress");
+  widgets::Name(progressBar_, "progressBar", "Connecting");
+  widgets::Name(LabelErrorText_, "LabelErrorText", "Sign-in error");
+  widgets::Name(loginButton_, "loginButton", "Sign in");
   loginButton_.setText("Sign in");
   loginButton_.setDefault(true);
   progressBar_.setRange(0, 0);
@@ -82,9 +60,9 @@ SignInWindow::SignInWindow(LoginController& login, SettingsContext& settings, Ma
   storageList_.setHeaderLabels({"Storage", "Type", "Sync"});
   storageList_.setRootIsDecorated(false);
   storageList_.header()->setSectionResizeMode(0, QHeaderView::Stretch);
-  Name(storageList_, "storageList", "Storages");
-  Name(chooseButton_, "chooseButton", "Choose folders");
-  Name(closeButton_, "closeButton", "Close");
+  widgets::Name(storageList_, "storageList", "Storages");
+  widgets::Name(chooseButton_, "chooseButton", "Choose folders");
+  widgets::Name(closeButton_, "closeButton", "Close");
   chooseButton_.setText("Choose folders…");
   closeButton_.setText("Close");
   auto* storage_page = new QVBoxLayout(&storagePage_);
@@ -205,6 +183,6 @@ void SignInWindow::UpdateStorageRow(const LoginController::StorageRow& row) {
     QTreeWidgetItem* item = storageList_.topLevelItem(i);
     if (item->text(0).toStdString() != row.name) continue;
     item->setText(2, QString::fromStdString(row.statusType));
-    item->setIcon(2, StateIcon(row.iconStorage));
+    item->setIcon(2, widgets::StorageStateIcon(row.iconStorage));
   }
 }

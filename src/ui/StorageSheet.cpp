@@ -7,12 +7,9 @@
 
 #include "SelectiveSyncSheet.h"
 #include "SettingsContext.h"
+#include "WidgetHelpers.h"
 
 namespace {
-void Name(QWidget& widget, const char* objectName, const QString& accessible) {
-  widget.setObjectName(objectName);
-  widget.setAccessibleName(accessible);
-}
 const char* LabelOf(const std::string& type) {
   for (const auto& kind : StorageController::kKinds) {
     if (type == kind.type) return kind.label;
@@ -60,17 +57,17 @@ StorageSheet::StorageSheet(std::optional<CVSharepoint> editing, bool editable, S
   form->addRow("Password:", &passwordField_);
   passwordField_.setEchoMode(QLineEdit::Password);
   if (editing_ && editing_->UseAlterAuth) passwordField_.setPlaceholderText("The saved password; enter it to save");
-  Name(nameField_, "nameField", "Storage name");
-  Name(storageURLField_, "storageURLField", "Storage URL");
-  Name(sharePointRadio_, "sharePointRadio", LabelOf("SP"));
-  Name(cifsRadio_, "cifsRadio", LabelOf("CIFS"));
-  Name(office365Radio_, "office365Radio", LabelOf("O365"));
-  Name(storageTypeComboBox_, "storageTypeComboBox", "Kind of storage");
-  Name(useAlterAuth_, "useAlterAuth", "Own credentials");
-  Name(userNameField_, "userNameField", "Storage user name");
-  Name(passwordField_, "passwordField", "Storage password");
-  Name(messageLabel_, "messageLabel", "Message");
-  Name(chooseIBButton_, "chooseIBButton", "Choose folders");
+  widgets::Name(nameField_, "nameField", "Storage name");
+  widgets::Name(storageURLField_, "storageURLField", "Storage URL");
+  widgets::Name(sharePointRadio_, "sharePointRadio", LabelOf("SP"));
+  widgets::Name(cifsRadio_, "cifsRadio", LabelOf("CIFS"));
+  widgets::Name(office365Radio_, "office365Radio", LabelOf("O365"));
+  widgets::Name(storageTypeComboBox_, "storageTypeComboBox", "Kind of storage");
+  widgets::Name(useAlterAuth_, "useAlterAuth", "Own credentials");
+  widgets::Name(userNameField_, "userNameField", "Storage user name");
+  widgets::Name(passwordField_, "passwordField", "Storage password");
+  widgets::Name(messageLabel_, "messageLabel", "Message");
+  widgets::Name(chooseIBButton_, "chooseIBButton", "Choose folders");
   buttons_.button(QDialogButtonBox::Ok)->setObjectName("saveButton");
   buttons_.button(QDialogButtonBox::Ok)->setAccessibleName("Save the storage");
   buttons_.button(QDialogButtonBox::Cancel)->setObjectName("cancelButton");

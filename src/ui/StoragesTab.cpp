@@ -13,13 +13,9 @@
 #include "StorageController.h"
 #include "StorageSheet.h"
 #include "SyncManagerSettings.h"
+#include "WidgetHelpers.h"
 
 namespace {
-void Name(QWidget& widget, const char* objectName, const QString& accessible) {
-  widget.setObjectName(objectName);
-  widget.setAccessibleName(accessible);
-}
-
 bool StoragesEditable() {
   CVConfiguration& config = CVConfiguration::Instance();
   std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
@@ -46,13 +42,13 @@ StoragesTab::StoragesTab(SettingsContext& settings, MainLoop& loop, QWidget* par
   storageList_.setHeaderLabels({"Storage", "Type", "Sync"});
   storageList_.setRootIsDecorated(false);
   storageList_.header()->setSectionResizeMode(0, QHeaderView::Stretch);
-  Name(storageList_, "storageList", "Storages");
-  Name(addButton_, "addButton", "Add storage");
-  Name(editButton_, "editButton", "Edit storage");
-  Name(removeButton_, "removeButton", "Remove storage");
-  Name(chooseButton_, "chooseButton", "Choose folders");
-  Name(retrieveButton_, "retrieveButton", "Retrieve storage settings");
-  Name(messageLabel_, "messageLabel", "Storages message");
+  widgets::Name(storageList_, "storageList", "Storages");
+  widgets::Name(addButton_, "addButton", "Add storage");
+  widgets::Name(editButton_, "editButton", "Edit storage");
+  widgets::Name(removeButton_, "removeButton", "Remove storage");
+  widgets::Name(chooseButton_, "chooseButton", "Choose folders");
+  widgets::Name(retrieveButton_, "retrieveButton", "Retrieve storage settings");
+  widgets::Name(messageLabel_, "messageLabel", "Storages message");
   addButton_.setText("Add…");
   editButton_.setText("Edit…");
   removeButton_.setText("Remove");
@@ -90,6 +86,7 @@ void StoragesTab::Reload() {
     const auto row = LoginController::RowForStorage(site->Name, site->StorageType);
     auto* item = new QTreeWidgetItem(&storageList_, {QString::fromStdString(row.name), QString::fromStdString(row.type),
                                                      QString::fromStdString(row.statusType)});
+    item->setIcon(2, widgets::StorageStateIcon(row.iconStorage));
     if (row.name == selected) storageList_.setCurrentItem(item);
   }
   if (!storageList_.currentItem() && storageList_.topLevelItemCount() > 0) {

@@ -1,0 +1,15 @@
+#pragma once
+// Small pieces the windows share: how a control is named for tests and for
+// assistive technologies, and the dot that shows how much of a storage is synced.
+
+#include <QIcon>
+#include <QString>
+#include <QWidget>
+#include <string>
+
+namespace widgets {
+// objectName for the tests, accessible name for AT-SPI.
+void Name(QWidget& widget, const char* objectName, const QString& accessible);
+// "storage_sync_green" (all), "storage_sync_yellow" (some), else grey (nothing).
+QIcon StorageStateIcon(const std::string& iconStorage);
+}  // namespace widgets
