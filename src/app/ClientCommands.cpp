@@ -174,12 +174,17 @@ int ClientCommands::Logout(CommandEnvironment& env, CommandIO& io) {
   return kDone;
 }
 
-std::string ClientCommands::HowToSignIn() {
+std::optional<std::string> ClientCommands::UnreadableConfiguration() {
   auto copy = CVConfiguration::Instance().UnreadableFileCopy();
-  if (!copy) return "No account is signed in. Sign in with: corvalink-sync login URL USER";
+  if (!copy) return std::nullopt;
   return "Configuration.xml could not be read" +
-         (copy->empty() ? std::string(" and could not be copied") : "; its copy is kept in " + *copy) +
-         ". Sign in again with: corvalink-sync login URL USER";
+         (copy->empty() ? std::string(" and could not be copied") : "; its copy is kept in " + *copy);
+}
+
+std::string ClientCommands::HowToSignIn() {
+  auto unreadable = UnreadableConfiguration();
+  if (!unreadable) return "No account is signed in. Sign in with: corvalink-sync login URL USER";
+  return *unreadable + ". Sign in again with: corvalink-sync login URL USER";
 }
 
 int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {

@@ -7,6 +7,7 @@
 // yes-or-no questions.
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,8 @@ class ClientCommands {
   // What to tell a user with no account: that Configuration.xml could not be
   // read and where its copy is, when that is why; else that nobody signed in.
   static std::string HowToSignIn();
+  // "Configuration.xml could not be read" and where its copy is; none when it was read.
+  static std::optional<std::string> UnreadableConfiguration();
 
  private:
   static int Login(const std::vector<std::string>& request, CommandEnvironment& env, CommandIO& io);

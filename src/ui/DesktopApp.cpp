@@ -11,6 +11,7 @@
 #include "CVConfiguration.h"
 #include "CVEventLogger.h"
 #include "CVStaticHelpers.h"
+#include "ClientCommands.h"
 #include "ClientRuntime.h"
 #include "Clock.h"
 #include "DesktopCommands.h"
@@ -18,8 +19,8 @@
 #include "MainLoopWatchdog.h"
 #include "ProgressWatch.h"
 #include "QtMainLoop.h"
-#include "SignInWindow.h"
 #include "SettingsTab.h"
+#include "SignInWindow.h"
 #include "StoragesTab.h"
 #include "SyncManagerWindow.h"
 #include "SyncProgressView.h"
@@ -83,8 +84,14 @@ int DesktopApp::Run(int argc, char** argv) {
       if (!signInWindow) {
         signInWindow = std::make_unique<SignInWindow>(runtime->login(), runtime->settings(), loop,
                                                       [&] { commands->SyncNow(); });
-        const auto& account = CVConfiguration::Instance().Corvalink;
+        CVConnection account;
+        {
+          CVConfiguration& config = CVConfiguration::Instance();
+          std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
+          account = config.Corvalink;
+        }
         signInWindow->Prefill(account.Url, account.UserName);
+        if (auto unreadable = ClientCommands::UnreadableConfiguration()) signInWindow->ShowNotice(*unreadable + ".");
       }
       signInWindow->ShowInFront();
       return;
@@ -111,7 +118,8 @@ int DesktopApp::Run(int argc, char** argv) {
             }
           },
           openWindow, [&loop] { loop.Quit(ClientRuntime::kExitInStep); }},
-      {TrayMenuModel::Window::SignIn, TrayMenuModel::Window::SyncManager, TrayMenuModel::Window::AccountTabs}, [&] { return runtime && runtime->app().IsSyncStarted(); });
+      {TrayMenuModel::Window::SignIn, TrayMenuModel::Window::SyncManager, TrayMenuModel::Window::AccountTabs},
+      [&] { return runtime && runtime->app().IsSyncStarted(); });
   trayIcon.SetActivateHandler([&tray](const std::string& id) { tray.Activate(id); });
 
   runtime = std::make_unique<ClientRuntime>(clock, loop, tray, instance.lock != nullptr);

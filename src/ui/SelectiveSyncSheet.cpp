@@ -45,9 +45,7 @@ SelectiveSyncSheet::SelectiveSyncSheet(const std::string& storageName, SettingsC
   buttons_.button(QDialogButtonBox::Cancel)->setObjectName("cancelButton");
   buttons_.button(QDialogButtonBox::Cancel)->setAccessibleName("Cancel");
   connect(&buttons_, &QDialogButtonBox::accepted, this, &SelectiveSyncSheet::Save);
-  connect(&buttons_, &QDialogButtonBox::rejected, this, [this] {
-    if (!busy_) reject();
-  });
+  connect(&buttons_, &QDialogButtonBox::rejected, this, &SelectiveSyncSheet::reject);
   connect(&view_, &QTreeWidget::itemExpanded, this, &SelectiveSyncSheet::Expanded);
   connect(&view_, &QTreeWidget::itemChanged, this, &SelectiveSyncSheet::CheckChanged);
   resize(460, 420);
@@ -60,6 +58,10 @@ SelectiveSyncSheet::SelectiveSyncSheet(const std::string& storageName, SettingsC
       [self](bool) {
         if (self) self->Loaded();
       });
+}
+
+void SelectiveSyncSheet::reject() {
+  if (!busy_) QDialog::reject();
 }
 
 void SelectiveSyncSheet::EnableUI(bool enabled) {

@@ -27,6 +27,8 @@ class SelectiveSyncSheet : public QDialog {
                      std::function<void()> saved, QWidget* parent = nullptr);
   // True while the tree is built, a folder listed or the rules written.
   bool busy() const { return busy_; }
+  // Escape, the close button and Cancel do nothing while a worker runs.
+  void reject() override;
 
  private:
   void Loaded();

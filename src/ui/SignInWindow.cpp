@@ -98,6 +98,8 @@ void SignInWindow::Prefill(const std::string& url, const std::string& user) {
   usernameField_.setText(QString::fromStdString(user));
 }
 
+void SignInWindow::ShowNotice(const std::string& text) { LabelErrorText_.setText(QString::fromStdString(text)); }
+
 void SignInWindow::ShowInFront() {
   show();
   raise();

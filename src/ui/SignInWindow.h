@@ -30,6 +30,8 @@ class SignInWindow : public QWidget {
 
   // Fills the address and the user of the saved account; the password stays empty.
   void Prefill(const std::string& url, const std::string& user);
+  // Why the user has to sign in again, over the form until the next attempt.
+  void ShowNotice(const std::string& text);
   void ShowInFront();
 
  private:

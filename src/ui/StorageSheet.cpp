@@ -87,9 +87,7 @@ StorageSheet::StorageSheet(std::optional<CVSharepoint> editing, bool editable, S
   };
   connect(&useAlterAuth_, &QCheckBox::toggled, this, credentials);
   connect(&buttons_, &QDialogButtonBox::accepted, this, &StorageSheet::Save);
-  connect(&buttons_, &QDialogButtonBox::rejected, this, [this] {
-    if (!busy_) reject();
-  });
+  connect(&buttons_, &QDialogButtonBox::rejected, this, &StorageSheet::reject);
   connect(&chooseIBButton_, &QPushButton::clicked, this, &StorageSheet::ChooseFolders);
 
   // showCurrentSiteInfo: the storage as it is; its password is never shown.
@@ -112,6 +110,10 @@ StorageSheet::StorageSheet(std::optional<CVSharepoint> editing, bool editable, S
     messageLabel_.setText(StorageController::kNotEditable);
   }
   resize(480, 340);
+}
+
+void StorageSheet::reject() {
+  if (!busy_) QDialog::reject();
 }
 
 void StorageSheet::EnableUI(bool enabled) {

@@ -31,6 +31,8 @@ class StorageSheet : public QDialog {
   StorageSheet(std::optional<CVSharepoint> editing, bool editable, SettingsContext& settings, MainLoop& loop,
                std::function<void()> saved, QWidget* parent = nullptr);
   bool busy() const { return busy_; }
+  // Escape, the close button and Cancel do nothing while a worker runs.
+  void reject() override;
 
  private:
   void Save();
