@@ -3,6 +3,7 @@
 #include <QPointer>
 #include <QPushButton>
 #include <QStyle>
+#include <QTimer>
 #include <QVBoxLayout>
 
 #include "MainLoop.h"
@@ -10,6 +11,7 @@
 
 namespace {
 constexpr int kRowRole = Qt::UserRole + 1;
+constexpr std::size_t kBatch = 200;  // items made per turn of the event loop
 
 Qt::CheckState CheckStateOf(int itemSynced) {
   if (itemSynced == SelectiveSyncTree::kChecked) return Qt::Checked;
@@ -94,14 +96,22 @@ QTreeWidgetItem* SelectiveSyncSheet::MakeItem(SelectiveSyncTree::Row& row) {
 void SelectiveSyncSheet::FillChildren(QTreeWidgetItem* item) {
   SelectiveSyncTree::Row* row = RowOf(item);
   if (!row || item->childCount() > 0) return;
+  if (row->children.empty()) item->setChildIndicatorPolicy(QTreeWidgetItem::DontShowIndicator);
+  AddChildItems(item, 0);
+}
+
+void SelectiveSyncSheet::AddChildItems(QTreeWidgetItem* item, std::size_t from) {
+  SelectiveSyncTree::Row* row = RowOf(item);
+  const std::size_t to = std::min(row->children.size(), from + kBatch);
   QList<QTreeWidgetItem*> children;
-  children.reserve(static_cast<qsizetype>(row->children.size()));
-  for (auto& child : row->children) children.append(MakeItem(*child));
+  children.reserve(static_cast<qsizetype>(to - from));
+  for (std::size_t i = from; i < to; ++i) children.append(MakeItem(*row->children[i]));
   drawing_ = true;
   item->addChildren(children);
-  item->setChildIndicatorPolicy(children.isEmpty() ? QTreeWidgetItem::DontShowIndicator
-                                                   : QTreeWidgetItem::ShowIndicator);
   drawing_ = false;
+  // Items are only ever taken from a folder that was loading, whose one child
+  // is its placeholder: an item being filled stays.
+  if (to < row->children.size()) QTimer::singleShot(0, this, [this, item, to] { AddChildItems(item, to); });
 }
 
 void SelectiveSyncSheet::Loaded() {

@@ -37,8 +37,10 @@ class SelectiveSyncSheet : public QDialog {
   void CheckChanged(QTreeWidgetItem* item, int column);
   void Save();
   void EnableUI(bool enabled);
-  // Makes the items of a row's children under its item (once).
+  // Makes the items of a row's children under its item (once), in batches, so
+  // that a folder of thousands of entries never holds the main thread for long.
   void FillChildren(QTreeWidgetItem* item);
+  void AddChildItems(QTreeWidgetItem* item, std::size_t from);
   QTreeWidgetItem* MakeItem(SelectiveSyncTree::Row& row);
   // Draws the states of the rows into the items that exist.
   void DrawStates(QTreeWidgetItem* item);

@@ -201,4 +201,23 @@ TEST_F(SignInWindowTest, TheFoldersOfAStorageAreChosenOnTheTreeSheet) {
   EXPECT_EQ(LoginController::RowForStorage("Docs", "CIFS").statusType, "(Custom sync)");
 }
 
+// A folder of more entries than one batch gets them all, in the server's order.
+TEST_F(SignInWindowTest, AFolderOfManyEntriesIsFilledInPieces) {
+  for (int i = 0; i < 300; ++i) PutServerFile("Docs", "Many/f" + std::to_string(10000 + i), "x");
+  ASSERT_EQ(login_.LoginMethodRun({server_->BaseUrl(), "alice", "secret"}, nullptr).outcome,
+            LoginController::Outcome::SignedIn);
+  SelectiveSyncSheet sheet("Docs", settings_, loop_, nullptr);
+  auto idle = [&] { return QTest::qWaitFor([&] { return !sheet.busy(); }, 20000); };
+  ASSERT_TRUE(idle());
+  auto* view = sheet.findChild<QTreeWidget*>("folderTree");
+  view->topLevelItem(0)->setExpanded(true);
+  ASSERT_TRUE(idle());
+  ASSERT_EQ(view->topLevelItem(0)->childCount(), 1);
+  QTreeWidgetItem* many = view->topLevelItem(0)->child(0);
+  many->setExpanded(true);
+  ASSERT_TRUE(idle());
+  EXPECT_TRUE(QTest::qWaitFor([&] { return many->childCount() == 300; }, 20000)) << many->childCount();
+  EXPECT_EQ(many->child(299)->text(0).toStdString(), "f10299");
+}
+
 }  // namespace
