@@ -48,13 +48,13 @@ SignInWindow::SignInWindow(LoginController& login, SettingsContext& settings, Ma
   progressBar_.hide();
   LabelErrorText_.setWordWrap(true);
   LabelErrorText_.setStyleSheet("color: #d0342c");
-  auto* login_page = new QVBoxLayout(&loginPage_);
-  login_page->addLayout(form);
-  login_page->addWidget(&statusLabel_);
-  login_page->addWidget(&progressBar_);
-  login_page->addWidget(&LabelErrorText_);
-  login_page->addStretch(1);
-  login_page->addWidget(&loginButton_, 0, Qt::AlignRight);
+  auto* loginLayout = new QVBoxLayout(&loginPage_);
+  loginLayout->addLayout(form);
+  loginLayout->addWidget(&statusLabel_);
+  loginLayout->addWidget(&progressBar_);
+  loginLayout->addWidget(&LabelErrorText_);
+  loginLayout->addStretch(1);
+  loginLayout->addWidget(&loginButton_, 0, Qt::AlignRight);
 
   storageList_.setColumnCount(3);
   storageList_.setHeaderLabels({"Storage", "Type", "Sync"});
@@ -65,14 +65,14 @@ SignInWindow::SignInWindow(LoginController& login, SettingsContext& settings, Ma
   widgets::Name(closeButton_, "closeButton", "Close");
   chooseButton_.setText("Choose folders…");
   closeButton_.setText("Close");
-  auto* storage_page = new QVBoxLayout(&storagePage_);
-  storage_page->addWidget(new QLabel("You are signed in. These storages are synced to this computer:"));
-  storage_page->addWidget(&storageList_, 1);
+  auto* storageLayout = new QVBoxLayout(&storagePage_);
+  storageLayout->addWidget(new QLabel("You are signed in. These storages are synced to this computer:"));
+  storageLayout->addWidget(&storageList_, 1);
   auto* buttons = new QHBoxLayout;
   buttons->addWidget(&chooseButton_);
   buttons->addStretch(1);
   buttons->addWidget(&closeButton_);
-  storage_page->addLayout(buttons);
+  storageLayout->addLayout(buttons);
 
   connect(&loginButton_, &QPushButton::clicked, this, &SignInWindow::LoginButtonClick);
   for (QLineEdit* field : {&connectField_, &usernameField_, &tpassField_}) {

@@ -5,6 +5,7 @@
 
 #include <QLabel>
 #include <QPushButton>
+#include <QTabWidget>
 #include <QTest>
 #include <atomic>
 #include <thread>
@@ -87,6 +88,19 @@ TEST(UiTest, TheSyncTabDrawsTheProgressAndItsButtonAsksToStartOrStop) {
   EXPECT_EQ(label("syncStateLabel"), "Last update at: 24/11/2026 10:00:00");
   EXPECT_FALSE(window.findChild<QLabel*>("currentFileName")->isVisible());
   EXPECT_EQ(button->text().toStdString(), "Start sync");
+
+  // Tabs take their places by number whatever the order they come in; a number
+  // the window lacks leaves the choice as it is.
+  auto* info = new QWidget;
+  auto* storages = new QWidget;
+  window.AddTab(3, info, "Info");
+  window.AddTab(2, storages, "Storages");
+  auto* tabs = window.findChild<QTabWidget*>();
+  EXPECT_EQ(tabs->indexOf(storages), 1);
+  EXPECT_EQ(tabs->indexOf(info), 2);
+  window.SetTabNumber(2);
+  window.SetTabNumber(1);
+  EXPECT_EQ(tabs->currentWidget(), storages);
 }
 
 }  // namespace
