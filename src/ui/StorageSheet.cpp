@@ -71,6 +71,7 @@ StorageSheet::StorageSheet(std::optional<CVSharepoint> editing, bool editable, S
   buttons_.button(QDialogButtonBox::Ok)->setObjectName("saveButton");
   buttons_.button(QDialogButtonBox::Ok)->setAccessibleName("Save the storage");
   buttons_.button(QDialogButtonBox::Cancel)->setObjectName("cancelButton");
+  buttons_.button(QDialogButtonBox::Cancel)->setAccessibleName(editable_ ? "Cancel" : "Close");
   messageLabel_.setWordWrap(true);
   messageLabel_.setStyleSheet("color: #d0342c");
   chooseIBButton_.setText("Choose folders…");

@@ -3,6 +3,7 @@
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QStyle>
+#include <QTabBar>
 #include <QVBoxLayout>
 
 #include "TrayIcon.h"
@@ -50,6 +51,11 @@ SyncManagerWindow::SyncManagerWindow(std::function<void()> startStop, QWidget* p
   filesLeftLabel_.setObjectName("filesLeftLabel");
   currentFileName_.setObjectName("currentFileName");
   buttonStopStart_.setObjectName("buttonStopStart");
+  tabs_.setAccessibleName("Sync manager");
+  tabs_.tabBar()->setAccessibleName("Tabs");
+  syncStateLabel_.setAccessibleName("Sync state");
+  currentFileName_.setAccessibleName("Current file");
+  buttonStopStart_.setAccessibleName("Start or stop the sync");
   sync->addWidget(&buttonStopStart_, 0, Qt::AlignRight);
   connect(&buttonStopStart_, &QPushButton::clicked, this, [startStop = std::move(startStop)] {
     if (startStop) startStop();

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QAbstractSpinBox>
+#include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
@@ -18,12 +20,16 @@
 #include "CVConfiguration.h"
 #include "ClientServerFixture.h"
 #include "Clock.h"
+#include "InfoTab.h"
 #include "LoginController.h"
 #include "QtMainLoop.h"
 #include "SettingsContext.h"
 #include "StorageSheet.h"
+#include "SelectiveSyncSheet.h"
 #include "SettingsTab.h"
+#include "SignInWindow.h"
 #include "StoragesTab.h"
+#include "SyncManagerWindow.h"
 #include "SyncManagerSettings.h"
 
 namespace {
@@ -85,6 +91,33 @@ class AccountTabsTest : public ClientServerTest {
   LoginController login_{settings_};
   std::unique_ptr<StoragesTab> tab_;
 };
+
+// The controls a keyboard reaches that have no accessible name, by class.
+std::vector<std::string> Unnamed(QWidget& window) {
+  std::vector<std::string> unnamed;
+  for (QWidget* widget : window.findChildren<QWidget*>()) {
+    QWidget* owner = widget->parentWidget();
+    // The parts of a spin box or a combo box are named by their owner.
+    if (qobject_cast<QAbstractSpinBox*>(owner) || qobject_cast<QComboBox*>(owner)) continue;
+    if (widget->focusPolicy() != Qt::NoFocus && widget->accessibleName().isEmpty()) {
+      unnamed.push_back(widget->metaObject()->className());
+    }
+  }
+  return unnamed;
+}
+
+TEST_F(AccountTabsTest, EveryControlHasAnAccessibleName) {
+  SettingsTab settings(settings_, loop_, nullptr);
+  StorageSheet sheet(std::nullopt, true, settings_, loop_, nullptr);
+  SignInWindow signIn(login_, settings_, loop_, nullptr);
+  SelectiveSyncSheet tree("Docs", settings_, loop_, nullptr);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !tree.busy(); }, 20000));
+  SyncManagerWindow manager(nullptr);
+  manager.AddTab(3, new InfoTab, "Info");
+  for (QWidget* window : std::initializer_list<QWidget*>{tab_.get(), &settings, &sheet, &signIn, &tree, &manager}) {
+    EXPECT_EQ(Unnamed(*window), std::vector<std::string>{}) << window->objectName().toStdString();
+  }
+}
 
 TEST_F(AccountTabsTest, AStorageIsAddedThroughTheSheetAndRemovedByName) {
   ASSERT_EQ(Names(), std::vector<std::string>{"Docs"});
