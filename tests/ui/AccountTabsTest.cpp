@@ -23,14 +23,14 @@
 #include "InfoTab.h"
 #include "LoginController.h"
 #include "QtMainLoop.h"
-#include "SettingsContext.h"
-#include "StorageSheet.h"
 #include "SelectiveSyncSheet.h"
+#include "SettingsContext.h"
 #include "SettingsTab.h"
 #include "SignInWindow.h"
+#include "StorageSheet.h"
 #include "StoragesTab.h"
-#include "SyncManagerWindow.h"
 #include "SyncManagerSettings.h"
+#include "SyncManagerWindow.h"
 
 namespace {
 
