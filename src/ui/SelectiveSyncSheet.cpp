@@ -120,9 +120,10 @@ void SelectiveSyncSheet::Loaded() {
   view_.addTopLevelItem(root);
   drawing_ = false;
   EnableUI(true);
-  // The root opens unless it waits for the server: that waits for the user.
-  if (!tree_->root().NeedsLoading()) root->setExpanded(true);
+  // The root opens at once, its folders loading from the server if need be: they
+  // are what the user came to choose from.
   view_.setCurrentItem(root);
+  root->setExpanded(true);
 }
 
 void SelectiveSyncSheet::Expanded(QTreeWidgetItem* item) {

@@ -17,7 +17,7 @@ SettingsTab::SettingsTab(SettingsContext& settings, MainLoop& loop, std::functio
       settings_(settings),
       loop_(loop),
       closeWindow_(std::move(closeWindow)),
-      question_(*this, loop, SyncManagerSettings::kWarningText) {
+      question_(*this, loop) {
   setObjectName("settingsTab");
   auto* form = new QFormLayout;
   form->addRow("Server &URL:", &urlField_);
@@ -115,7 +115,7 @@ void SettingsTab::SaveSettings(bool closeAfter) {
   QPointer<SettingsTab> self(this);
   settings_.RunInBackground<SyncManagerSettings::Result>(
       loop_,
-      [manager = SyncManagerSettings(settings_), form, keepPassword, confirm = question_.Confirm()]() mutable {
+      [manager = SyncManagerSettings(settings_), form, keepPassword, confirm = WorkerQuestion::AccountChange(question_.ForAttempt(), SyncManagerSettings::kWarningText)]() mutable {
         if (keepPassword) {
           CVConfiguration& config = CVConfiguration::Instance();
           std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);

@@ -14,7 +14,7 @@
 #include <functional>
 #include <string>
 
-#include "AccountChangeQuestion.h"
+#include "WorkerQuestion.h"
 
 class MainLoop;
 class SettingsContext;
@@ -36,7 +36,7 @@ class SettingsTab : public QWidget {
   SettingsContext& settings_;
   MainLoop& loop_;
   std::function<void()> closeWindow_;
-  AccountChangeQuestion question_;
+  WorkerQuestion question_;
   bool busy_ = false;
   std::string loadedUrl_, loadedUser_;
 

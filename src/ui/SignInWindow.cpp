@@ -19,7 +19,7 @@ SignInWindow::SignInWindow(LoginController& login, SettingsContext& settings, Ma
       settings_(settings),
       loop_(loop),
       closed_(std::move(closed)),
-      question_(*this, loop, LoginController::kWarningText) {
+      question_(*this, loop) {
   setWindowTitle("Corvalink Sync");
   setWindowIcon(TrayIcon::Icon("corvalink-sync"));
   setObjectName("signInWindow");
@@ -113,14 +113,23 @@ void SignInWindow::ShowInFront() {
 void SignInWindow::LoginButtonClick() {
   if (busy_) return;
   LoginController::Form form{connectField_.text().trimmed().toStdString(), usernameField_.text().toStdString(),
-                             tpassField_.text().toStdString()};
+                             tpassField_.text().toStdString(), {}};
   LoadingComponentShow(true);
   statusLabel_.setText(LoginController::kConnecting);
   LabelErrorText_.clear();
   attemptUrl_ = form.url;
   QPointer<SignInWindow> self(this);
   settings_.RunInBackground<LoginController::Result>(
-      loop_, [&login = login_, form, confirm = question_.Confirm()] { return login.LoginMethodRun(form, confirm); },
+      loop_,
+      [&login = login_, form, ask = question_.ForAttempt()] {
+        // A certificate that no authority vouches for is shown with its fingerprint
+        // and trusted only when the user says so; the key is then kept with the account.
+        return login.LoginMethodRun(form, WorkerQuestion::AccountChange(ask, LoginController::kWarningText),
+                                    [ask](const CertificateQuestion& question) {
+                                      return ask({"Certificate", question.Question(), question.Details(),
+                                                  "certificateQuestion"});
+                                    });
+      },
       [self](LoginController::Result result) {
         if (self) self->Finished(result);
       });

@@ -16,7 +16,7 @@
 #include <memory>
 #include <optional>
 
-#include "AccountChangeQuestion.h"
+#include "WorkerQuestion.h"
 #include "LoginController.h"
 
 class MainLoop;
@@ -52,7 +52,7 @@ class SignInWindow : public QWidget {
   bool busy_ = false;
   std::string attemptUrl_;
   std::optional<std::string> lockedUrl_;  // the address the sign-in is locked for
-  AccountChangeQuestion question_;
+  WorkerQuestion question_;
 
   QStackedWidget pages_;
   QWidget loginPage_;

@@ -7,6 +7,7 @@
 #include <iostream>
 #include <regex>
 
+#include "AccessibilityBus.h"
 #include "E2EFixture.h"
 #include "TrayBus.h"
 
@@ -36,6 +37,8 @@ class DesktopSuite : public E2ETest {
     // The icons of the build tree, as the installed theme holds them.
     environment["XDG_DATA_DIRS"] = std::string(CORVALINK_SHARE_DIR) + ":/usr/share";
     environment["CORVALINK_WATCHDOG_MS"] = "100";
+    // Its windows on the accessibility bus, as when a screen reader runs.
+    environment["QT_LINUX_ACCESSIBILITY_ALWAYS_ON"] = "1";
     clients_.push_back(std::make_unique<ChildProcess>(
         CORVALINK_SYNC_BINARY, std::vector<std::string>{"--time-scale", "0.01"}, environment));
     return *clients_.back();
@@ -69,7 +72,21 @@ class DesktopSuite : public E2ETest {
     return text;
   }
 
+  // The showing control of that accessible name, once there is one.
+  std::optional<AccessibleObject> WaitForControl(const std::string& name) {
+    std::optional<AccessibleObject> found;
+    PumpUntil([&] { return (found = accessibility_.Find(name)).has_value(); }, 30000);
+    return found;
+  }
+
+  std::string Controls() const {
+    std::string text;
+    for (const auto& line : accessibility_.Describe()) text += line + "\n";
+    return text;
+  }
+
   TestTrayHost host_;
+  AccessibilityBus accessibility_;
   TestNotificationServer notifications_;
   std::vector<std::unique_ptr<ChildProcess>> clients_;
 };
@@ -138,6 +155,52 @@ TEST_F(DesktopSuite, WithoutAnAccountTheSignInWindowOpensAndTheMenuOffersIt) {
   EXPECT_NE(client.Output().find("the sign-in window is open"), std::string::npos) << client.Output();
   ASSERT_TRUE(item->Click("Exit"));
   EXPECT_EQ(client.Wait(std::chrono::seconds(30)), 0) << client.Output();
+}
+
+// A first start signs in through the window as a screen reader user would: the
+// fields filled and the buttons pressed over the accessibility bus, one folder
+// left out in the tree; the rest syncs and the tray says it is in step.
+TEST_F(DesktopSuite, SigningInThroughTheWindowSyncsTheFoldersChosen) {
+  StartServer();
+  Write(ServerDocs() / "Keep" / "kept.txt", "kept");
+  Write(ServerDocs() / "Skip" / "skipped.txt", "left on the server");
+  Write(ServerDocs() / "top.txt", "top");
+  const std::string home = MakeEmptyHome("window");
+  ASSERT_TRUE(host_.Start());
+  ASSERT_TRUE(accessibility_.Connect()) << "no accessibility bus on the session bus";
+  ChildProcess& client = StartDesktop(home);
+
+  const auto url = WaitForControl("Server URL");
+  ASSERT_TRUE(url) << client.Output() << Controls();
+  ASSERT_TRUE(accessibility_.SetText(*url, serverUrl_));
+  ASSERT_TRUE(accessibility_.SetText(*accessibility_.Find("User name"), "alice"));
+  ASSERT_TRUE(accessibility_.SetText(*accessibility_.Find("Password"), "secret"));
+  ASSERT_TRUE(accessibility_.Press(*accessibility_.Find("Sign in")));
+
+  const auto choose = WaitForControl("Choose folders");
+  ASSERT_TRUE(choose) << client.Output() << Controls();
+  ASSERT_TRUE(accessibility_.Press(*choose));
+  ASSERT_TRUE(WaitForControl("Skip")) << Controls();
+  // A tree's check boxes answer the keyboard only: the storage is ticked whole
+  // with the space bar on its row, then the row found by typing its name unticked.
+  constexpr int kSpace = 0x20;
+  ASSERT_TRUE(accessibility_.PressKey(kSpace));
+  ASSERT_TRUE(accessibility_.Type("Skip"));
+  ASSERT_TRUE(accessibility_.PressKey(kSpace));
+  ASSERT_TRUE(accessibility_.Press(*WaitForControl("Save the choice of folders")));
+  ASSERT_TRUE(accessibility_.Press(*WaitForControl("Close")));
+
+  auto item = WaitForItem();
+  ASSERT_TRUE(item) << client.Output();
+  EXPECT_TRUE(PumpUntil([&] { return item->Property("IconName") == "corvalink-sync-state-2"; }, 60000))
+      << item->Property("IconName").toStdString() << client.Output();
+  EXPECT_EQ(Read(ClientDocs(home) / "Keep" / "kept.txt"), "kept");
+  EXPECT_EQ(Read(ClientDocs(home) / "top.txt"), "top");
+  EXPECT_FALSE(std::filesystem::exists(ClientDocs(home) / "Skip"));
+
+  // The storages tab lists the storage with the choice made.
+  ASSERT_TRUE(item->Click("Storages…"));
+  EXPECT_TRUE(WaitForControl("(Custom sync)")) << Controls();
 }
 
 TEST_F(DesktopSuite, NotificationsTurnedOffAreNotSent) {

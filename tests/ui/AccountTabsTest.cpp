@@ -46,7 +46,7 @@ class AccountTabsTest : public ClientServerTest {
     WritePolicy("true");
     CVConfiguration::ResetForTests();
     CVConfiguration::Instance().ReadConfigFromFile();
-    ASSERT_EQ(login_.LoginMethodRun({server_->BaseUrl(), "alice", "secret"}, nullptr).outcome,
+    ASSERT_EQ(login_.LoginMethodRun({server_->BaseUrl(), "alice", "secret", {}}, nullptr).outcome,
               LoginController::Outcome::SignedIn);
     tab_ = std::make_unique<StoragesTab>(settings_, loop_);
     tab_->show();

@@ -204,7 +204,7 @@ TEST_F(SignInWindowTest, TheFoldersOfAStorageAreChosenOnTheTreeSheet) {
 // A folder of more entries than one batch gets them all, in the server's order.
 TEST_F(SignInWindowTest, AFolderOfManyEntriesIsFilledInPieces) {
   for (int i = 0; i < 300; ++i) PutServerFile("Docs", "Many/f" + std::to_string(10000 + i), "x");
-  ASSERT_EQ(login_.LoginMethodRun({server_->BaseUrl(), "alice", "secret"}, nullptr).outcome,
+  ASSERT_EQ(login_.LoginMethodRun({server_->BaseUrl(), "alice", "secret", {}}, nullptr).outcome,
             LoginController::Outcome::SignedIn);
   SelectiveSyncSheet sheet("Docs", settings_, loop_, nullptr);
   auto idle = [&] { return QTest::qWaitFor([&] { return !sheet.busy(); }, 20000); };

@@ -29,11 +29,13 @@ void Release(const char* service, const char* path) {
   bus.unregisterObject(path);
 }
 
+}  // namespace
+
 // A call that keeps this process answering while it waits (the client calls the
 // tray host and the notification server too). Qt's own waiting with the GUI
 // running can miss its wake-up and then waits for ever; this one looks every 20 ms.
-QDBusMessage Call(const QDBusMessage& call) {
-  QDBusPendingCall pending = QDBusConnection::sessionBus().asyncCall(call, 5000);
+QDBusMessage CallAnswering(const QDBusConnection& bus, const QDBusMessage& call) {
+  QDBusPendingCall pending = bus.asyncCall(call, 5000);
   QElapsedTimer timer;
   timer.start();
   while (!pending.isFinished() && timer.elapsed() < 6000) {
@@ -42,6 +44,9 @@ QDBusMessage Call(const QDBusMessage& call) {
   }
   return pending.isFinished() ? pending.reply() : QDBusMessage::createError(QDBusError::Timeout, "no answer");
 }
+
+namespace {
+QDBusMessage Call(const QDBusMessage& call) { return CallAnswering(QDBusConnection::sessionBus(), call); }
 
 QVariant GetProperty(const QString& service, const QString& path, const QString& interface, const QString& name) {
   QDBusMessage call = QDBusMessage::createMethodCall(service, path, "org.freedesktop.DBus.Properties", "Get");

@@ -78,5 +78,10 @@ class TrayItem {
   QString service_;
 };
 
+// A D-Bus call that keeps this process answering while it waits (the client calls
+// the services this process plays).
+class QDBusMessage;
+QDBusMessage CallAnswering(const QDBusConnection& bus, const QDBusMessage& call);
+
 // Runs Qt's events until the condition holds or the time is up.
 bool PumpUntil(const std::function<bool()>& condition, int milliseconds);
