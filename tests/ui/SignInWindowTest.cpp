@@ -20,7 +20,9 @@
 #include "QtMainLoop.h"
 #include "SelectiveSyncSheet.h"
 #include "SettingsContext.h"
+#include "ServerTrust.h"
 #include "SignInWindow.h"
+#include "TestCertificates.h"
 
 namespace {
 
@@ -40,6 +42,7 @@ class SignInWindowTest : public ClientServerTest {
   void TearDown() override {
     window_.reset();
     ClientServerTest::TearDown();
+    ServerTrust::ResetForTests();
   }
   template <typename T>
   T* Find(const char* name) {
@@ -51,8 +54,9 @@ class SignInWindowTest : public ClientServerTest {
   bool Busy() { return Find<QProgressBar>("progressBar")->isVisible(); }
 
   // Types the form and presses Enter in the password field; answer is given to
-  // the account change question if one comes.
-  void SignIn(const std::string& url, const std::string& user, const std::string& password, bool answer = false) {
+  // the questions that come (a certificate, a change of account), asked keeps them.
+  void SignIn(const std::string& url, const std::string& user, const std::string& password, bool answer = false,
+              std::vector<std::string>* asked = nullptr) {
     Find<QLineEdit>("connectField")->setText(QString::fromStdString(url));
     Find<QLineEdit>("usernameField")->setText(QString::fromStdString(user));
     Find<QLineEdit>("tpassField")->setText(QString::fromStdString(password));
@@ -60,12 +64,15 @@ class SignInWindowTest : public ClientServerTest {
     ASSERT_TRUE(Busy());
     EXPECT_FALSE(Find<QLineEdit>("connectField")->isEnabled());
     EXPECT_FALSE(Find<QPushButton>("loginButton")->isEnabled());
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !Busy() || window_->findChild<QMessageBox*>("accountChangeQuestion"); },
-                                20000));
-    if (auto* question = window_->findChild<QMessageBox*>("accountChangeQuestion")) {
-      EXPECT_EQ(question->text().toStdString(), LoginController::kWarningText);
+    for (;;) {
+      QMessageBox* question = nullptr;
+      ASSERT_TRUE(QTest::qWaitFor([&] { return !Busy() || (question = window_->findChild<QMessageBox*>()); }, 20000));
+      if (!question) return;
+      if (asked) asked->push_back(question->objectName().toStdString() + ": " + question->text().toStdString() + "\n" +
+                                  question->informativeText().toStdString());
       question->button(answer ? QMessageBox::Yes : QMessageBox::No)->click();
-      ASSERT_TRUE(QTest::qWaitFor([&] { return !Busy(); }, 20000));
+      // The box goes at the end of this turn of the loop.
+      ASSERT_TRUE(QTest::qWaitFor([&] { return !window_->findChild<QMessageBox*>(); }, 20000));
     }
   }
   bool OnStorageStep() { return Find<QTreeWidget>("storageList")->isVisible(); }
@@ -125,7 +132,11 @@ TEST_F(SignInWindowTest, AnotherAccountIsAskedForAndDecliningChangesNothing) {
   Find<QPushButton>("closeButton")->click();
   window_->ShowInFront();
 
-  SignIn(url, "bob", "pw", false);
+  std::vector<std::string> asked;
+  SignIn(url, "bob", "pw", false, &asked);
+  ASSERT_EQ(asked.size(), 1u);
+  EXPECT_EQ(asked[0].substr(0, asked[0].find('\n')),
+            std::string("accountChangeQuestion: ") + LoginController::kWarningText);
   EXPECT_EQ(Text("LabelErrorText"), "Nothing was changed.");
   EXPECT_FALSE(OnStorageStep());
   EXPECT_EQ(CVConfiguration::Instance().Corvalink.UserName, "alice");
@@ -135,6 +146,25 @@ TEST_F(SignInWindowTest, AnotherAccountIsAskedForAndDecliningChangesNothing) {
   ASSERT_EQ(Rows().size(), 2u);  // Docs is everyone's, Team bob's
   EXPECT_EQ(Rows()[1].substr(0, 5), "Team ");
   EXPECT_EQ(CVConfiguration::Instance().Corvalink.UserName, "bob");
+}
+
+// A self-signed server: its fingerprint is shown, a "No" signs nothing in, a
+// "Yes" does.
+TEST_F(SignInWindowTest, ACertificateNobodyVouchesForIsAskedAboutWithItsFingerprint) {
+  TestCertificates certificates(home_->path());
+  ServerTrust::SetAuthorityFile(certificates.authority);
+  auto options = DefaultOptions();
+  options.tlsCertificate = certificates.selfSigned.certificate;
+  options.tlsKey = certificates.selfSigned.key;
+  StartServer(options);
+  for (const bool answer : {false, true}) {
+    std::vector<std::string> asked;
+    SignIn(server_->BaseUrl(), "alice", "secret", answer, &asked);
+    ASSERT_EQ(asked.size(), 1u);
+    EXPECT_EQ(asked[0].rfind("certificateQuestion: Trust this certificate and connect to 127.0.0.1:", 0), 0u) << asked[0];
+    EXPECT_NE(asked[0].find("SHA-256 fingerprint: "), std::string::npos) << asked[0];
+    EXPECT_EQ(OnStorageStep(), answer) << Text("LabelErrorText");
+  }
 }
 
 // The tree: a folder loads when opened, another cannot open meanwhile, checks
