@@ -8,10 +8,12 @@ build=${1:-build}
 shots=${2:-}
 if [ -z "${CORVALINK_DEMO_SESSION:-}" ]; then
   export CORVALINK_DEMO_SESSION=1
-  # What the session's own services say (the bus, the display, a keyring the bus
-  # starts on demand) goes to a log of its own; the demo's lines come here.
+  # A session as a desktop's: an unlocked login keyring that keeps the password.
+  # What the session's own services say (the bus, the display, the keyring, the
+  # accessibility bus) goes to a log of its own; the demo's lines come here.
   session_log=$(mktemp /tmp/corvalink-desktop-session-XXXXXX.log)
-  dbus-run-session -- xvfb-run -a -s "-screen 0 1024x700x24" bash "$0" "$build" "$shots" 2> "$session_log"
+  "$(dirname "$0")/../tests/e2e/with-keyring.sh" xvfb-run -a -s "-screen 0 1024x700x24" \
+    bash "$0" "$build" "$shots" 2> "$session_log"
   code=$?
   echo "== The session's own services logged to $session_log"
   exit $code
@@ -46,6 +48,8 @@ echo "== The desktop client starts; the tray as the panel sees it:"
   --run "'$client' show > /dev/null" --screenshot "$shots/sync-manager.png" \
   --click 'Settings…' --screenshot "$shots/settings-tab.png" \
   --click 'Storages…' --screenshot "$shots/storages-tab.png" \
+  --press 'Add storage' --screenshot "$shots/storage-sheet.png" --press 'Cancel' \
+  --press 'Choose folders' --screenshot "$shots/folders-sheet.png" --press 'Cancel' \
   --click 'Pause sync' --wait-menu 'Start sync.*' \
   --click 'Start sync' --wait-menu 'Sync now.*' \
   --click 'Exit' > "$work/tray.out" 2>&1 &
@@ -54,7 +58,7 @@ until grep -q "tray host ready" "$work/tray.out" 2>/dev/null; do
   kill -0 $watch_pid 2>/dev/null || { cat "$work/tray.out"; exit 1; }
   sleep 0.1
 done
-"$client" --time-scale 0.05 > "$work/client.out" 2>&1 &
+QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 "$client" --time-scale 0.05 > "$work/client.out" 2>&1 &
 client_pid=$!
 wait $watch_pid
 watch_code=$?
@@ -85,7 +89,7 @@ HOME="$fresh" XDG_RUNTIME_DIR="$fresh/run" timeout 60 "$client" 2>&1 | sed 's/^/
 wait $fresh_watch || watch_code=1
 echo
 echo "== The client's files: $(find "$home/Corvalink/Docs" -type f | wc -l) of $(find "$storage" -type f | wc -l) from the server"
-echo "== Pictures of the tray menu, the sync manager's tabs and the sign-in window in $shots"
+echo "== Pictures of the tray menu, the sync manager's tabs, its sheets and the sign-in window in $shots"
 echo "== The client's main log, its tray and window lines:"
 grep -h -E "DesktopApp|paused|resumed|Sync now pressed|Main loop" "$home"/Corvalink/.Settings/CVLogger/CVMainLogs/*/* | sed 's/^/   /' | tail -12
 [ "$watch_code" -eq 0 ] && [ "$client_code" -eq 0 ]

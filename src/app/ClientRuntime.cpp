@@ -14,6 +14,7 @@
 #include "ClientSetup.h"
 #include "Clock.h"
 #include "InotifyEventStream.h"
+#include "Keyring.h"
 #include "MainLoop.h"
 #include "SmartSync.h"
 #include "SmartSyncFileOperations.h"
@@ -110,6 +111,9 @@ bool ClientRuntime::Start(std::ostream& out) {
 }
 
 void ClientRuntime::Stop() {
+  // A pass that waits for the keyring's unlock prompt ends now, not when the
+  // prompt is answered.
+  SecretServiceKeyring::CancelWaits();
   control_->Drain(loop_);
   app_->applicationWillTerminate();
 }

@@ -28,6 +28,9 @@ class SecretServiceKeyring : public Keyring {
   // The desktop's Secret Service when one answers on the session bus; nothing
   // otherwise (a headless machine), with why in reason.
   static std::unique_ptr<Keyring> IfOnSessionBus(std::string& reason);
+  // Ends every call that waits for the user to unlock the keyring, and makes
+  // later calls fail at once: the client quits.
+  static void CancelWaits();
 
   std::optional<std::string> Lookup(const std::string& server, const std::string& user, std::string& error) override;
   bool Store(const std::string& server, const std::string& user, const std::string& label,

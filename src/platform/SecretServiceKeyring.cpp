@@ -1,7 +1,12 @@
 #include <libsecret/secret.h>
 #include <sys/stat.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
+#include <mutex>
+#include <set>
+#include <thread>
 
 #include "Keyring.h"
 
@@ -34,7 +39,57 @@ bool SessionBusThere() {
   return runtime && *runtime && stat((std::string(runtime) + "/bus").c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
 }
 
+// A locked keyring asks the user to unlock it, and its call waits for the answer.
+// Nobody may answer (no one at the desk, a prompt that cannot be shown): the wait
+// ends after this long, and at once when the client quits.
+constexpr auto kAnswerWait = std::chrono::minutes(2);
+
+struct Waits {
+  std::mutex lock;
+  std::condition_variable changed;
+  std::set<GCancellable*> open;
+  bool quitting = false;
+};
+Waits& TheWaits() {
+  static Waits waits;
+  return waits;
+}
+
+// Runs one call of the keyring with a cancellable that the time limit or a quit cancels.
+template <typename Call>
+auto Bounded(Call call) {
+  Waits& waits = TheWaits();
+  GCancellable* cancellable = g_cancellable_new();
+  bool done = false;
+  {
+    std::lock_guard<std::mutex> guard(waits.lock);
+    if (waits.quitting) g_cancellable_cancel(cancellable);
+    waits.open.insert(cancellable);
+  }
+  std::thread limit([&] {
+    std::unique_lock<std::mutex> guard(waits.lock);
+    if (!waits.changed.wait_for(guard, kAnswerWait, [&] { return done; })) g_cancellable_cancel(cancellable);
+  });
+  auto result = call(cancellable);
+  {
+    std::lock_guard<std::mutex> guard(waits.lock);
+    done = true;
+    waits.open.erase(cancellable);
+  }
+  waits.changed.notify_all();
+  limit.join();
+  g_object_unref(cancellable);
+  return result;
+}
+
 }  // namespace
+
+void SecretServiceKeyring::CancelWaits() {
+  Waits& waits = TheWaits();
+  std::lock_guard<std::mutex> guard(waits.lock);
+  waits.quitting = true;
+  for (GCancellable* cancellable : waits.open) g_cancellable_cancel(cancellable);
+}
 
 std::unique_ptr<Keyring> SecretServiceKeyring::IfOnSessionBus(std::string& reason) {
   if (!SessionBusThere()) {
@@ -50,8 +105,10 @@ std::unique_ptr<Keyring> SecretServiceKeyring::IfOnSessionBus(std::string& reaso
 std::optional<std::string> SecretServiceKeyring::Lookup(const std::string& server, const std::string& user,
                                                         std::string& error) {
   GError* failure = nullptr;
-  gchar* password = secret_password_lookup_sync(Schema(), nullptr, &failure, "server", server.c_str(), "user",
-                                                user.c_str(), nullptr);
+  gchar* password = Bounded([&](GCancellable* cancellable) {
+    return secret_password_lookup_sync(Schema(), cancellable, &failure, "server", server.c_str(), "user",
+                                       user.c_str(), nullptr);
+  });
   if (Failed(failure, error)) return std::nullopt;
   if (!password) return std::string();
   std::string text(password);
@@ -62,9 +119,10 @@ std::optional<std::string> SecretServiceKeyring::Lookup(const std::string& serve
 bool SecretServiceKeyring::Store(const std::string& server, const std::string& user, const std::string& label,
                                  const std::string& password, std::string& error) {
   GError* failure = nullptr;
-  gboolean stored = secret_password_store_sync(Schema(), SECRET_COLLECTION_DEFAULT, label.c_str(), password.c_str(),
-                                               nullptr, &failure, "server", server.c_str(), "user", user.c_str(),
-                                               nullptr);
+  gboolean stored = Bounded([&](GCancellable* cancellable) {
+    return secret_password_store_sync(Schema(), SECRET_COLLECTION_DEFAULT, label.c_str(), password.c_str(),
+                                      cancellable, &failure, "server", server.c_str(), "user", user.c_str(), nullptr);
+  });
   if (Failed(failure, error)) return false;
   if (!stored) error = "the keyring did not keep the password";
   return stored;
@@ -73,6 +131,9 @@ bool SecretServiceKeyring::Store(const std::string& server, const std::string& u
 bool SecretServiceKeyring::Clear(const std::string& server, const std::string& user, std::string& error) {
   GError* failure = nullptr;
   // False without an error when there was nothing to remove: that is done too.
-  secret_password_clear_sync(Schema(), nullptr, &failure, "server", server.c_str(), "user", user.c_str(), nullptr);
+  Bounded([&](GCancellable* cancellable) {
+    return secret_password_clear_sync(Schema(), cancellable, &failure, "server", server.c_str(), "user",
+                                      user.c_str(), nullptr);
+  });
   return !Failed(failure, error);
 }

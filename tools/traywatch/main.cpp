@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "AccessibilityBus.h"
 #include "TrayBus.h"
 
 namespace {
@@ -23,6 +24,8 @@ const char* kUsage =
     "  --wait-icon NAME    until the item shows that icon\n"
     "  --click TITLE       activate the menu entry with that title\n"
     "  --run COMMAND       run a shell command and wait for it\n"
+    "  --press NAME        press the control of that accessible name in a window\n"
+    "                      (the client runs with QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1)\n"
     "  --screenshot-menu FILE  draw the menu as read from the bus, as a panel\n"
     "                      would open it, and save a picture of it\n"
     "  --screenshot FILE   a PNG of the whole display\n"
@@ -79,6 +82,8 @@ int main(int argc, char** argv) {
   TrayItem item(host.items().first());
   std::cout << "item: " << host.items().first().toStdString() << std::endl;
   Shown shown;
+  AccessibilityBus accessibility;
+  bool accessibilityConnected = false;
   for (std::size_t i = 0; i < steps.size(); i += 2) {
     const std::string& step = steps[i];
     const std::string& value = steps[i + 1];
@@ -97,6 +102,13 @@ int main(int argc, char** argv) {
     } else if (step == "--click") {
       std::cout << "click: " << value << std::endl;
       done = item.Click(value);
+    } else if (step == "--press") {
+      std::cout << "press: " << value << std::endl;
+      if (!accessibilityConnected) accessibilityConnected = accessibility.Connect();
+      std::optional<AccessibleObject> control;
+      done = accessibilityConnected &&
+             PumpUntil([&] { return (control = accessibility.Find(value)).has_value(); }, 60000) &&
+             accessibility.Press(*control);
     } else if (step == "--run") {
       done = std::system(value.c_str()) == 0;
     } else if (step == "--screenshot") {
