@@ -12,6 +12,7 @@ packages=(
   qt6-base-dev qt6-svg-dev qt6-qpa-plugins libqt6svg6
   xvfb xauth dbus dbus-x11 desktop-file-utils appstream
   gnome-keyring libsecret-tools
+  libnautilus-extension-dev
   clang libclang-rt-dev
 )
 

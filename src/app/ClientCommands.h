@@ -36,6 +36,9 @@ struct CommandEnvironment {
   std::function<void()> quit;
   // Brings the client's window forward (a desktop client; the headless one has none).
   std::function<void()> show;
+  // Tells the user something (title, text) the way the client tells its
+  // notifications; callable from any thread.
+  std::function<void(const std::string&, const std::string&)> notify;
 };
 
 class ClientCommands {

@@ -13,6 +13,7 @@
 #include "CVStaticHelpers.h"
 #include "ClientSetup.h"
 #include "Clock.h"
+#include "StatusSink.h"
 #include "InotifyEventStream.h"
 #include "Keyring.h"
 #include "MainLoop.h"
@@ -89,7 +90,10 @@ ClientRuntime::ClientRuntime(std::shared_ptr<const Clock> clock, MainLoop& loop,
   login_ = std::make_unique<LoginController>(*settings_);
   control_ = std::make_unique<ControlServer>(
       loop, CommandEnvironment{*settings_, *login_, app_.get(), [this] { loop_.Quit(kExitInStep); },
-                               [this] { loop_.Post([this] { if (showHandler_) showHandler_(); }); }},
+                               [this] { loop_.Post([this] { if (showHandler_) showHandler_(); }); },
+                               [this, &status](const std::string& title, const std::string& text) {
+                                 loop_.Post([&status, title, text] { status.ShowNotification(title, text); });
+                               }},
       LocalEndpoint::SocketPath(SettingsFolder()));
 }
 

@@ -35,6 +35,7 @@ class SocketIO : public CommandIO {
 
 ControlServer::ControlServer(MainLoop& loop, CommandEnvironment environment, std::string socketPath)
     : environment_(environment),
+      fileManager_(loop, environment.notify),
       server_(
           loop, std::move(socketPath), getuid(), [this](int fd) { workers_.Start([this, fd] { Serve(fd); }); },
           [](const std::string& line) { CVEventLogger::WriteMainLogMessage(line); }) {}
@@ -44,9 +45,14 @@ ControlServer::~ControlServer() {
   workers_.JoinAll();
 }
 
-bool ControlServer::Start(std::string& error) { return server_.Start(error); }
+bool ControlServer::Start(std::string& error) {
+  if (!server_.Start(error)) return false;
+  fileManager_.Start();
+  return true;
+}
 
 void ControlServer::Stop() {
+  fileManager_.Stop();
   server_.Stop();
   std::lock_guard<std::mutex> lock(openLock_);
   for (int fd : open_) shutdown(fd, SHUT_RDWR);
@@ -81,6 +87,11 @@ void ControlServer::Serve(int fd) {
   auto request = channel.ReadLine(10s);
   if (!request || request->empty()) {
     channel.WriteLine({"END", std::to_string(ClientCommands::kUsage)});
+    return;
+  }
+  const std::string& word = (*request)[0];
+  if (word == FileManagerBridge::kSessionWord || word == FileManagerBridge::kSubscribeWord) {
+    fileManager_.Serve(channel, word);
     return;
   }
   SocketIO io(channel);

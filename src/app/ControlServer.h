@@ -7,6 +7,8 @@
 //   ASK <question>  a yes-or-no question; the peer answers "ANSWER yes|no"
 //   ASK-PERSON <question>  the same, that only a person answers (never --yes)
 //   END <code>      the exit code; the connection ends
+// A connection that opens with a file manager word is served by the
+// FileManagerBridge instead, for as long as the file manager keeps it.
 // The main thread only accepts; nothing it does waits on a peer.
 
 #include <memory>
@@ -15,6 +17,7 @@
 #include <string>
 
 #include "ClientCommands.h"
+#include "FileManagerBridge.h"
 #include "LocalSocket.h"
 #include "WorkerThreads.h"
 
@@ -35,6 +38,7 @@ class ControlServer {
   void Serve(int fd);
 
   CommandEnvironment environment_;
+  FileManagerBridge fileManager_;
   LocalServer server_;
   std::mutex openLock_;
   std::set<int> open_;  // connections being served

@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -170,15 +171,17 @@ std::optional<std::vector<std::string>> LineChannel::ReadLine(std::chrono::milli
       return Split(line);
     }
     if (buffer_.size() > kMaxLine) return std::nullopt;
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
+    // What has arrived is read even when the time is up (a time-out of zero
+    // takes what is there without waiting).
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    pollfd waiting{fd_, POLLIN, 0};
+    int ready = poll(&waiting, 1, static_cast<int>(std::clamp<long long>(left.count(), 0, 1 << 30)));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) {
+      if (std::chrono::steady_clock::now() < deadline) continue;
       timedOut_ = true;
       return std::nullopt;
     }
-    pollfd waiting{fd_, POLLIN, 0};
-    int ready = poll(&waiting, 1, static_cast<int>(std::min<long long>(left.count(), 1 << 30)));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready == 0) continue;
     if (ready < 0) return std::nullopt;
     char chunk[8192];
     ssize_t n = recv(fd_, chunk, sizeof chunk, 0);

@@ -60,7 +60,8 @@ class LineChannel {
   // False when the peer is gone.
   bool WriteLine(const std::vector<std::string>& fields);
   // The next line's fields; nothing at the end of the stream, on a line that is
-  // too long or not escaped right, or when no line came within the time.
+  // too long or not escaped right, or when no line came within the time (with
+  // a time-out of zero: what has arrived, without waiting).
   std::optional<std::vector<std::string>> ReadLine(std::chrono::milliseconds timeout);
   // True when ReadLine's last nothing was a time-out rather than the end.
   bool timedOut() const { return timedOut_; }

@@ -1,0 +1,191 @@
+#include "FileManagerBridge.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <limits.h>
+#include <system_error>
+
+#include "CVConfiguration.h"
+#include "CVEventLogger.h"
+#include "CVStaticHelpers.h"
+#include "CVStorageNames.h"
+#include "IconOverlayInFinderStaticMethods.h"
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr auto kRedrawPeriod = 500ms;
+// Paths per CHANGED line: a whole folder synced at once stays a few lines.
+constexpr std::size_t kPathsPerLine = 256;
+
+void Log(const std::string& line) { CVEventLogger::WriteMainLogMessage("File manager: " + line); }
+
+bool IsAccountStorage(const std::string& name) {
+  return CVConfiguration::Instance().GetSiteByName(name) != nullptr;
+}
+
+std::vector<std::string> StorageNames() {
+  CVConfiguration& configuration = CVConfiguration::Instance();
+  std::lock_guard<std::recursive_mutex> lock(configuration.fSpSitesLock);
+  std::vector<std::string> names;
+  for (const auto& site : configuration.fSpSites) {
+    if (site && CVStorageNames::IsValid(site->Name)) names.push_back(site->Name);
+  }
+  return names;
+}
+
+// Copies one item to target, never over something already there.
+bool CopyWithoutOverwrite(const fs::path& item, const fs::path& target) {
+  std::error_code error;
+  const auto status = fs::symlink_status(item, error);
+  if (fs::exists(fs::symlink_status(target, error))) return false;
+  if (fs::is_directory(status)) {
+    if (!fs::create_directory(target, error)) return false;
+    fs::copy(item, target, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
+    return !error;
+  }
+  if (!fs::is_regular_file(status)) return false;  // links, devices, sockets stay where they are
+  return fs::copy_file(item, target, fs::copy_options::none, error) && !error;
+}
+
+}  // namespace
+
+FileManagerBridge::FileManagerBridge(MainLoop& loop,
+                                     std::function<void(const std::string&, const std::string&)> tell)
+    : loop_(loop), tell_(std::move(tell)) {}
+
+FileManagerBridge::~FileManagerBridge() { Stop(); }
+
+void FileManagerBridge::Start() {
+  if (started_) return;
+  started_ = true;
+  timer_ = loop_.AddTimer(kRedrawPeriod, [this] { PushRedraws(); }, false);
+}
+
+void FileManagerBridge::Stop() {
+  if (!started_) return;
+  started_ = false;
+  loop_.CancelTimer(timer_);
+}
+
+std::string FileManagerBridge::PathProblem(const std::string& path) {
+  if (path.empty() || path.front() != '/') return "not an absolute path";
+  if (path.size() >= PATH_MAX || path.find('\0') != std::string::npos) return "not a path";
+  for (const auto& part : fs::path(path)) {
+    if (part == "." || part == "..") return "a \".\" or \"..\" part";
+  }
+  return "";
+}
+
+std::string FileManagerBridge::StateOf(const std::string& path) {
+  if (!PathProblem(path).empty()) return "none";
+  const std::string clone = IconOverlayInFinderStaticMethods::GetClonnedFilePath(path);
+  if (clone == path || !IsAccountStorage(CVStaticHelpers::GetSiteNameForLocalPath(path))) return "none";
+  std::error_code error;
+  const auto status = fs::symlink_status(clone, error);
+  if (fs::is_directory(status)) return "folder";
+  if (!fs::is_regular_file(status)) return "none";  // never met: no badge rather than a guess
+  std::ifstream in(clone, std::ios::binary);
+  std::string state(4, '\0');
+  in.read(state.data(), static_cast<std::streamsize>(state.size()));
+  state.resize(static_cast<std::size_t>(in.gcount()));
+  if (state.empty()) return "in-step";
+  if (state == "1") return "in-work";
+  if (state == "2") return "failed";
+  return "none";
+}
+
+std::vector<std::string> FileManagerBridge::Answer(const std::vector<std::string>& request) {
+  const std::string& word = request.empty() ? std::string() : request[0];
+  if (word == "STATE" && request.size() == 2) return {"STATE", request[1], StateOf(request[1])};
+  if (word == "STORAGES" && request.size() == 1) {
+    std::vector<std::string> answer{"STORAGES", CVStaticHelpers::GenerateRootPathForStorages()};
+    for (auto& name : StorageNames()) answer.push_back(std::move(name));
+    return answer;
+  }
+  if (word == "SEND" && request.size() >= 2) return SendTo(request);
+  return {"REFUSED", "unknown request"};
+}
+
+std::vector<std::string> FileManagerBridge::SendTo(const std::vector<std::string>& request) {
+  const std::string& storage = request[1];
+  if (auto problem = CVStorageNames::Problem(storage)) {
+    Log("a send to the storage name \"" + storage + "\" was refused: " + *problem);
+    return {"REFUSED", *problem};
+  }
+  if (!IsAccountStorage(storage)) return {"REFUSED", "no storage of that name"};
+  const fs::path target = CVStaticHelpers::GenerateRootPathForStorages() + "/" + storage;
+  std::error_code error;
+  if (!fs::is_directory(target, error)) return {"REFUSED", "the storage has no folder"};
+
+  std::size_t failed = 0;
+  for (std::size_t i = 2; i < request.size(); ++i) {
+    const std::string& item = request[i];
+    std::string problem = PathProblem(item);
+    // A folder sent into itself would copy for ever.
+    if (problem.empty() && (target.string() + "/").rfind(item + "/", 0) == 0) problem = "holds the storage";
+    if (problem.empty() && !CopyWithoutOverwrite(item, target / fs::path(item).filename())) {
+      problem = "not copied (missing, not a file or folder, or a name already there)";
+    }
+    if (!problem.empty()) {
+      Log("send to " + storage + ": " + item + ": " + problem);
+      ++failed;
+    }
+  }
+  const std::size_t items = request.size() - 2;
+  if (failed > 0 || items == 0) return {"FAILED", std::to_string(failed)};
+  const char* text = items >= 2 ? "Files were sent to the root level of:" : "File was sent to the root level of:";
+  if (tell_) tell_("Corvalink Sync", std::string(text) + " " + storage);
+  return {"SENT", std::to_string(items)};
+}
+
+void FileManagerBridge::Serve(LineChannel& channel, const std::string& word) {
+  if (word == kSubscribeWord) {
+    // The timer writes; a line that does not fit at once drops the subscriber.
+    fcntl(channel.fd(), F_SETFL, fcntl(channel.fd(), F_GETFL) | O_NONBLOCK);
+    {
+      std::lock_guard<std::mutex> lock(subscribersLock_);
+      subscribers_.insert(&channel);
+      if (!channel.WriteLine({"SUBSCRIBED"})) shutdown(channel.fd(), SHUT_RDWR);
+    }
+    // Nothing is read; the wait ends when the peer goes or the server stops.
+    while (channel.ReadLine(1h) || channel.timedOut()) {
+    }
+    std::lock_guard<std::mutex> lock(subscribersLock_);
+    subscribers_.erase(&channel);
+    return;
+  }
+  while (true) {
+    auto request = channel.ReadLine(1h);
+    if (!request) {
+      if (channel.timedOut()) continue;
+      return;
+    }
+    if (!channel.WriteLine(Answer(*request))) return;
+  }
+}
+
+void FileManagerBridge::PushRedraws() {
+  std::set<std::string> paths = IconOverlayInFinderStaticMethods::TakePendingRedraws();
+  if (paths.empty()) return;
+  std::vector<std::vector<std::string>> lines;
+  for (const auto& path : paths) {
+    if (lines.empty() || lines.back().size() > kPathsPerLine) lines.push_back({"CHANGED"});
+    lines.back().push_back(path);
+  }
+  std::lock_guard<std::mutex> lock(subscribersLock_);
+  for (LineChannel* subscriber : subscribers_) {
+    for (const auto& line : lines) {
+      if (subscriber->WriteLine(line)) continue;
+      Log("a file manager that did not take its redraws was let go");
+      shutdown(subscriber->fd(), SHUT_RDWR);  // its session sees the end and leaves
+      break;
+    }
+  }
+}
