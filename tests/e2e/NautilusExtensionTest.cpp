@@ -1,6 +1,6 @@
 // The GNOME Files extension as GNOME Files loads it: the built module through
 // its three entry points, on files that stand in for the file manager's own,
-// against the real client syncing with the local server.
+// against the real client syncing with the local server, both real processes.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -12,9 +12,8 @@
 #include <map>
 #include <thread>
 
-#include "CVConfiguration.h"
 #include "ChildProcess.h"
-#include "ClientServerFixture.h"
+#include "E2EFixture.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
@@ -38,7 +37,8 @@ struct TestFileClass {
 GFile* TestFileLocation(NautilusFileInfo* file) { return g_file_new_for_path(((TestFile*)file)->path); }
 void TestFileAddEmblem(NautilusFileInfo* file, const char* name) { ((TestFile*)file)->emblems->push_back(name); }
 void TestFileInvalidate(NautilusFileInfo* file) { ++((TestFile*)file)->invalidated; }
-void TestFileInterface(NautilusFileInfoInterface* iface) {
+void TestFileInterface(gpointer g_iface, gpointer) {
+  auto* iface = static_cast<NautilusFileInfoInterface*>(g_iface);
   iface->get_location = TestFileLocation;
   iface->add_emblem = TestFileAddEmblem;
   iface->invalidate_extension_info = TestFileInvalidate;
@@ -55,7 +55,7 @@ GType TestFileType() {
     info.class_init = [](gpointer klass, gpointer) { G_OBJECT_CLASS(klass)->finalize = TestFileFinalize; };
     info.instance_size = sizeof(TestFile);
     GType registered = g_type_register_static(G_TYPE_OBJECT, "CvTestFile", &info, GTypeFlags(0));
-    GInterfaceInfo iface{(GInterfaceInitFunc)TestFileInterface, nullptr, nullptr};
+    GInterfaceInfo iface{TestFileInterface, nullptr, nullptr};
     g_type_add_interface_static(registered, NAUTILUS_TYPE_FILE_INFO, &iface);
     return registered;
   }();
@@ -101,26 +101,24 @@ GType ModuleType() {
   return type;
 }
 
-class NautilusExtensionTest : public ClientServerTest {
+class NautilusExtensionTest : public E2ETest {
  protected:
   void SetUp() override {
-    ClientServerTest::SetUp();
-    setenv("XDG_RUNTIME_DIR", "", 1);  // the socket in the settings folder, as the client's
+    E2ETest::SetUp();
+    StartServer();
+    home_ = MakeClientHome("alice");
+    // The extension finds the client's socket as in the user's session.
+    for (const auto& [name, value] : ClientEnvironment(home_)) setenv(name.c_str(), value.c_str(), 1);
     nautilus_file_info_getter = LookUp;
   }
   void TearDown() override {
     for (auto& [path, file] : shown) g_object_unref(file);
     shown.clear();
-    ClientServerTest::TearDown();
+    E2ETest::TearDown();
   }
   void StartClient() {
-    ConfigureAccount();
-    CVConfiguration::Instance().Corvalink.IsFirstRun = false;
-    CVConfiguration::Instance().SaveConfigXML();
-    client_ = std::make_unique<ChildProcess>(
-        CORVALINK_SYNC_BINARY, std::vector<std::string>{"--headless", "--time-scale", "0.01"},
-        std::map<std::string, std::string>{{"HOME", home_->path()}, {"XDG_RUNTIME_DIR", ""}});
-    ASSERT_TRUE(client_->WaitForLine("Last synchronization: ", 30s)) << client_->Output();
+    client_ = E2ETest::StartClient(home_);
+    ASSERT_TRUE(WaitForPassInStep(*client_)) << client_->Output();
   }
   // Loads the module and makes its one provider, as GNOME Files does at start.
   GObject* LoadProvider() {
@@ -143,21 +141,26 @@ class NautilusExtensionTest : public ClientServerTest {
   static std::vector<std::string> Emblems(GObject* provider, TestFile* file) {
     file->emblems->clear();
     NautilusOperationHandle* operation = nullptr;
+    GClosure* complete = g_cclosure_new(G_CALLBACK(+[] {}), nullptr, nullptr);
+    g_closure_sink(g_closure_ref(complete));
     EXPECT_EQ(nautilus_info_provider_update_file_info(NAUTILUS_INFO_PROVIDER(provider), NAUTILUS_FILE_INFO(file),
-                                                      nullptr, &operation),
-              NAUTILUS_OPERATION_COMPLETE);
+                                                      complete, &operation),
+              NAUTILUS_OPERATION_COMPLETE);  // never later: the file manager does not wait
+    g_closure_unref(complete);
     return *file->emblems;
   }
   // Runs the file manager's main loop until done() or the time is up.
   template <typename Done>
   static bool RunUntil(Done done, std::chrono::seconds limit = 30s) {
     const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done() && std::chrono::steady_clock::now() < end) {
+    while (std::chrono::steady_clock::now() < end) {
+      if (done()) return true;
       if (!g_main_context_iteration(nullptr, FALSE)) std::this_thread::sleep_for(2ms);
     }
-    return done();
+    return false;
   }
 
+  std::string home_;
   std::unique_ptr<ChildProcess> client_;
 };
 
@@ -165,13 +168,13 @@ constexpr const char* kInStep = "corvalink-cached_circle_tick-004";
 constexpr const char* kInWork = "corvalink-cached-processing-hourglass-004";
 
 TEST_F(NautilusExtensionTest, BadgesFollowTheSyncAndSendToReachesTheServer) {
-  PutServerFile("Docs", "a.txt", "one");
+  Write(ServerDocs() / "a.txt", "one");
   StartClient();
   GObject* provider = LoadProvider();
-  const std::string docs = home_->root() + "/Docs";
+  const std::string docs = ClientDocs(home_).string();
   TestFile* a = Show(docs + "/a.txt");
   EXPECT_EQ(Emblems(provider, a), std::vector<std::string>{kInStep});
-  EXPECT_TRUE(Emblems(provider, Show(home_->path() + "/elsewhere.txt")).empty());
+  EXPECT_TRUE(Emblems(provider, Show(home_ + "/elsewhere.txt")).empty());
   EXPECT_TRUE(Emblems(provider, Show(docs)).empty()) << "folders carry no state";
 
   // A file new on the server: no badge until the client meets it, then its
@@ -179,7 +182,7 @@ TEST_F(NautilusExtensionTest, BadgesFollowTheSyncAndSendToReachesTheServer) {
   TestFile* b = Show(docs + "/b.txt");
   EXPECT_TRUE(Emblems(provider, b).empty());
   std::vector<std::string> seen;
-  PutServerFile("Docs", "b.txt", std::string(1 << 20, 'x'));
+  Write(ServerDocs() / "b.txt", std::string(1 << 20, 'x'));
   ASSERT_TRUE(RunUntil([&] {
     if (b->invalidated == 0) return false;
     b->invalidated = 0;
@@ -190,8 +193,8 @@ TEST_F(NautilusExtensionTest, BadgesFollowTheSyncAndSendToReachesTheServer) {
   EXPECT_TRUE(seen.size() == 1 || seen == (std::vector<std::string>{kInWork, kInStep})) << seen.size();
 
   // Send to, from the context menu of a file outside the storages.
-  const std::string outside = home_->path() + "/report.txt";
-  std::ofstream(outside) << "report";
+  const std::string outside = home_ + "/report.txt";
+  Write(outside, "report");
   GList* files = g_list_append(nullptr, Show(outside));
   GList* items = nautilus_menu_provider_get_file_items(NAUTILUS_MENU_PROVIDER(provider), files);
   g_list_free(files);
@@ -208,7 +211,8 @@ TEST_F(NautilusExtensionTest, BadgesFollowTheSyncAndSendToReachesTheServer) {
   }
   ASSERT_NE(docsItem, nullptr);
   nautilus_menu_item_activate(docsItem);
-  EXPECT_TRUE(RunUntil([&] { return fs::exists(serverRoot_ / "Docs" / "report.txt"); })) << client_->Output();
+  EXPECT_TRUE(RunUntil([&] { return fs::exists(ServerDocs() / "report.txt"); })) << client_->Output();
+  EXPECT_TRUE(client_->WaitForLine("File was sent to the root level of: Docs", 5s)) << client_->Output();
   nautilus_menu_item_list_free(storages);
   g_object_unref(submenu);
   nautilus_menu_item_list_free(items);
