@@ -26,15 +26,13 @@ std::string WSCommonMethods::BuildEnvelope(const std::string& methodName, const 
   body += kEnvelopeNamespace;
   body += "\"><s:Body><" + methodName + " xmlns=\"" + kServiceNamespace + "\" xmlns:i=\"" +
           kSchemaInstanceNamespace + "\">";
-  for (const auto& [key, value] : parameters) {
-    if (value.empty()) {
-      body += "<" + key + "/>";
-    } else {
-      body += "<" + key + ">" + value + "</" + key + ">";
-    }
-  }
+  for (const auto& [key, value] : parameters) body += Element(key, value);
   body += "</" + methodName + "></s:Body></s:Envelope>";
   return body;
+}
+
+std::string WSCommonMethods::Element(const std::string& key, const std::string& value) {
+  return value.empty() ? "<" + key + "/>" : "<" + key + ">" + value + "</" + key + ">";
 }
 
 std::shared_ptr<ASIHTTPRequest> WSCommonMethods::CreateASIHTTPRequestForMethod(
@@ -100,6 +98,25 @@ std::string WSCommonMethods::ProcessWebServiceRequest(const std::vector<std::str
   } catch (const std::exception& failure) {
     CVEventLogger::LogException(kClass, "ProcessWebServiceRequest", failure.what());
     return result.empty() ? "errException" : result;
+  }
+}
+
+std::string WSCommonMethods::ProcessComposedRequest(const Parameters& parameters, const std::string& methodName,
+                                                    const std::string& withUrl) {
+  try {
+    auto request = CreateASIHTTPRequestForMethod(methodName, parameters, withUrl);
+    if (!RunUnlessCancelled(request, methodName)) return kCancelledReply;
+    int status = request->responseStatusCode();
+    if (status < 200 || status >= 300) return kBadStatusReply;
+    if (request->error()) {
+      CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - " + methodName + " -> " +
+                                         request->error()->localizedDescription());
+      return "";
+    }
+    return request->responseString();
+  } catch (const std::exception& failure) {
+    CVEventLogger::LogException(kClass, "ProcessComposedRequest", failure.what());
+    return "err";
   }
 }
 

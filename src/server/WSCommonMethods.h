@@ -28,6 +28,8 @@ class WSCommonMethods {
 
   // The envelope of a call: no XML declaration, no white space.
   static std::string BuildEnvelope(const std::string& methodName, const Parameters& parameters);
+  // One element of an envelope or of a fragment: "<key/>" for an empty value.
+  static std::string Element(const std::string& key, const std::string& value);
 
   // A prepared POST of the envelope, not started.
   static std::shared_ptr<ASIHTTPRequest> CreateASIHTTPRequestForMethod(
@@ -45,6 +47,13 @@ class WSCommonMethods {
   static std::optional<std::string> ProcessDataWebServiceRequest(
       const std::vector<std::string>& values, const std::vector<std::string>& forKeys,
       const std::string& methodName, const std::string& withUrl);
+
+  // A composed call, whose values are fragments it built itself: "-200" for a
+  // status outside 200-299, "" after a transport error, "err..." after an
+  // exception or a stop; else the reply's text.
+  static std::string ProcessComposedRequest(const Parameters& parameters, const std::string& methodName,
+                                            const std::string& withUrl);
+  static constexpr const char* kBadStatusReply = "-200";
 
   // Data calls wait 600 s for listings and hash lists, 120 s for the rest.
   static double DataCallTimeOut(const std::string& methodName);

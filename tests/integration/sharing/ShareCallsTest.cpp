@@ -1,0 +1,142 @@
+// The share calls as they go on the wire, byte for byte, with their headers and
+// endpoints; what the client makes of the local server's answers.
+
+#include <gtest/gtest.h>
+#include <utime.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "CVHandler.h"
+#include "ClientServerFixture.h"
+#include "CorvalinkWS.h"
+
+namespace {
+
+std::string Envelope(const std::string& method, const std::string& inner) {
+  return "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\"><s:Body><" + method +
+         " xmlns=\"http://tempuri.org/\" xmlns:i=\"http://www.w3.org/2001/XMLSchema-instance\">" + inner + "</" +
+         method + "></s:Body></s:Envelope>";
+}
+
+const auto kNow = std::chrono::system_clock::from_time_t(1'600'000'000);
+
+}  // namespace
+
+class ShareCallsTest : public ClientServerTest {
+ protected:
+  void SetUp() override {
+    ClientServerTest::SetUp();
+    file_ = home_->root() + "/Docs/a&b.txt";
+    std::filesystem::create_directories(home_->root() + "/Docs");
+    std::ofstream(file_) << "abc";
+    utimbuf times{1'600'000'000, 1'600'000'000};
+    utime(file_.c_str(), &times);
+  }
+  std::string file_;
+};
+
+TEST_F(ShareCallsTest, EveryCallGoesOutByteForByte) {
+  RecipientName ann;
+  ann.recName = "Ann & Co";
+  ann.recEmail = "ann@example.com";
+  ann.recMobile = "12345678";
+  ann.recUserId = "7";
+  const std::vector<RecipientName> to = {ann};
+  const std::vector<std::string> files = {file_, home_->root() + "/Docs/gone.txt"};
+  const std::string doc1 =
+      "<Documents><ShareFileInfo><DocumentUrl>\\\\devserver\\Docs\\a&amp;b.txt</DocumentUrl><FileSize>3</FileSize>"
+      "<LastModifiedUnixTime>1600000000</LastModifiedUnixTime></ShareFileInfo></Documents>";
+  const std::string doc2 =
+      "<Documents><ShareFileInfo><DocumentUrl>\\\\devserver\\Docs\\a&amp;b.txt</DocumentUrl><FileSize>3</FileSize>"
+      "<LastModifiedDateTime>2020-09-13T12:26:40</LastModifiedDateTime>"
+      "<LastModifiedUnixTime>1600000000</LastModifiedUnixTime><StorageType>CIFS</StorageType></ShareFileInfo>"
+      "</Documents>";
+  const std::string external = "<Recipients><ExternalRecipient><Fullname>Ann &amp; Co</Fullname>"
+                               "<Email>ann@example.com</Email><Mobile>12345678</Mobile></ExternalRecipient></Recipients>";
+  const std::string tail = "<Validity>24</Validity><Subject>S&lt;</Subject><Message/><Token>tok</Token>";
+  const std::string recipientTail = "<Fullname>Ann &amp; Co</Fullname><Email>ann@example.com</Email>"
+                                    "<Mobile>12345678</Mobile></ShareRecipientInfo></Recipients>";
+  const std::string options =
+      "<NumberOfDownload>0</NumberOfDownload><NewErrorCodes>true</NewErrorCodes>"
+      "<SendAllNotifications>true</SendAllNotifications>";
+  struct Case {
+    const char* endpoint;
+    const char* method;
+    std::function<void(CorvalinkWS&)> call;
+    std::string inner;
+  } cases[] = {
+      {"CorvalinkWS.asmx", "ShareFilesExternal",
+       [&](CorvalinkWS& ws) { ws.ShareFilesExternal(files, to, 24, "S<", "", "tok"); }, doc1 + external + tail},
+      {"CorvalinkWS.asmx", "ShareFilesExternal2",
+       [&](CorvalinkWS& ws) { ws.ShareFilesExternal2(files, to, 24, "S<", "", "tok", true, false); },
+       doc1 + external + tail + "<SendAllNotifications>false</SendAllNotifications><OtpRequired>true</OtpRequired>"},
+      {"CorvalinkWS.asmx", "ShareFilesInternal",
+       [&](CorvalinkWS& ws) { ws.ShareFilesInternal(files, to, 24, "S<", "", "tok"); },
+       doc2 + "<Recipients><string>7</string></Recipients>" + tail},
+      {"CorvalinkWS.asmx", "ShareFilesInternal2",
+       [&](CorvalinkWS& ws) { ws.ShareFilesInternal2(files, to, 24, "S<", "", "tok"); },
+       doc2 + "<Recipients><string>7</string></Recipients>" + tail},
+      {"share.asmx", "ShareItems",
+       [&](CorvalinkWS& ws) { ws.ShareFilesInternalViewOnly(files, to, 60, "unsent", "m", "tok", true, true, kNow); },
+       "<Options>" + doc2 + "<Recipients><ShareRecipientInfo><UserId>0</UserId><IsExternal>false</IsExternal>"
+       "<RecipientType>User</RecipientType><RecipientId>7</RecipientId>" + recipientTail + options +
+       "<OtpRequired>false</OtpRequired><Mode>ViewOnly</Mode><DoNotSendEmail>false</DoNotSendEmail>"
+       "<DoNotSendEmails>false</DoNotSendEmails><NoExpiry>false</NoExpiry><ExpiryDate>2020-09-13T13:28:40"
+       "</ExpiryDate><Message>m</Message><Token>tok</Token></Options>"},
+      {"share.asmx", "ShareItems",
+       [&](CorvalinkWS& ws) {
+         ws.ShareFilesExternalViewOnly({}, to, CorvalinkWS::kNoExpiry, "", "", "tok", true, true, false, kNow);
+       },
+       "<Options><Documents/><Recipients><ShareRecipientInfo><UserId>0</UserId><RecipientId>0</RecipientId>"
+       "<IsExternal>true</IsExternal><RecipientType>User</RecipientType>" + recipientTail + options +
+       "<OtpRequired>true</OtpRequired><Mode>Default</Mode><DoNotSendEmail>false</DoNotSendEmail>"
+       "<DoNotSendEmails>false</DoNotSendEmails><NoExpiry>true</NoExpiry><ExpiryDate>2028-11-30T12:26:40"
+       "</ExpiryDate><Message/><Token>tok</Token></Options>"},
+      {"CorvalinkWS.asmx", "ShareFilesExtend",
+       [&](CorvalinkWS& ws) { ws.ShareFilesExtend("<int>4</int>", 24, "S<", "", "tok"); },
+       "<ShareIDs><int>4</int></ShareIDs>" + tail},
+      {"CorvalinkWS.asmx", "ShareFilesExtend",
+       [&](CorvalinkWS& ws) { ws.ShareFilesExtend2({"4", "05"}, 24, "S<", "", "tok"); },
+       "<ShareIDs><int>4</int><int>5</int></ShareIDs>" + tail},
+      {"CorvalinkWS.asmx", "ShareFilesExtend2",
+       [&](CorvalinkWS& ws) { ws.ShareFilesExtend2ws("g-1", 24, "S<", "", "tok"); },
+       "<ShareGroupGuid>g-1</ShareGroupGuid>" + tail},
+      {"CorvalinkWS.asmx", "DeleteSharedLink", [&](CorvalinkWS& ws) { ws.DeleteSharedLink("tok", "1;2"); },
+       "<Token>tok</Token><SharedIDs>1;2</SharedIDs>"},
+      {"CorvalinkWS.asmx", "DeleteSharedLink2", [&](CorvalinkWS& ws) { ws.DeleteSharedLink2("g-1", "tok"); },
+       "<ShareGroupGuid>g-1</ShareGroupGuid><Token>tok</Token>"},
+      {"CorvalinkWS.asmx", "ResendEmail", [&](CorvalinkWS& ws) { ws.ResendEmailShared("tok", "3"); },
+       "<Token>tok</Token><SharedIDs>3</SharedIDs>"},
+      {"CorvalinkWS.asmx", "FindUsers", [&](CorvalinkWS& ws) { ws.FindUsers("a&", "tok"); },
+       "<queryStr>a&amp;</queryStr><Token>tok</Token>"},
+      {"CorvalinkWS.asmx", "FindUsers2", [&](CorvalinkWS& ws) { ws.FindUsers2("an", "tok", 2, true); },
+       "<queryStr>an</queryStr><Token>tok</Token><pageNum>2</pageNum><crossDomain>true</crossDomain>"},
+      {"share.asmx", "GetUsersToShare", [&](CorvalinkWS& ws) { ws.GetUsersToShare("an", true, false, "tok"); },
+       "<Options><Token>tok</Token><NewErrorCodes>true</NewErrorCodes><OnlyExternalUsers>false</OnlyExternalUsers>"
+       "<OnlyInternalUsers>true</OnlyInternalUsers><FilterInternalDuplicatesEx>true</FilterInternalDuplicatesEx>"
+       "<FilterQuery>an</FilterQuery></Options>"},
+      {"CorvalinkWS.asmx", "GetFileList", [&](CorvalinkWS& ws) { ws.GetFileList("tok"); }, "<Token>tok</Token>"},
+      {"CorvalinkWS.asmx", "GetFileList", [&](CorvalinkWS& ws) { ws.GetFileList("tok", "\\\\s\\R&D", "9"); },
+       "<Token>tok</Token><Path>\\\\s\\R&amp;D</Path><ShareId>9</ShareId>"},
+      {"CorvalinkWS.asmx", "GetMyFileList", [&](CorvalinkWS& ws) { ws.GetMyFileList("tok"); },
+       "<Token>tok</Token>"},
+      {"CorvalinkWS.asmx", "GetMyFileList",
+       [&](CorvalinkWS& ws) { ws.GetMyFileList("tok", "/p", std::nullopt); },
+       "<Token>tok</Token><Path>/p</Path><ShareId/>"},
+      {"CorvalinkWS.asmx", "GetUsageHistory", [&](CorvalinkWS& ws) { ws.GetUsageHistory("tok", "1"); },
+       "<Token>tok</Token><pageNum>1</pageNum>"},
+  };
+  CorvalinkWS ws;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.inner);
+    server_->ClearRequests();
+    c.call(ws);
+    auto sent = server_->LastRequest(std::string(c.endpoint) + "/" + c.method);
+    ASSERT_TRUE(sent) << c.method;
+    EXPECT_EQ(sent->body, Envelope(c.method, c.inner));
+    EXPECT_EQ(sent->Header("SOAPAction"), std::string("http://tempuri.org/") + c.method);
+    EXPECT_EQ(sent->Header("Content-Length"), std::to_string(sent->body.size()));
+  }
+}
