@@ -45,9 +45,12 @@ std::string ComposedResult(const std::string& raw, const std::string& element) {
   return MyParser::GetParsedStringForNode(element, raw);
 }
 
+// A data call gives empty bytes after a broken connection: that is no reply either.
+bool NoReply(const std::optional<std::string>& reply) { return !reply || reply->empty(); }
+
 // The text of element in a data call's reply; nothing when there was no reply.
 std::optional<std::string> DataResult(const std::optional<std::string>& reply, const std::string& element) {
-  if (!reply) return std::nullopt;
+  if (NoReply(reply)) return std::nullopt;
   return MyParser::GetParsedStringForNode(element, *reply);
 }
 
@@ -293,7 +296,7 @@ std::optional<WSUserDataArray> CorvalinkWS::FindUsers2(const std::string& query,
   auto reply = WSCommonMethods::ProcessDataWebServiceRequest(
       {Escaped(query), Escaped(Token), std::to_string(pageNum), Flag(crossDomain)},
       {"queryStr", "Token", "pageNum", "crossDomain"}, "FindUsers2", WsUrl());
-  if (!reply) return std::nullopt;
+  if (NoReply(reply)) return std::nullopt;
   return WSUserDataArray(*reply);
 }
 

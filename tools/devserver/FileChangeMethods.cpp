@@ -108,21 +108,6 @@ SoapReply CreateFolder(ServerState& state, const SoapCall& call) {
   return SoapReply::Text(kTargetExists);
 }
 
-// "yyyy-MM-ddTHH:mm:ss.fffZ"
-std::string FormatCreated(std::int64_t ms) {
-  const auto seconds = static_cast<std::time_t>(ms / 1000);
-  std::tm utc{};
-  ::gmtime_r(&seconds, &utc);
-  char text[96];  // room for any int the format could print
-  std::snprintf(text, sizeof(text), "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900,
-                utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                static_cast<int>(ms % 1000));
-  return text;
-}
-
-std::string Element(const std::string& name, const std::string& text) {
-  return "<" + name + ">" + EscapeXmlText(text) + "</" + name + ">";
-}
 
 // StorageVersionInfo records, oldest first. Errors come as the result text
 // alone, in which the client finds no record.
@@ -137,10 +122,10 @@ SoapReply GetVersions(ServerState& state, const SoapCall& call) {
   }
   std::string records;
   for (const auto& version : path.storage->versions().List(path.relative)) {
-    records += "<StorageVersionInfo>" + Element("Version", std::to_string(version.version)) +
-               Element("Created", FormatCreated(version.createdMs)) +
-               Element("Size", std::to_string(version.size)) + Element("Owner", version.owner) +
-               Element("FullPath", fullPath) + "</StorageVersionInfo>";
+    records += "<StorageVersionInfo>" + XmlElement("Version", std::to_string(version.version)) +
+               XmlElement("Created", MillisecondTimeText(version.createdMs)) +
+               XmlElement("Size", std::to_string(version.size)) + XmlElement("Owner", version.owner) +
+               XmlElement("FullPath", fullPath) + "</StorageVersionInfo>";
   }
   return SoapReply::Xml(records);
 }

@@ -15,6 +15,7 @@
 #include "Faults.h"
 #include "RequestRecorder.h"
 #include "ServerOptions.h"
+#include "ShareStore.h"
 #include "Storage.h"
 #include "TokenStore.h"
 
@@ -50,6 +51,7 @@ class ServerState {
   RestrictionList& restrictions() { return restrictions_; }
   FaultInjector& faults() { return faults_; }
   RequestRecorder& requests() { return requests_; }
+  ShareStore& shares() { return shares_; }
 
   // The policy document of GetDefaultSettings2 for the user.
   std::string PolicyFor(const std::string& user) const;
@@ -83,6 +85,7 @@ class ServerState {
   RestrictionList restrictions_;
   FaultInjector faults_;
   RequestRecorder requests_;
+  ShareStore shares_;
 
   mutable std::mutex mutex_;
   std::string versionReply_;

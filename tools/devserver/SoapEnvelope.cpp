@@ -53,7 +53,27 @@ std::string AllText(const xmlNode* node) {
   return text;
 }
 
+SoapNode TreeOf(const xmlNode* node) {
+  SoapNode tree{std::string(LocalName(node)), AllText(node), {}};
+  for (const xmlNode* child = FirstElement(node->children); child; child = FirstElement(child->next)) {
+    tree.children.push_back(TreeOf(child));
+  }
+  return tree;
+}
+
 }  // namespace
+
+const SoapNode* SoapNode::Child(const std::string& childName) const {
+  for (const auto& child : children) {
+    if (child.name == childName) return &child;
+  }
+  return nullptr;
+}
+
+std::string SoapNode::ChildText(const std::string& childName) const {
+  const auto* child = Child(childName);
+  return child ? child->text : std::string();
+}
 
 std::string SoapCall::Text(const std::string& name) const {
   const auto* value = Find(name);
@@ -98,6 +118,7 @@ SoapCall ParseSoapRequest(std::string_view body) {
       value.children.emplace_back(std::string(LocalName(child)), AllText(child));
     }
     value.text = OwnText(param, !value.children.empty());
+    value.tree = TreeOf(param);
     // The first of two equal names wins, as a dictionary on the other side would keep one.
     call.params.emplace(std::string(LocalName(param)), std::move(value));
   }

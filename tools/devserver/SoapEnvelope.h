@@ -13,10 +13,23 @@
 
 namespace devserver {
 
+// An element with its children, for parameters nested deeper than one level
+// (Options > Documents > ShareFileInfo > DocumentUrl).
+struct SoapNode {
+  std::string name;  // local name
+  std::string text;  // all text inside, as SoapValue::children has it
+  std::vector<SoapNode> children;
+
+  const SoapNode* Child(const std::string& childName) const;
+  // The text of a child; "" when it is missing.
+  std::string ChildText(const std::string& childName) const;
+};
+
 struct SoapValue {
   std::string text;  // the element's own text; "" for <X/>
   // Child elements in order (Options' DeviceID..., MD5's string...).
   std::vector<std::pair<std::string, std::string>> children;
+  SoapNode tree;  // the whole parameter
 };
 
 struct SoapCall {

@@ -1,5 +1,8 @@
 #include "WireFormats.h"
 
+#include <cstdio>
+#include <ctime>
+
 #include <openssl/evp.h>
 #include <uuid/uuid.h>
 #include <zlib.h>
@@ -125,6 +128,24 @@ bool ParseUnsigned(std::string_view text, unsigned long long& value) {
   const auto* end = text.data() + text.size();
   auto [ptr, ec] = std::from_chars(text.data(), end, value);
   return ec == std::errc() && ptr == end;
+}
+
+}  // namespace devserver
+
+namespace devserver {
+
+std::string XmlElement(const std::string& name, std::string_view text) {
+  return "<" + name + ">" + EscapeXmlText(text) + "</" + name + ">";
+}
+
+std::string MillisecondTimeText(std::int64_t ms) {
+  const auto seconds = static_cast<std::time_t>(ms / 1000);
+  std::tm utc{};
+  ::gmtime_r(&seconds, &utc);
+  char text[96];  // room for any int the format could print
+  std::snprintf(text, sizeof(text), "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, static_cast<int>(ms % 1000));
+  return text;
 }
 
 }  // namespace devserver

@@ -4,6 +4,7 @@
 // members, lower-case GUIDs. Kept apart from the client's helpers on purpose:
 // a fault in a shared helper would hide on both sides of the wire.
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,11 @@ namespace devserver {
 // as a character reference so that it survives the reader's line-end handling.
 // Control characters that XML 1.0 cannot carry become U+FFFD.
 std::string EscapeXmlText(std::string_view text);
+// "<name>text</name>" with the text escaped once.
+std::string XmlElement(const std::string& name, std::string_view text);
+
+// Milliseconds since 1970 as "yyyy-MM-ddTHH:mm:ss.fffZ" in UTC.
+std::string MillisecondTimeText(std::int64_t ms);
 
 // Percent-encodes UTF-8 bytes: everything but the unreserved characters
 // (A-Z a-z 0-9 - . _ ~) and `keep` becomes %XX with upper-case hex digits.

@@ -11,6 +11,7 @@
 #include "CVHandler.h"
 #include "ClientServerFixture.h"
 #include "CorvalinkWS.h"
+#include "ServerState.h"
 
 namespace {
 
@@ -139,4 +140,75 @@ TEST_F(ShareCallsTest, EveryCallGoesOutByteForByte) {
     EXPECT_EQ(sent->Header("SOAPAction"), std::string("http://tempuri.org/") + c.method);
     EXPECT_EQ(sent->Header("Content-Length"), std::to_string(sent->body.size()));
   }
+}
+
+TEST_F(ShareCallsTest, TheLocalServerKeepsListsExtendsAndEndsShares) {
+  auto options = DefaultOptions();
+  options.users.push_back({"bob", "pw"});
+  StartServer(options);
+  ConfigureAccount();
+  PutServerFile("Docs", "a&b.txt", "abc");
+  std::ofstream(home_->root() + "/Docs/local-only.txt") << "x";
+  const std::string token = CVHandler::Instance().CheckCVToken(CVHandler::kMainTokenKey);
+  const std::string bobToken = server_->state().tokens().Issue("bob", devserver::TokenKind::Main);
+  CorvalinkWS ws;
+
+  auto users = ws.GetUsersToShare("BO", true, false, token).GetRecipientItemCollection();
+  ASSERT_EQ(users.size(), 1u);
+  EXPECT_EQ(users[0].eMail, "bob@devserver");
+  EXPECT_EQ(ws.FindUsers("bob", token), "1;1;bob@devserver;bob");
+  EXPECT_EQ(ws.FindUsers2("zz", token, 0, false)->GetUserDataCollection().size(), 0u);
+
+  // What a share call answers: refused without a valid token, for an item the
+  // server does not hold, for nothing to share; shared otherwise.
+  RecipientName bob = *users[0].selfRec;
+  RecipientName outside;
+  outside.recName = "Out";
+  outside.recEmail = "out@example.com";
+  struct Case {
+    std::vector<std::string> files;
+    std::string token;
+    bool external;
+    std::string result;
+  } cases[] = {
+      {{file_}, "bad", false, "-1"},
+      {{home_->root() + "/Docs/local-only.txt"}, token, false, "-6"},
+      {{home_->root() + "/Docs/gone.txt"}, token, false, "-6"},
+      {{file_}, token, false, "0"},
+      {{file_}, token, true, "0"},
+  };
+  for (const auto& c : cases) {
+    std::string result =
+        c.external ? ws.ShareFilesExternalViewOnly(c.files, {outside}, CorvalinkWS::kNoExpiry, "", "", c.token, false,
+                                                   true, false)
+                   : ws.ShareFilesInternalViewOnly(c.files, {bob}, 60, "", "hi", c.token, true, false);
+    EXPECT_EQ(result, c.result) << c.files[0] << " " << c.token;
+  }
+  auto mine = ws.GetMyFileList(token).GetFilePropertyCollection();
+  ASSERT_EQ(mine.size(), 2u);
+  EXPECT_EQ(mine[0].file_name, "a&b.txt");
+  EXPECT_TRUE(mine[0].expire_at.has_value());
+  EXPECT_FALSE(mine[1].expire_at.has_value());  // no expiry
+  EXPECT_EQ(mine[1].isExternal, "true");
+  auto received = ws.GetFileList(bobToken).GetFilePropertyCollection();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].share_id, mine[0].share_id);
+  EXPECT_EQ(ws.GetUsageHistory(token, "1").GetUsageHistoryCollection().size(), 2u);
+
+  EXPECT_EQ(ws.ShareFilesExtend2({mine[0].share_id}, CorvalinkWS::kNoExpiry, "", "", token), "0;");
+  EXPECT_FALSE(ws.GetMyFileList(token, "", mine[0].share_id).GetFilePropertyCollection()[0].expire_at.has_value());
+  EXPECT_TRUE(ws.ResendEmailShared(token, mine[0].share_id));
+  EXPECT_FALSE(ws.ResendEmailShared("bad", mine[0].share_id));
+  EXPECT_TRUE(ws.DeleteSharedLink(token, mine[0].share_id + ";999"));
+  EXPECT_EQ(ws.DeleteSharedLink2(mine[1].shareGroup, token), "0;");
+  EXPECT_EQ(ws.DeleteSharedLink2(mine[1].shareGroup, token), "-6;Share not found;");
+  EXPECT_TRUE(ws.GetMyFileList(token).GetFilePropertyCollection().empty());
+
+  // A status outside 2xx stands as "-200"; a search that fails is an empty list.
+  server_->FailNext("ShareItems", devserver::Fault::Status(500));
+  EXPECT_EQ(ws.ShareFilesInternalViewOnly({file_}, {bob}, 60, "", "", token, true, false), "-200");
+  server_->FailNext("GetUsersToShare", devserver::Fault::Status(300));
+  EXPECT_TRUE(ws.GetUsersToShare("bo", true, false, token).GetUserDataCollection().empty());
+  server_->FailNext("FindUsers2", devserver::Fault::DropBeforeReply(), -1);  // the engine tries twice
+  EXPECT_FALSE(ws.FindUsers2("bo", token, 0, false).has_value());
 }
