@@ -1,0 +1,47 @@
+#include "SharingService.h"
+
+#include "CVEventLogger.h"
+#include "CVHandler.h"
+
+std::string ServerSharingService::CheckConnectionAndGetWSToken() {
+  CVHandler& handler = CVHandler::Instance();
+  for (int round = 0; round < 2; ++round) {
+    std::string status = handler.GetDeviceStatusAutoReloginIfIncorrectToken();
+    handler.setDevStatus(status);
+    if (status == "1;A") return handler.UsableCVToken(CVHandler::kMainTokenKey);
+    if (!status.empty() && status.rfind("-1;", 0) != 0) {
+      CVEventLogger::WriteMainLogMessage("Sharing - CheckConnectionAndGetWSToken -> device status: " + status);
+      return "";
+    }
+    handler.RemoveCVToken(CVHandler::kMainTokenKey);
+    handler.CheckCVToken(CVHandler::kMainTokenKey);
+  }
+  return "";
+}
+
+WSUserDataArray ServerSharingService::GetUsersToShare(const std::string& filter, const std::string& token) {
+  return ws_.GetUsersToShare(filter, true, false, token);
+}
+
+std::string ServerSharingService::ShareFilesInternalViewOnly(const std::vector<std::string>& files,
+                                                             const std::vector<RecipientName>& recipients,
+                                                             long validity, const std::string& subject,
+                                                             const std::string& message, const std::string& token,
+                                                             bool notifyAll, bool viewOnly) {
+  return ws_.ShareFilesInternalViewOnly(files, recipients, validity, subject, message, token, notifyAll, viewOnly);
+}
+
+std::string ServerSharingService::ShareFilesExternalViewOnly(const std::vector<std::string>& files,
+                                                             const std::vector<RecipientName>& recipients,
+                                                             long validity, const std::string& subject,
+                                                             const std::string& message, const std::string& token,
+                                                             bool otp, bool notifyAll, bool viewOnly) {
+  return ws_.ShareFilesExternalViewOnly(files, recipients, validity, subject, message, token, otp, notifyAll,
+                                        viewOnly);
+}
+
+std::string ServerSharingService::CreateUploadRequestWithRecipient(const UploadRequest&) {
+  CVEventLogger::WriteMainLogMessage("Sharing - CreateUploadRequestWithRecipient -> upload requests are not "
+                                     "available in this version of the client");
+  return "-1;";
+}
