@@ -5,7 +5,7 @@
 
 bool CommandLine::IsCommand(const std::string& word) {
   static const std::set<std::string> kCommands = {"login", "logout", "status", "storage", "folders", "select",
-                                                  "sync-now", "pause", "resume", "show", "quit"};
+                                                  "sync-now", "pause", "resume", "show", "quit", "share"};
   return kCommands.count(word) > 0;
 }
 
@@ -90,6 +90,10 @@ std::string CommandLine::Usage() {
          "  folders STORAGE[/PATH]        the server's folders there, with what is synced\n"
          "                                ([x] all, [-] some, [ ] none)\n"
          "  select STORAGE[/PATH] all|none   sync that folder, or stop syncing it\n"
+         "  share PATH... --to EMAIL... [--external] [--days N] [--view-only] [--message TEXT]\n"
+         "                 share files of the storages with users of the server, or\n"
+         "                 with --external with anyone by e-mail; --days 0: no expiry.\n"
+         "                 Prints the links, or why the share was not made\n"
          "  sync-now | pause | resume | quit   the running client\n"
          "  show           bring the running client's window forward\n"
          "\n"

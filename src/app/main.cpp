@@ -10,6 +10,7 @@
 #include "DesktopApp.h"
 #endif
 #include "HeadlessApp.h"
+#include "ShareCommand.h"
 #include "TerminalCommand.h"
 #include "Version.h"
 
@@ -29,6 +30,7 @@ int main(int argc, char** argv) {
     std::cout << "corvalink-sync " << CORVALINK_VERSION << '\n';
     return 0;
   }
+  if (options->command == "share") return ShareCommand(*options, std::cout, std::cerr).Run();
   if (!options->command.empty()) return TerminalCommand(*options, std::cin, std::cout, std::cerr).Run();
   if (!options->headless) {
 #ifdef CORVALINK_HAS_DESKTOP

@@ -4,10 +4,12 @@
 // fields fill it (names matched exactly, no namespace), and its own end tag adds
 // it to the collection. A reply that does not parse keeps the records read before
 // the error, and the error goes to the system log; a number or date that does
-// not read is logged and leaves its field at 0 or no date.
+// not read is logged and leaves its field at 0 or no date. A reader made in
+// place hands its collection out by value, so a loop over it never outlives it.
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CVStateXMLFile.h"
@@ -17,7 +19,8 @@
 template <typename Record>
 class ShareReplyArray {
  public:
-  const std::vector<Record>& records() const { return records_; }
+  const std::vector<Record>& records() const& { return records_; }
+  std::vector<Record> records() && { return std::move(records_); }
   // The parser's first error; nothing when the reply was read whole.
   const std::optional<CVStateXMLFile::ParseError>& error() const { return error_; }
 
@@ -31,14 +34,16 @@ class ShareReplyArray {
 class WSFilePropertyArray : public ShareReplyArray<WSFileProperty> {
  public:
   explicit WSFilePropertyArray(const std::string& data);
-  const std::vector<WSFileProperty>& GetFilePropertyCollection() const { return records_; }
+  const std::vector<WSFileProperty>& GetFilePropertyCollection() const& { return records_; }
+  std::vector<WSFileProperty> GetFilePropertyCollection() && { return std::move(records_); }
 };
 
 // FindUsers2, GetUsersToShare: UserData or UserToShare records.
 class WSUserDataArray : public ShareReplyArray<WSUserData> {
  public:
   explicit WSUserDataArray(const std::string& data);
-  const std::vector<WSUserData>& GetUserDataCollection() const { return records_; }
+  const std::vector<WSUserData>& GetUserDataCollection() const& { return records_; }
+  std::vector<WSUserData> GetUserDataCollection() && { return std::move(records_); }
   // The rows of the recipient search; a record without a user name has none.
   std::vector<RecipientItem> GetRecipientItemCollection() const;
 };
@@ -47,14 +52,16 @@ class WSUserDataArray : public ShareReplyArray<WSUserData> {
 class WSUsageHistoryArray : public ShareReplyArray<WSUsageHistory> {
  public:
   explicit WSUsageHistoryArray(const std::string& data);
-  const std::vector<WSUsageHistory>& GetUsageHistoryCollection() const { return records_; }
+  const std::vector<WSUsageHistory>& GetUsageHistoryCollection() const& { return records_; }
+  std::vector<WSUsageHistory> GetUsageHistoryCollection() && { return std::move(records_); }
 };
 
 // GetVersions: StorageVersionInfo records.
 class StorageVersionInfoArray : public ShareReplyArray<StorageVersionInfo> {
  public:
   explicit StorageVersionInfoArray(const std::string& data);
-  const std::vector<StorageVersionInfo>& GetVersionCollection() const { return records_; }
+  const std::vector<StorageVersionInfo>& GetVersionCollection() const& { return records_; }
+  std::vector<StorageVersionInfo> GetVersionCollection() && { return std::move(records_); }
 };
 
 // Upload request lists (UploadRequest records) and the single request
@@ -62,7 +69,8 @@ class StorageVersionInfoArray : public ShareReplyArray<StorageVersionInfo> {
 class WSUploadRequestParser : public ShareReplyArray<CVUploadRequest> {
  public:
   explicit WSUploadRequestParser(const std::string& data);
-  const std::vector<CVUploadRequest>& GetFilePropertyCollection() const { return records_; }
+  const std::vector<CVUploadRequest>& GetFilePropertyCollection() const& { return records_; }
+  std::vector<CVUploadRequest> GetFilePropertyCollection() && { return std::move(records_); }
 };
 
 // "yyyy-MM-dd'T'HH:mm:ss.SSS'Z'" in GMT, exactly; nothing for any other text.
