@@ -1,5 +1,7 @@
 #include "ShareCommand.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
@@ -17,17 +19,10 @@
 #include "InternalShare51WindowController.h"
 #include "PollMainLoop.h"
 #include "SharingService.h"
-#include "WSCommonMethods.h"
 
 namespace {
 
 using Controller = InternalShare51WindowController;
-
-bool SameText(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-         });
-}
 
 std::string LocalTimeText(Controller::Clock::time_point time) {
   std::time_t seconds = Controller::Clock::to_time_t(time);
@@ -164,7 +159,8 @@ int ShareCommand::Share(const Options& options) {
     // Inside the organisation a recipient is a user the server knows.
     window.arraySearch = service.GetUsersToShare(address, token).GetRecipientItemCollection();
     auto found = std::find_if(window.arraySearch.begin(), window.arraySearch.end(), [&](const RecipientItem& row) {
-      return SameText(row.eMail, address) || SameText(row.fullname, address);
+      return ::strcasecmp(row.eMail.c_str(), address.c_str()) == 0 ||
+             ::strcasecmp(row.fullname.c_str(), address.c_str()) == 0;
     });
     if (found == window.arraySearch.end()) return fail("No user \"" + address + "\" was found on the server.");
     window.addRecipients(static_cast<std::size_t>(found - window.arraySearch.begin()));

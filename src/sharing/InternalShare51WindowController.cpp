@@ -375,15 +375,7 @@ void InternalShare51WindowController::Share() {
 
 void InternalShare51WindowController::ShareToRecipients() {
   const bool external = windowType == kExternalShare;
-  if (external && otpRequired.state && policy_.EnableSMS &&
-      std::any_of(arrayRecipients.begin(), arrayRecipients.end(),
-                  [](const RecipientItem& entry) { return entry.mobile.empty(); })) {
-    Tell(kEmptyMobiles);
-    return;
-  }
-  SwitchUI(false);
-  inProgress = true;
-  Changed();
+  if (!BeginCall(external)) return;
   std::vector<RecipientName> recipients;
   for (const auto& entry : arrayRecipients) recipients.push_back(*entry.selfRec);
   const long validity = getIntervalTimeForPickerInMinutes(true);
@@ -393,13 +385,7 @@ void InternalShare51WindowController::ShareToRecipients() {
     const char* name = external ? "ShareToExternal" : "ShareToInternal";
     try {
       std::string token = service_.CheckConnectionAndGetWSToken();
-      if (token.empty()) {
-        return [this] {
-          Tell(kShareProblem);
-          inProgress = false;
-          SwitchUI(true);
-        };
-      }
+      if (token.empty()) return Ended(kShareProblem, true, false);
       std::string result =
           external ? service_.ShareFilesExternalViewOnly(files, recipients, validity, subject, message, token, otp,
                                                          notify, view)
@@ -408,32 +394,16 @@ void InternalShare51WindowController::ShareToRecipients() {
       CVEventLogger::WriteMainLogMessage(std::string(external ? "Share to external" : "Share to internal") +
                                          " finished with result: " + result);
       const char* text = result != "0" ? kShareProblem : recipients.size() == 1 ? kSharedOne : kSharedMany;
-      return [this, text] {
-        Tell(text);
-        inProgress = false;
-        Close();
-      };
+      return Ended(text, false, true);
     } catch (const std::exception& failure) {
       CVEventLogger::WriteMainLogMessage(std::string(name) + ": " + failure.what());
-      return [this] {
-        Tell(kShareProblem);
-        inProgress = false;
-        SwitchUI(true);
-      };
+      return Ended(kShareProblem, true, false);
     }
   });
 }
 
 void InternalShare51WindowController::FileUpload() {
-  if (otpRequired.state && policy_.EnableSMS &&
-      std::any_of(arrayRecipients.begin(), arrayRecipients.end(),
-                  [](const RecipientItem& entry) { return entry.mobile.empty(); })) {
-    Tell(kEmptyMobiles);
-    return;
-  }
-  SwitchUI(false);
-  inProgress = true;
-  Changed();
+  if (!BeginCall(true)) return;
   SharingService::UploadRequest request;
   request.recipients = arrayRecipients;
   request.session = titleText;
@@ -469,13 +439,31 @@ void InternalShare51WindowController::FileUpload() {
       CVEventLogger::WriteMainLogMessage(std::string("FileUpload: ") + failure.what());
       text = kRequestProblem;
     }
-    return [this, text] {
-      Tell(text);
-      inProgress = false;
-      SwitchUI(true);
-      Close();
-    };
+    return Ended(text, true, true);
   });
+}
+
+bool InternalShare51WindowController::BeginCall(bool checkMobiles) {
+  // A one-time password by text message needs every recipient's number.
+  if (checkMobiles && otpRequired.state && policy_.EnableSMS &&
+      std::any_of(arrayRecipients.begin(), arrayRecipients.end(),
+                  [](const RecipientItem& entry) { return entry.mobile.empty(); })) {
+    Tell(kEmptyMobiles);
+    return false;
+  }
+  SwitchUI(false);
+  inProgress = true;
+  Changed();
+  return true;
+}
+
+std::function<void()> InternalShare51WindowController::Ended(std::string text, bool controlsOn, bool close) {
+  return [this, text = std::move(text), controlsOn, close] {
+    Tell(text);
+    inProgress = false;
+    if (controlsOn) SwitchUI(true);
+    if (close) Close();
+  };
 }
 
 void InternalShare51WindowController::OnWorker(std::function<std::function<void()>()> work) {

@@ -120,6 +120,10 @@ class InternalShare51WindowController {
   void RunSearch();
   void AddExternalRecipient();
   void ShareToRecipients();
+  // The check of the mobile numbers, then the controls off; false when refused.
+  bool BeginCall(bool checkMobiles);
+  // What the main thread does when a call has ended: the message, the controls, the window.
+  std::function<void()> Ended(std::string text, bool controlsOn, bool close);
   void FileUpload();
   // Runs work on a worker; done gets its result on the main thread while this lives.
   void OnWorker(std::function<std::function<void()>()> work);
