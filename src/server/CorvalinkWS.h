@@ -1,6 +1,7 @@
 #pragma once
 // CorvalinkWS: the calls of the main service (login, version, device status,
-// policy). One small operation per server method on top of WSCommonMethods.
+// policy) and the sharing calls of both services. One small operation per server
+// method on top of WSCommonMethods.
 
 #include <chrono>
 #include <cstdint>
@@ -10,7 +11,6 @@
 
 #include "RecipientName.h"
 #include "ShareReplyParsers.h"
-#include "WSCommonMethods.h"
 
 class CorvalinkWS {
  public:
