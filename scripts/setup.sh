@@ -10,7 +10,7 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   openssl xxd
   qt6-base-dev qt6-svg-dev qt6-qpa-plugins libqt6svg6
-  xvfb xauth dbus dbus-x11 desktop-file-utils appstream
+  xvfb xauth dbus dbus-x11 at-spi2-core desktop-file-utils appstream
   gnome-keyring libsecret-tools
   libnautilus-extension-dev
   clang libclang-rt-dev
