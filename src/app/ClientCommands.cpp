@@ -22,7 +22,8 @@
 
 namespace {
 
-const std::set<std::string> kRuntimeWords = {"sync-now", "pause", "resume", "quit", "show"};
+const std::set<std::string> kRuntimeWords = {"sync-now", "pause",           "resume", "quit",
+                                             "show",     "confirm-deletes", "decline-deletes"};
 const std::set<std::string> kRequestWords = {"login",         "logout",        "status", "storage-list",
                                              "storage-add",   "storage-edit",  "storage-remove",
                                              "storage-retrieve", "folders",    "select"};
@@ -100,7 +101,7 @@ int ClientCommands::Run(const std::vector<std::string>& request, CommandEnvironm
     return false;
   };
   CVEventLogger::WriteSettingsLogMessage("Command: " + word);
-  if (NeedsRunningClient(word)) return Runtime(word, env, io);
+  if (NeedsRunningClient(word)) return Runtime(request, env, io);
   if (word == "login") return needs(4) ? Login(request, env, io) : kUsage;
   if (word == "logout") return Logout(env, io);
   if (word == "status") return Status(env, io);
@@ -230,6 +231,11 @@ int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {
     if (SmartSync* sync = app->mainSyncObject()) serverWaiting = sync->serverQueue().ServerQueueSize();
     io.Out("Waiting: " + std::to_string(localWaiting) + " local changes, " + std::to_string(serverWaiting) +
            " server items");
+    if (SmartSync* sync = app->mainSyncObject()) {
+      for (const auto& held : sync->serverQueue().deletionGuard.AllHeld()) {
+        io.Out("Deletions held: " + MassDeletionGuard::Describe(held));
+      }
+    }
   } else {
     io.Out("Client: not running");
     io.Out("Waiting: " + std::to_string(localWaiting) + " local changes");
@@ -242,6 +248,24 @@ int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {
     io.Out("Held back (" + std::to_string(held.size()) + "):");
     for (const auto& name : held) io.Out("  " + HeldBackNames::Describe(name));
   }
+  return kDone;
+}
+
+int ClientCommands::AnswerDeletions(const std::string& storage, bool confirm, AppDelegate& app, CommandIO& io) {
+  SmartSync* sync = app.mainSyncObject();
+  MassDeletionGuard* guard = sync ? &sync->serverQueue().deletionGuard : nullptr;
+  const std::size_t files = guard ? (confirm ? guard->Confirm(storage) : guard->Decline(storage)) : 0;
+  if (files == 0) {
+    io.Err("No deletions wait for an answer in \"" + storage + "\".");
+    return kFailed;
+  }
+  CVEventLogger::WriteSettingsLogMessage(std::string(confirm ? "Deletions confirmed" : "Deletions declined") +
+                                         " for " + storage + ": " + std::to_string(files) + " files");
+  io.Out(confirm ? "The " + std::to_string(files) + " files of \"" + storage +
+                       "\" that the server no longer lists go to the Trash now."
+                 : "The " + std::to_string(files) + " files of \"" + storage +
+                       "\" that the server no longer lists are put back on the server now.");
+  app.syncNowCommand();
   return kDone;
 }
 
@@ -392,11 +416,19 @@ int ClientCommands::Select(const std::string& text, const std::string& choice, C
   return kDone;
 }
 
-int ClientCommands::Runtime(const std::string& word, CommandEnvironment& env, CommandIO& io) {
+int ClientCommands::Runtime(const std::vector<std::string>& request, CommandEnvironment& env, CommandIO& io) {
+  const std::string& word = request[0];
   AppDelegate* app = env.app;
   if (!app) {
     io.Err("Corvalink Sync is not running.");
     return kNotRunning;
+  }
+  if (word == "confirm-deletes" || word == "decline-deletes") {
+    if (request.size() < 2) {
+      io.Err("The command \"" + word + "\" is missing a value.");
+      return kUsage;
+    }
+    return AnswerDeletions(request[1], word == "confirm-deletes", *app, io);
   }
   if (word == "sync-now") {
     if (!app->IsSyncStarted()) {

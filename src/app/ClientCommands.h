@@ -78,5 +78,7 @@ class ClientCommands {
   static int StorageRetrieve(CommandEnvironment& env, CommandIO& io);
   static int Folders(const std::string& path, CommandIO& io);
   static int Select(const std::string& path, const std::string& choice, CommandEnvironment& env, CommandIO& io);
-  static int Runtime(const std::string& word, CommandEnvironment& env, CommandIO& io);
+  static int Runtime(const std::vector<std::string>& request, CommandEnvironment& env, CommandIO& io);
+  // confirm-deletes and decline-deletes: the user's answer to deletions held in storage.
+  static int AnswerDeletions(const std::string& storage, bool confirm, AppDelegate& app, CommandIO& io);
 };

@@ -5,7 +5,8 @@
 
 bool CommandLine::IsCommand(const std::string& word) {
   static const std::set<std::string> kCommands = {"login", "logout", "status", "storage", "folders", "select",
-                                                  "sync-now", "pause", "resume", "show", "quit", "share"};
+                                                  "sync-now", "pause", "resume", "show", "quit", "share",
+                                                  "confirm-deletes", "decline-deletes"};
   return kCommands.count(word) > 0;
 }
 
@@ -96,6 +97,10 @@ std::string CommandLine::Usage() {
          "                 Prints the links, or why the share was not made\n"
          "  sync-now | pause | resume | quit   the running client\n"
          "  show           bring the running client's window forward\n"
+         "  confirm-deletes STORAGE   the running client holds the deletions of a pass\n"
+         "                 that would remove all of a storage's files, or more than half\n"
+         "                 and more than 100: this moves them to the Trash\n"
+         "  decline-deletes STORAGE   keeps them instead and puts them back on the server\n"
          "\n"
          "Exit codes of commands: 0 done, 1 failed (the line says why; nothing changed),\n"
          "2 no account signed in, 3 the client is not running, 4 a client runs already\n"

@@ -117,9 +117,9 @@ std::optional<TerminalCommand::Parsed> TerminalCommand::Parse(const std::string&
     parsed.request = {command};
     return parsed;
   }
-  if (command == "folders" || command == "select") {
+  if (command == "folders" || command == "select" || command == "confirm-deletes" || command == "decline-deletes") {
     auto words = ReadWords(arguments, {}, {}, error);
-    const std::size_t count = command == "folders" ? 1 : 2;
+    const std::size_t count = command == "select" ? 2 : 1;
     if (!words || !expect(*words, count, count)) return std::nullopt;
     parsed.request = {command};
     for (const auto& word : words->positional) parsed.request.push_back(word);

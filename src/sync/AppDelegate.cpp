@@ -364,7 +364,10 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
         } else {
           config.SetLastSync(passDate);
           config.SaveConfigXML();
-          if (!sync->requiresQueueRefill) {
+          const bool held = ShowHeldDeletions(server);
+          if (held) {
+            SyncListener::SendSyncStateChangedNotification(0);
+          } else if (!sync->requiresQueueRefill) {
             std::string when = CVStaticHelpers::FormatDateTime(passDate);
             SetTooltip("Last synchronization: " + when);
             SetStatusIcon(2);
@@ -373,7 +376,7 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
               status.SetSyncNowTitle("Sync now (last update at " + when + ")");
             });
           }
-          outcome = sync->itemsLeftForLater ? PassOutcome::ItemsLeft : PassOutcome::InStep;
+          outcome = sync->itemsLeftForLater || held ? PassOutcome::ItemsLeft : PassOutcome::InStep;
         }
       }
     }
@@ -798,6 +801,14 @@ void AppDelegate::NotifyUser(const std::string& text) {
   CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - NotifyUser -> " + text);
   mainLoop_.RunOnMain(
       [&status = status_, text] { UIFunctions::ShowNotificationInTrayWithTitle(status, "Corvalink Sync", text); });
+}
+
+bool AppDelegate::ShowHeldDeletions(SERVER_Queues& server) {
+  const auto held = server.deletionGuard.AllHeld();
+  if (held.empty()) return false;
+  SetTooltip(MassDeletionGuard::Describe(held.front()));
+  SetStatusIcon(6);
+  return true;
 }
 
 std::optional<std::string> AppDelegate::CertificateProblem() { return connection_.CertificateProblem(); }

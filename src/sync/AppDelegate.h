@@ -120,6 +120,9 @@ class AppDelegate {
   void NotifySyncError();
   // A notification of the sync's own; the text goes to the main log too.
   void NotifyUser(const std::string& text);
+  // The tray keeps saying what deletions wait for the user until they are
+  // decided; false when none do.
+  bool ShowHeldDeletions(SERVER_Queues& server);
   // Tells the user once that a download found the disk full; DiskHasRoom makes
   // the next full disk told again.
   void NotifyDiskFull(const std::string& path);

@@ -16,6 +16,7 @@
 #include "DownloadedXMLStaticMethods.h"
 #include "IconOverlayInFinderStaticMethods.h"
 #include "ManagerDownload.h"
+#include "MassDeletionGuard.h"
 #include "ServerXMLParser.h"
 #include "HeldBackNames.h"
 #include "ServerNameRules.h"
@@ -347,18 +348,28 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
   }
   Log("FilterNFQ", "All Items FilterNFQ:\n" + notes.Text());
 
-  // What the server no longer lists, selective sync forgets.
-  if (rulesSite) {
+  // In step at the last sync, and now in no (synced) line: excluded by a rule,
+  // or gone on the server, where the guard may hold the deletions.
+  std::vector<CVFileForCompare> vanished;
+  std::size_t storageFiles = 0;
+  for (const auto& record : records) {
+    if (!CVFileForCompareMethods::IsSamePath(record.site, storageName)) continue;
+    if (!record.isFolder) ++storageFiles;
+    if (record.wasProcessed) continue;
+    if (seen.count(record.localPath)) {
+      work.push_back(ItemFor(record, FWA_DeleteLocally));
+    } else {
+      vanished.push_back(record);
+    }
+  }
+  const bool holding = GuardDeletions(storageName, vanished, storageFiles, work);
+
+  // What the server no longer lists, selective sync forgets; not while its
+  // deletions are held, as the listing may be what is wrong.
+  if (rulesSite && !holding) {
     for (const auto& item : syncItems) {
       if (!seen.count(item.Path)) rulesSite->removeSyncItemAndRule(item.Path);
     }
-  }
-
-  // In step at the last sync, and now in no (synced) line: gone on the server,
-  // or excluded by a rule.
-  for (const auto& record : records) {
-    if (record.wasProcessed || !CVFileForCompareMethods::IsSamePath(record.site, storageName)) continue;
-    work.push_back(ItemFor(record, FWA_DeleteLocally));
   }
 
   // Until a first pass has ended: what was put into the tree while the program
@@ -383,6 +394,45 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
     if (!stands) HeldBackNames::Instance().Release(held.localPath);
   }
   return true;
+}
+
+bool SERVER_Queues::GuardDeletions(const std::string& storageName, const std::vector<CVFileForCompare>& vanished,
+                                   std::size_t storageFiles, std::vector<CVFileWithAction>& work) {
+  const auto review = deletionGuard.Decide(storageName, vanished, storageFiles);
+  std::size_t held = 0;
+  std::vector<CVFileForCompare> restore;
+  for (std::size_t i = 0; i < vanished.size(); ++i) {
+    const CVFileForCompare& record = vanished[i];
+    switch (review.verdicts[i]) {
+      case MassDeletionGuard::Verdict::Hold:
+        ++held;
+        break;
+      case MassDeletionGuard::Verdict::Restore:
+        // Gone here too: only its record is left to drop.
+        if (CVStaticHelpers::ExistsInAnyForm(record.localPath)) {
+          restore.push_back(record);
+          break;
+        }
+        [[fallthrough]];
+      case MassDeletionGuard::Verdict::Delete:
+        work.push_back(ItemFor(record, FWA_DeleteLocally));
+        break;
+    }
+  }
+  // Folders before what they hold.
+  std::sort(restore.begin(), restore.end(),
+            [](const CVFileForCompare& a, const CVFileForCompare& b) { return a.localPath < b.localPath; });
+  for (const auto& record : restore) {
+    work.push_back(ItemFor(record, FWA_UploadToServer));
+    MarkPendingUpload(record.localPath, record.isFolder);
+  }
+  if (held > 0) {
+    Log("FilterNFQ", "deletions held for " + storageName + ": " + std::to_string(held) +
+                         " items the server no longer lists; the storage has " + std::to_string(storageFiles) +
+                         " files");
+  }
+  if (review.tell) Notify(*review.tell);
+  return held > 0;
 }
 
 void SERVER_Queues::Tell(const HeldBackName& name) {

@@ -26,6 +26,7 @@
 #include "CVSharepoint.h"
 #include "Clock.h"
 #include "HeldBackNames.h"
+#include "MassDeletionGuard.h"
 #include "SyncRecords.h"
 
 class SERVER_Queues {
@@ -82,6 +83,8 @@ class SERVER_Queues {
   std::mutex SQ_NFQ_Lock;
   std::mutex SQ_FQ_Lock;
   std::mutex compareLock;
+  // Holds the local deletions of a listing that drops most of a storage.
+  MassDeletionGuard deletionGuard;
 
  protected:
   // The file manager's state tree. An item found in step gets its clone the
@@ -101,6 +104,10 @@ class SERVER_Queues {
                                                const CVSyncRulesDictionary& rules, const std::string& storageFolder);
   void TellRebuilt(const std::string& storageName, const std::vector<CVFileForCompare>& rebuilt,
                    std::uint64_t brokenReads);
+  // Hands the records the server no longer lists to the guard and adds what
+  // it lets through to work; true when deletions are held.
+  bool GuardDeletions(const std::string& storageName, const std::vector<CVFileForCompare>& vanished,
+                      std::size_t storageFiles, std::vector<CVFileWithAction>& work);
   // Reports an item that stays where it is; the user is told the first time.
   void Tell(const HeldBackName& name);
   // The text to the user through the notice handler, when one is set.

@@ -426,7 +426,7 @@ void SmartSync::Idle(bool& workDone) {
       app_.SetTooltip("Corvalink Sync. Synced with errors.");
       app_.NotifySyncError();
       app_.SetStatusIcon(6);
-    } else {
+    } else if (!app_.ShowHeldDeletions(*serverQueue_)) {
       // Before the first whole pass has ended there is no last sync to tell: the pass's end sets it.
       const std::int64_t lastSync = CVConfiguration::Instance().LastSync();
       if (lastSync > 0) app_.SetTooltip("Last synchronization: " + CVStaticHelpers::FormatDateTime(lastSync));

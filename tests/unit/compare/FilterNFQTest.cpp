@@ -91,9 +91,10 @@ TEST_F(FilterNFQTest, FirstPassComparesListingRecordAndDisk) {
               ElementsAre("2:Docs/new.txt", "-1:Docs/same.txt", "-1:Docs/" + kComposed, "-1:Docs/dir",
                           "0:Docs/edited.txt", "4:Docs/both.txt"));
   // Then the records without a synced line, in record order: Docs2's stays, the
-  // unticked folder's go (the local copy of an unticked folder is removed).
+  // unticked folder's go (the local copy of an unticked folder is removed), then
+  // what the server no longer lists.
   EXPECT_THAT(std::vector<std::string>(work.begin() + 6, work.begin() + 9),
-              ElementsAre("3:Docs/gone.txt", "3:Docs/private", "3:Docs/private/p.txt"));
+              ElementsAre("3:Docs/private", "3:Docs/private/p.txt", "3:Docs/gone.txt"));
   // Then the uploads of what the record does not know; links and hidden names are
   // not scanned, and the decomposed name is known.
   std::set<std::string> uploads(work.begin() + 9, work.end());
@@ -342,3 +343,57 @@ TEST(FillStop, AStoppedLoopEndsTheListingBeforeTheServer) {
 }
 
 }  // namespace
+
+// How many of a storage's files one pass may delete before the user is asked.
+TEST(MassDeletionGuardTest, AsksForAllFilesOrMoreThanHalfAndMoreThanAHundred) {
+  struct Case {
+    std::size_t deletions, files;
+    bool asks;
+  };
+  for (const Case& c : {Case{0, 0, false}, Case{0, 5, false}, Case{1, 1, true}, Case{5, 5, true}, Case{4, 5, false},
+                        Case{99, 100, false}, Case{100, 150, false}, Case{101, 150, true}, Case{101, 202, false},
+                        Case{101, 201, true}, Case{1001, 2000, true}, Case{1000, 2000, false}}) {
+    EXPECT_EQ(MassDeletionGuard::NeedsConfirmation(c.deletions, c.files), c.asks) << c.deletions << " of " << c.files;
+  }
+}
+
+class HeldDeletionsTest : public FilterNFQTest {
+ protected:
+  // Every recorded file gone from the listing, one new there: the deletions are held, once told.
+  void HoldEverything() {
+    // Only this guard's: an earlier test's broken record file is told once more here.
+    queues.SetNoticeHandler([this](const std::string& text) {
+      if (text.find("no longer lists") != std::string::npos) notices.push_back(text);
+    });
+    WriteFile(Path("Docs/d/a.txt"), "a", 1000);
+    WriteFile(Path("Docs/b.txt"), "b", 1000);
+    SaveRecords({Record("Docs/d", 0, 0, true), Record("Docs/d/a.txt", 1, 1000), Record("Docs/b.txt", 1, 1000)});
+    List({Line(Path("Docs/new.txt"), 1, 2000)});
+    queues.firstTimeSyncPerformed = true;
+    for (int pass = 0; pass < 2; ++pass) {
+      Compare();
+      EXPECT_THAT(Work(), ElementsAre("2:Docs/new.txt"));
+    }
+    ASSERT_EQ(notices.size(), 1u);
+    EXPECT_THAT(notices[0], HasSubstr("no longer lists 2 of its 2 files"));
+    EXPECT_EQ(queues.deletionGuard.AllHeld().size(), 1u);
+  }
+  std::vector<std::string> notices;
+};
+
+TEST_F(HeldDeletionsTest, ConfirmingLetsTheNextComparisonDelete) {
+  HoldEverything();
+  EXPECT_EQ(queues.deletionGuard.Confirm("Docs"), 2u);
+  EXPECT_EQ(queues.deletionGuard.Confirm("Docs"), 0u) << "nothing is held any more";
+  Compare();
+  EXPECT_THAT(Work(), ElementsAre("2:Docs/new.txt", "3:Docs/d", "3:Docs/d/a.txt", "3:Docs/b.txt"));
+  EXPECT_THAT(queues.deletionGuard.AllHeld(), IsEmpty());
+}
+
+TEST_F(HeldDeletionsTest, DecliningPutsWhatIsStillHereBackOnTheServer) {
+  HoldEverything();
+  std::filesystem::remove(Path("Docs/b.txt"));
+  EXPECT_EQ(queues.deletionGuard.Decline("Docs"), 2u);
+  Compare();
+  EXPECT_THAT(Work(), ElementsAre("2:Docs/new.txt", "3:Docs/b.txt", "0:Docs/d", "0:Docs/d/a.txt"));
+}
