@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 
+#include "CrashPoint.h"
 #include "CVEventLogger.h"
 
 CVJournaledStateFile::CVJournaledStateFile(const char* className, std::recursive_mutex& lock)
@@ -54,6 +55,7 @@ bool CVJournaledStateFile::Record(const CVStateJournal::Entry& entry) {
   // rewrite would have done: from then on it reads whole again.
   if (state_ == StateFileRead::Broken) return FoldLocked();
   if (!journal_ || !journal_->Append(entry)) return FoldLocked();
+  CrashPoint("record-journaled");
   if (journal_->entryBytes() > std::max(kFoldFloor, version_.size)) return FoldLocked();
   return true;
 }
@@ -61,6 +63,7 @@ bool CVJournaledStateFile::Record(const CVStateJournal::Entry& entry) {
 bool CVJournaledStateFile::FoldLocked(bool overUnreadable) {
   if (state_ == StateFileRead::Unreadable && !overUnreadable) return false;
   if (!WriteFile()) return false;
+  CrashPoint("state-file-folded");
   version_ = CVStateJournal::FileVersion::Of(loadedPath_.empty() ? Path() : loadedPath_);
   state_ = StateFileRead::Whole;
   changed_ = false;

@@ -21,6 +21,7 @@
 #include <stdexcept>
 
 #include "CVConfiguration.h"
+#include "CrashPoint.h"
 #include "CVEventLogger.h"
 #include "CVTextEscaping.h"
 #include "DownloadedXMLStaticMethods.h"
@@ -444,7 +445,11 @@ bool CVStaticHelpers::WriteFileAtomically(const std::string& path,
   };
   bool filled = false;
   try {
-    filled = fill(append) && writeOut(gathered);
+    filled = fill(append);
+    const std::string_view rest(gathered);
+    filled = filled && writeOut(rest.substr(0, rest.size() / 2));
+    CrashPoint("state-file-half-written");
+    filled = filled && writeOut(rest.substr(rest.size() / 2));
   } catch (...) {
     close(fd);
     unlink(temp.c_str());

@@ -16,6 +16,7 @@
 #include "AsyncFileCommonPart.h"
 #include "AsyncFileDownloader.h"
 #include "CVConfiguration.h"
+#include "CrashPoint.h"
 #include "CVEventLogger.h"
 #include "CVHandler.h"
 #include "CVIPRestriction.h"
@@ -324,6 +325,7 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
 
   auto finish = [&] {
     if (item.isFSWAction) {
+      CrashPoint("local-change-done");
       AsyncFileCommonPart::RemoveFromNewFiles(item);
       sync.RemoveFileFromFSWArrayQueue();
     }

@@ -17,6 +17,7 @@
 #include "AsyncFileCommonPart.h"
 #include "AsyncFileUploader.h"
 #include "CVConfiguration.h"
+#include "CrashPoint.h"
 #include "CVEventLogger.h"
 #include "CVHandler.h"
 #include "CVStaticHelpers.h"
@@ -325,6 +326,7 @@ std::int32_t AsyncFileMethods::RenameFileOnServer(CVFileWithAction& item, bool w
       PassResult result;
       result.code = CheckResponseString(reply);
       if (result.code == SYNC_RETURN_OK || result.code == SYNC_RETURN_RENAME_SOURCE_GONE) {
+        CrashPoint("server-rename-done");
         if (writeState) AsyncFileCommonPart::WriteRenameOperationToDownloadedFiles(item);
         return result;
       }
@@ -414,6 +416,7 @@ std::int32_t AsyncFileMethods::DeleteOnServer(CVFileWithAction& item, bool write
       PassResult result;
       result.code = CheckResponseString(reply);
       if (result.code == SYNC_RETURN_OK) {
+        CrashPoint("server-delete-done");
         if (writeState) AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
         return result;
       }
@@ -506,6 +509,7 @@ void AsyncFileMethods::RecordUpload(CVFileWithAction& item, const std::string& s
   } else {
     Log(method, "the file changed during its upload and goes up again: " + item.nFilePath);
   }
+  CrashPoint("upload-sent");
   AsyncFileCommonPart::WriteToDownloadedFiles(item, false);
 }
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "AsyncFileCommonPart.h"
+#include "CrashPoint.h"
 #include "CVEventLogger.h"
 #include "DownloadedFilesStore.h"
 
@@ -95,6 +96,7 @@ void DownloadLanding::Land() {
   MakeDurable(batch);
   for (const auto& arrived : batch) {
     if (arrived.fd == -2) continue;
+    CrashPoint("download-temp-written");
     std::error_code error;
     fs::rename(arrived.temporaryPath, arrived.file.nFilePath, error);
     if (error) {
@@ -103,6 +105,7 @@ void DownloadLanding::Land() {
                                          "; it waits for the next pass");
       continue;
     }
+    CrashPoint("download-moved");
     // The rename is made durable with the record's next commit, many files at once.
     DownloadedFilesStore::Instance().NoteFolder(fs::path(arrived.file.nFilePath).parent_path().string());
     AsyncFileCommonPart::WriteToDownloadedFiles(arrived.file, false);
