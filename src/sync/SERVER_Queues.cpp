@@ -408,7 +408,8 @@ bool SERVER_Queues::GuardDeletions(const std::string& storageName, const std::ve
         ++held;
         break;
       case MassDeletionGuard::Verdict::Restore:
-        // Gone here too: only its record is left to drop.
+        // Declined: what is still here goes back up; what is gone here too
+        // only loses its record.
         if (CVStaticHelpers::ExistsInAnyForm(record.localPath)) {
           restore.push_back(record);
           break;
