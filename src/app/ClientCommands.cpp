@@ -217,6 +217,9 @@ int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {
     } else if (app->isSyncRunning || app->mainSyncWorking) {
       state = "syncing";
     }
+    SmartSync* sync = app->mainSyncObject();
+    const auto held = sync ? sync->serverQueue().deletionGuard.AllHeld() : std::vector<MassDeletionGuard::Held>{};
+    if (state == "in step" && !held.empty()) state = "deletions wait for your answer";
     io.Out("Client: running, " + state);
     auto progress = SyncListenerAddInfo::Instance().Snapshot();
     if (!progress.currentFileName.empty() && state == "syncing") {
@@ -227,15 +230,10 @@ int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {
       }
       io.Out(line);
     }
-    std::size_t serverWaiting = 0;
-    if (SmartSync* sync = app->mainSyncObject()) serverWaiting = sync->serverQueue().ServerQueueSize();
+    const std::size_t serverWaiting = sync ? sync->serverQueue().ServerQueueSize() : 0;
     io.Out("Waiting: " + std::to_string(localWaiting) + " local changes, " + std::to_string(serverWaiting) +
            " server items");
-    if (SmartSync* sync = app->mainSyncObject()) {
-      for (const auto& held : sync->serverQueue().deletionGuard.AllHeld()) {
-        io.Out("Deletions held: " + MassDeletionGuard::Describe(held));
-      }
-    }
+    for (const auto& storage : held) io.Out("Deletions held: " + MassDeletionGuard::Describe(storage));
   } else {
     io.Out("Client: not running");
     io.Out("Waiting: " + std::to_string(localWaiting) + " local changes");
