@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <map>
+#include <set>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -289,6 +290,8 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
       return path != folder && StateFileSupport::IsSameOrBelow(path, folder);
     });
   };
+  // Size and time of the files the server lists anew: what it moved keeps them.
+  std::set<std::pair<std::int64_t, std::int64_t>> newOnServer;
   CompareNotes notes;
   work.reserve(listing.size());
 
@@ -306,6 +309,7 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
     }
     auto position = index.Find(line.localPath);
     CVFileForCompare* record = position ? &records[*position] : nullptr;
+    if (!record && !line.isFolder) newOnServer.emplace(line.size, line.modifiedTime);
     if (auto problem = ServerNameRules::LocalPathProblem(line.localPath, line.isFolder);
         !problem.empty() || below(tooLong, line.localPath)) {
       // Never cut to fit: a shorter name could be another item's.
@@ -349,14 +353,16 @@ bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CV
   Log("FilterNFQ", "All Items FilterNFQ:\n" + notes.Text());
 
   // In step at the last sync, and now in no (synced) line: excluded by a rule,
-  // or gone on the server, where the guard may hold the deletions.
+  // moved on the server (a new line of the same size and time comes down), or
+  // gone on the server, where the guard may hold the deletions.
   std::vector<CVFileForCompare> vanished;
   std::size_t storageFiles = 0;
   for (const auto& record : records) {
     if (!CVFileForCompareMethods::IsSamePath(record.site, storageName)) continue;
     if (!record.isFolder) ++storageFiles;
     if (record.wasProcessed) continue;
-    if (seen.count(record.localPath)) {
+    if (seen.count(record.localPath) ||
+        (!record.isFolder && newOnServer.count({record.size, record.modifiedTime}))) {
       work.push_back(ItemFor(record, FWA_DeleteLocally));
     } else {
       vanished.push_back(record);

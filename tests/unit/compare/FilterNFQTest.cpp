@@ -397,3 +397,15 @@ TEST_F(HeldDeletionsTest, DecliningPutsWhatIsStillHereBackOnTheServer) {
   Compare();
   EXPECT_THAT(Work(), ElementsAre("2:Docs/new.txt", "3:Docs/b.txt", "0:Docs/d", "0:Docs/d/a.txt"));
 }
+
+TEST_F(FilterNFQTest, AFolderOfEverythingRenamedOnTheServerIsNoMassDeletion) {
+  WriteFile(Path("Docs/old/a.txt"), "a", 1000);
+  WriteFile(Path("Docs/old/b.txt"), "bb", 1100);
+  SaveRecords({Record("Docs/old", 0, 0, true), Record("Docs/old/a.txt", 1, 1000), Record("Docs/old/b.txt", 2, 1100)});
+  List({Line(Path("Docs/new"), 0, 0, true), Line(Path("Docs/new/a.txt"), 1, 1000), Line(Path("Docs/new/b.txt"), 2, 1100)});
+  queues.firstTimeSyncPerformed = true;
+  Compare();
+  EXPECT_THAT(Work(), ElementsAre("2:Docs/new", "2:Docs/new/a.txt", "2:Docs/new/b.txt", "3:Docs/old/a.txt",
+                                  "3:Docs/old/b.txt", "3:Docs/old"));
+  EXPECT_THAT(queues.deletionGuard.AllHeld(), IsEmpty());
+}
