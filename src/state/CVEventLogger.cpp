@@ -14,6 +14,7 @@
 #include <iostream>
 #include <mutex>
 #include <string_view>
+#include <utility>
 
 #include "CVStaticHelpers.h"
 
@@ -185,13 +186,18 @@ CVEventLogger::HeldLines::~HeldLines() {
 void CVEventLogger::HeldLines::Keep() {
   if (!holding_) return;
   holding_ = false;
-  tHeldMainLines = nullptr;
+  KeepHeldLines();
+}
+
+void CVEventLogger::KeepHeldLines() {
+  std::string* held = std::exchange(tHeldMainLines, nullptr);
+  if (!held) return;
   try {
     std::lock_guard<std::mutex> guard(gMainLock);
-    WriteLinesLocked(gMainFile, "/CVMainLogs", lines_);
+    WriteLinesLocked(gMainFile, "/CVMainLogs", *held);
   } catch (...) {
   }
-  lines_.clear();
+  held->clear();
 }
 void CVEventLogger::WriteSettingsLogMessage(const std::string& message) {
   WriteLocked(gSettingsLock, gSettingsFile, "/CVSettingsLogs", message);

@@ -64,4 +64,7 @@ class CVEventLogger {
     std::string lines_;
     bool holding_ = true;
   };
+  // Keep() of the job that holds this thread's lines, for code deeper down that
+  // finds the job is news after all; nothing when no job holds them.
+  static void KeepHeldLines();
 };

@@ -467,6 +467,8 @@ bool AppDelegate::CheckCVConnection() {
       CVEventLogger::WriteMainLogMessage("CheckCVConnection DEVSTATUS: " + status);
       if (status == "1;A") {
         if (isAppOffline) {
+          // Coming online is news, whichever thread asked: a held pass keeps its lines.
+          CVEventLogger::KeepHeldLines();
           SetTooltip("Corvalink Sync");
           SetStatusIcon(2);
         }

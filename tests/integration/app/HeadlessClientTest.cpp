@@ -56,7 +56,7 @@ TEST_F(HeadlessClientTest, OnePassOnlineRecordsLastSyncAndExitsInStep) {
   EXPECT_GT(StoredLastSync(), 0);
   EXPECT_GE(server_->CallCount("GetDeviceStatus"), 1);
   std::string log = home_->ReadLog("CVMainLogs");
-  EXPECT_NE(log.find("CheckCVConnection DEVSTATUS: 1;A"), std::string::npos);
+  EXPECT_NE(log.find("CheckCVConnection DEVSTATUS: 1;A"), std::string::npos) << log;
 }
 
 TEST_F(HeadlessClientTest, WrongPasswordIsOfflineOnceAndExitsWithOne) {

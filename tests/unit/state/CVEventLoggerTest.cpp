@@ -121,7 +121,13 @@ TEST(CVEventLogger, HeldLinesReachTheMainLogOnlyWhenKeptAndInOrder) {
     kept.Keep();
     CVEventLogger::WriteMainLogMessage("after");
   }
+  {
+    CVEventLogger::HeldLines pass;
+    CVEventLogger::WriteMainLogMessage("news");
+    CVEventLogger::KeepHeldLines();  // from deeper down, without the job's object
+  }
   const std::string log = home.ReadLog("CVMainLogs");
   EXPECT_EQ(log.find("routine"), std::string::npos);
-  EXPECT_TRUE(std::regex_search(log, std::regex("other thread(.|\n)*held(.|\n)*inner(.|\n)*after"))) << log;
+  EXPECT_TRUE(std::regex_search(log, std::regex("other thread(.|\n)*held(.|\n)*inner(.|\n)*after(.|\n)*news")))
+      << log;
 }
