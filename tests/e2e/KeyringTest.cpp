@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <random>
+#include <thread>
 
 #include "CVStorageDataProtection.h"
 #include "E2EFixture.h"
@@ -97,6 +98,27 @@ TEST_F(KeyringE2ETest, APasswordInTheFileMovesToTheKeyringAtTheNextStart) {
   EXPECT_NE(configuration.find("<PasswordInKeyring>true</PasswordInKeyring>"), std::string::npos) << configuration;
   auto status = RunCommand(home, {"status"});
   EXPECT_NE(status.output.find("Account: alice on " + serverUrl_ + "\n"), std::string::npos) << status.output;
+}
+
+// A keyring that must first be unlocked or made shows a prompt (run by the
+// test's script with no login keyring, on a virtual display); nobody answers it.
+// The call that waits for it ends when the client quits, as the client's quit
+// cannot wait for a person.
+TEST(KeyringPromptTest, ACallWaitingForAnUnansweredPromptEndsWhenTheClientQuits) {
+  if (!std::getenv("CORVALINK_KEYRING_LOCKED")) GTEST_SKIP() << "run with CORVALINK_KEYRING_LOCKED by its CTest entry";
+  std::string reason;
+  auto keyring = SecretServiceKeyring::IfOnSessionBus(reason);
+  if (!keyring) GTEST_SKIP() << "no Secret Service on the session bus: " << reason;
+  std::string error;
+  bool stored = true;
+  const auto start = std::chrono::steady_clock::now();
+  std::thread store([&] { stored = keyring->Store("https://example.test/", "alice", "label", "pw", error); });
+  std::this_thread::sleep_for(1s);  // the prompt is up by now; a call that ended already fails below
+  SecretServiceKeyring::CancelWaits();
+  store.join();
+  EXPECT_FALSE(stored);
+  EXPECT_NE(error, "") << "the call ended without saying why";
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
 }
 
 }  // namespace
