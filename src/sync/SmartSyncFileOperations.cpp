@@ -593,7 +593,11 @@ std::int32_t SmartSyncFileOperations::PerformUploadToServer(SmartSync& sync, CVF
       return SYNC_RETURN_STATE_CHANGED;
     }
     if (!sync.syncMainThreadShouldRun) return SYNC_RETURN_LOCKED;
-    if (!CheckNextFileOnServer(item, serverData)) return PerformCreateAndUploadLocalCopy(sync, item);
+    if (!CheckNextFileOnServer(item, serverData)) {
+      // An upload whose record a crash lost finds its own content there: nothing to copy.
+      if (server_.RecordIfServerHoldsSame(item, *serverData)) return SYNC_RETURN_OK;
+      return PerformCreateAndUploadLocalCopy(sync, item);
+    }
     if (!sync.syncMainThreadShouldRun) return SYNC_RETURN_LOCKED;
     if (SmartSync::CheckFileNameStringState(item.nFilePath) == 1) {
       item.nFilePath = CVStaticHelpers::PrecomposedForm(item.nFilePath);
@@ -645,8 +649,10 @@ std::int32_t SmartSyncFileOperations::PerformCreateLocalCopyAndDownloadFromServe
   std::int32_t result = SYNC_RETURN_FAILED;
   try {
     Log("PerformCreateLocalCopyAndDownloadFromServer", "Create local copy and download from server " + original);
-    copy = CVStaticHelpers::getLocalCopyName(original);
     app_.AddFileInProgress(original);
+    // The same content on both sides needs neither a copy nor a download.
+    if (auto info = GetFileInfo(original); info && server_.RecordIfServerHoldsSame(item, *info)) return SYNC_RETURN_OK;
+    copy = CVStaticHelpers::getLocalCopyName(original);
     app_.AddFileInProgress(copy);
     if (!MoveAside(original, copy)) {
       // Nothing is downloaded over the user's file.

@@ -457,7 +457,7 @@ std::int32_t AsyncFileMethods::UploadFileToServer(CVFileWithAction& item) {
       const std::int32_t code = CheckResponseCode(status);
       if (code == SYNC_RETURN_OK) {
         // Recorded even when a stop came after the end: the server has the file.
-        RecordUpload(item, target->servPath, target->siteName, before);
+        if (auto info = handler.GetFileInfo(target->servPath, target->siteName)) RecordUpload(item, *info, before);
         return SYNC_RETURN_OK;
       }
       if (Stopped() || status == AsyncFileUploader::kStatusStopped) return SYNC_RETURN_LOCKED;
@@ -482,16 +482,40 @@ std::int32_t AsyncFileMethods::UploadFileToServer(CVFileWithAction& item) {
   }
 }
 
-void AsyncFileMethods::RecordUpload(CVFileWithAction& item, const std::string& servPath,
-                                    const std::string& siteName,
+bool AsyncFileMethods::RecordIfServerHoldsSame(CVFileWithAction& item, const std::vector<std::string>& serverInfo) {
+  const char* method = "RecordIfServerHoldsSame";
+  try {
+    const std::string path = CVStaticHelpers::ExistingForm(item.nFilePath);
+    const auto before = FileStamp(path);
+    const auto serverSize = serverInfo.size() > 2 ? Number(serverInfo[2]) : std::nullopt;
+    if (!before || !serverSize || serverInfo[1] != "F" || *serverSize != before->first) return false;
+    auto target = Begin(method, item, kActionUpload);
+    if (!target) return false;
+    const std::string token = CVHandler::Instance().UsableCVToken(target->siteName);
+    if (token.empty() || Stopped()) return false;
+    const std::string serverHash =
+        MobileClientWS().GetFileHashWithToken(token, target->servPath, ConfiguredPartSizeKb() * 1024, false);
+    // The server spells the MD5 in base64, the local one comes in hex.
+    const auto localHex = CVStaticHelpers::FileMD5HashCreateWithPath(path, 1 << 16);
+    if (!localHex || FileStamp(path) != before) return false;
+    const std::string localHash = ASIHTTPRequest::base64EncodeDouble(*localHex);
+    if (localHash.empty() || serverHash != localHash) return false;
+    Log(method, "the server already holds this content, no copy is made: " + item.nFilePath);
+    RecordUpload(item, serverInfo, before);
+    return true;
+  } catch (const std::exception& failure) {
+    CVEventLogger::LogException(kClass, method, failure.what());
+    return false;
+  }
+}
+
+void AsyncFileMethods::RecordUpload(CVFileWithAction& item, const std::vector<std::string>& info,
                                     const std::optional<std::pair<std::int64_t, std::int64_t>>& before) {
   const char* method = "UploadFileToServer";
-  auto info = CVHandler::Instance().GetFileInfo(servPath, siteName);
-  if (!info) return;
-  std::optional<std::int64_t> size = info->size() > 2 ? Number((*info)[2]) : std::nullopt;
-  std::optional<std::int64_t> modified = info->size() > 3 ? Number((*info)[3]) : std::nullopt;
+  std::optional<std::int64_t> size = info.size() > 2 ? Number(info[2]) : std::nullopt;
+  std::optional<std::int64_t> modified = info.size() > 3 ? Number(info[3]) : std::nullopt;
   if (!size || !modified) {
-    Log(method, "the server's file information cannot be read, no record written: " + servPath);
+    Log(method, "the server's file information cannot be read, no record written: " + item.nFilePath);
     return;
   }
   item.fileSize = *size;

@@ -80,6 +80,7 @@ class AsyncFileMethods : public ServerFileOperations {
   std::int32_t CreateFolderOnServer(CVFileWithAction& item) override;
   std::int32_t DeleteFileOnServer(CVFileWithAction& item) override;
   std::int32_t DeleteFolderOnServer(CVFileWithAction& item) override;
+  bool RecordIfServerHoldsSame(CVFileWithAction& item, const std::vector<std::string>& serverInfo) override;
   // Renames oldFilePath to nFilePath on the server: 0, or -61 when the server
   // had no source (or the target was taken), which the sync treats as done.
   std::int32_t RenameFileOnServer(CVFileWithAction& item, bool writeState);
@@ -175,7 +176,7 @@ class AsyncFileMethods : public ServerFileOperations {
   bool Stopped() const { return actionWasStoppedByUser_ || CancelFlag::ThisThreadCancelled(); }
   // After an upload: the server's time and size into the record, and the time
   // onto the local file when the file is still what went up.
-  void RecordUpload(CVFileWithAction& item, const std::string& servPath, const std::string& siteName,
+  void RecordUpload(CVFileWithAction& item, const std::vector<std::string>& info,
                     const std::optional<std::pair<std::int64_t, std::int64_t>>& before);
 
   std::shared_ptr<const Clock> clock_;

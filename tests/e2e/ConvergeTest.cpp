@@ -110,6 +110,16 @@ const TypeChange kTypeChanges[] = {
      {{"plan.txt", kFolder}, {"plan.txt/x.txt", "x\n"}, {"plan - localcopy.txt", "edited here, longer than before\n"}},
      "",
      ""},
+    // New on both sides, of one size: only the server's hash tells them apart.
+    {"NewFileOfTheSameSizeOnBothSides",
+     {},
+     false,
+     "twin.txt",
+     {{"twin.txt", "local words\n"}},
+     {{"twin.txt", "server text\n"}},
+     {{"twin.txt", "server text\n"}, {"twin - localcopy.txt", "local words\n"}},
+     "",
+     ""},
 };
 
 void PrintTo(const TypeChange& change, std::ostream* out) { *out << change.name; }

@@ -27,6 +27,9 @@ class FakeServerOperations : public ServerFileOperations {
   std::int32_t CreateFolderOnServer(CVFileWithAction& item) override { return Note("mkdir", item); }
   std::int32_t DeleteFileOnServer(CVFileWithAction& item) override { return Note("delete", item); }
   std::int32_t DeleteFolderOnServer(CVFileWithAction& item) override { return Note("rmdir", item); }
+  bool RecordIfServerHoldsSame(CVFileWithAction& item, const std::vector<std::string>&) override {
+    return Note("same?", item) == SYNC_RETURN_OK && serverHoldsSame;
+  }
   void StopCurrentAction() override {}
 
   std::int32_t Note(const std::string& what, const CVFileWithAction& item) {
@@ -36,6 +39,7 @@ class FakeServerOperations : public ServerFileOperations {
   }
   std::vector<std::string> calls;
   std::map<std::string, std::int32_t> results;
+  bool serverHoldsSame = false;
 };
 
 // The download and the server's file info, faked.
@@ -158,9 +162,17 @@ TEST_F(FileOperationsTest, UploadWhoseServerCopyChangedGoesUpAsALocalCopy) {
   ops.serverInfo = std::vector<std::string>{"0", "F", "9", "1700000000"};  // the server has 9 now
   auto item = TakeLocal(LocalEntry(path, NFQ_Modified));
   EXPECT_EQ(ops.PerformNextFileOperation(sync(), item), SYNC_RETURN_OK);
-  EXPECT_THAT(serverOps.calls, ElementsAre("upload:report - localcopy.txt"));
+  EXPECT_THAT(serverOps.calls, ElementsAre("same?:report.txt", "upload:report - localcopy.txt"));
   EXPECT_FALSE(fs::exists(path));
   EXPECT_EQ(Read(root + "/report - localcopy.txt"), "mine, edited");
+
+  // The server already holds this very content: nothing is copied or sent.
+  std::string sent = Make("sent.txt", "sent before a crash");
+  serverOps.serverHoldsSame = true;
+  auto taken = TakeLocal(LocalEntry(sent, NFQ_Created));
+  EXPECT_EQ(ops.PerformNextFileOperation(sync(), taken), SYNC_RETURN_OK);
+  EXPECT_EQ(serverOps.calls.back(), "same?:sent.txt");
+  EXPECT_TRUE(fs::exists(sent));
 
   // What the server holds is what this client last saw: a plain upload.
   std::string same = Make("same.txt", "12345");
