@@ -15,7 +15,6 @@
 #include <QSpinBox>
 #include <QTest>
 #include <QTreeWidget>
-#include <fstream>
 
 #include "CVConfiguration.h"
 #include "ClientServerFixture.h"
@@ -56,10 +55,9 @@ class AccountTabsTest : public ClientServerTest {
     ClientServerTest::TearDown();
   }
   void WritePolicy(const char* editable) {
-    std::ofstream(policyFile_) << "<P><Settings><Editable>" << editable << "</Editable></Settings>"
-                               << "<Corvalink><URL edit=\"true\"/></Corvalink><Storages><Storage><Type>CIFS</Type>"
-                               << "<Name>Docs</Name><Path>" << server_->LocationOf("Docs") << "</Path></Storage>"
-                               << "</Storages></P>";
+    WritePolicyFile(policyFile_,
+                    "<Storage><Type>CIFS</Type><Name>Docs</Name><Path>" + server_->LocationOf("Docs") + "</Path></Storage>",
+                    editable);
   }
   template <typename T>
   T* Find(QObject* in, const char* name) {

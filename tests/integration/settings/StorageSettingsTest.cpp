@@ -36,9 +36,7 @@ class StorageSettingsTest : public ClientServerTest {
     ASSERT_EQ(result.outcome, LoginController::Outcome::SignedIn) << result.message;
   }
   void WritePolicy(const std::string& storages, const char* editable = "true") {
-    std::ofstream(policyFile_) << "<P><Settings><Editable>" << editable << "</Editable></Settings>"
-                               << "<Corvalink><URL edit=\"true\"/></Corvalink><Storages>" << storages
-                               << "</Storages></P>";
+    WritePolicyFile(policyFile_, storages, editable);
   }
   std::vector<std::string> Names() {
     std::vector<std::string> names;

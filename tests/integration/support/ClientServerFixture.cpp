@@ -61,3 +61,9 @@ void ClientServerTest::PutServerFile(const std::string& storage, const std::stri
                                      const std::string& content, std::int64_t modified) {
   server_->WriteFile(storage, relative, content, "alice", modified);
 }
+
+void ClientServerTest::WritePolicyFile(const std::filesystem::path& file, const std::string& storages,
+                                       const char* editable) {
+  std::ofstream(file) << "<P><Settings><Editable>" << editable << "</Editable></Settings>"
+                      << "<Corvalink><URL edit=\"true\"/></Corvalink><Storages>" << storages << "</Storages></P>";
+}

@@ -27,6 +27,9 @@ class ClientServerTest : public ::testing::Test {
   // Writes a file into a storage's folder, as a change on the server side.
   void PutServerFile(const std::string& storage, const std::string& relative, const std::string& content,
                      std::int64_t modified = 1'600'000'000);
+  // Writes a policy for the server to hand out: settings editable or not, the
+  // account's URL editable, and these <Storage> elements.
+  static void WritePolicyFile(const std::filesystem::path& file, const std::string& storages, const char* editable);
 
   std::unique_ptr<TempHome> home_;
   std::filesystem::path serverRoot_;
