@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <ostream>
+#include <iostream>
 
 #include "CVConfiguration.h"
 #include "CVEventLogger.h"
@@ -30,6 +30,10 @@ ClientRuntime::Instance ClientRuntime::AcquireInstance() {
   Instance instance;
   instance.lock = InstanceLock::TryAcquire(LocalEndpoint::LockPath(SettingsFolder()), instance.error);
   instance.anotherRuns = !instance.lock && instance.error.empty();
+  if (!instance.lock && !instance.anotherRuns) {
+    std::cout << "Corvalink Sync cannot tell whether it runs already (" << instance.error
+              << "); it starts all the same." << std::endl;
+  }
   return instance;
 }
 

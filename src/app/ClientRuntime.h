@@ -27,7 +27,8 @@ class ClientRuntime {
   static constexpr int kExitAlreadyRunning = 4;
 
   // The per-user lock: held, or held by another client (anotherRuns), or not to be
-  // tried at all (error says why; the client then runs without its socket).
+  // tried at all (error says why, on the console too; the client then runs
+  // without its socket).
   struct Instance {
     std::unique_ptr<InstanceLock> lock;
     bool anotherRuns = false;

@@ -25,10 +25,6 @@ int HeadlessApp::Run() {
                  "use \"corvalink-sync status\" or \"corvalink-sync quit\"." << std::endl;
     return kExitAlreadyRunning;
   }
-  if (!instance.lock) {
-    std::cout << "Corvalink Sync cannot tell whether it runs already (" << instance.error << "); it starts all the same."
-              << std::endl;
-  }
   auto clock = std::make_shared<Clock>(options_.timeScale);
   PollMainLoop loop(*clock);
   HeadlessStatusSink status(std::cout);

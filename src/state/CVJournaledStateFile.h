@@ -61,6 +61,16 @@ class CVJournaledStateFile {
   // Under the lock, after a change was applied to the content: the change made
   // durable (journal, or a fold when the journal cannot take it).
   bool Record(const CVStateJournal::Entry& entry);
+  // A named change: under the lock, apply changes the content and says whether
+  // it changed anything; entry then makes that durable. False when the file
+  // cannot be read or the change did not reach the disk.
+  template <typename Apply>
+  bool ApplyAndRecord(Apply&& apply, const CVStateJournal::Entry& entry) {
+    std::lock_guard<std::recursive_mutex> lock(lock_);
+    if (EnsureLoaded() == StateFileRead::Unreadable) return false;
+    if (!apply()) return true;  // nothing to change: the file already says so
+    return Record(entry);
+  }
   // Under the lock: the content replaces the file now; a file that could not be
   // read only when overUnreadable (the caller replaces it knowingly).
   bool FoldLocked(bool overUnreadable = false);

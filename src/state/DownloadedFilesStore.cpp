@@ -34,14 +34,6 @@ std::string DownloadedFilesStore::Path() const { return CVStaticHelpers::Generat
 
 // --- Content ---
 
-void DownloadedFilesStore::Clear() {
-  slots_.clear();
-  byPath_.clear();
-  byNormalised_.clear();
-  live_ = 0;
-  sharedKeys_ = false;
-}
-
 void DownloadedFilesStore::FillRecord(const Slot& slot, CVFileForCompare& record) {
   record.localPath = slot.path;
   record.modifiedTime = slot.modifiedTime;
@@ -71,56 +63,6 @@ CVFileForCompare DownloadedFilesStore::ToRecord(const Slot& slot) const {
   return record;
 }
 
-void DownloadedFilesStore::IndexSlot(Index at) {
-  const std::string& path = slots_[at].path;
-  auto [exact, added] = byPath_.try_emplace(std::string_view(path), at);
-  if (!added) {
-    sharedKeys_ = true;
-    if (exact->second > at) {
-      byPath_.erase(exact);
-      byPath_.emplace(std::string_view(path), at);
-    }
-  }
-  std::string normalised = CVStaticHelpers::PrecomposedForm(path);
-  if (normalised == path) return;
-  auto [other, inserted] = byNormalised_.try_emplace(std::move(normalised), at);
-  if (!inserted) {
-    sharedKeys_ = true;
-    other->second = std::min(other->second, at);
-  }
-}
-
-std::optional<DownloadedFilesStore::Index> DownloadedFilesStore::NextWithPath(std::string_view path, bool normalised,
-                                                                              Index from) const {
-  for (Index at = from; at < slots_.size(); ++at) {
-    const Slot& slot = slots_[at];
-    if (!slot.live) continue;
-    if (normalised ? CVStaticHelpers::PrecomposedForm(slot.path) == path && slot.path != path : slot.path == path) {
-      return at;
-    }
-  }
-  return std::nullopt;
-}
-
-void DownloadedFilesStore::UnindexSlot(Index at) {
-  const std::string path = slots_[at].path;
-  if (auto exact = byPath_.find(path); exact != byPath_.end() && exact->second == at) {
-    byPath_.erase(exact);
-    // Another slot of the same path now comes first; its own string is the key.
-    if (sharedKeys_) {
-      if (auto next = NextWithPath(path, false, at + 1)) byPath_.emplace(std::string_view(slots_[*next].path), *next);
-    }
-  }
-  std::string normalised = CVStaticHelpers::PrecomposedForm(path);
-  if (normalised == path) return;
-  if (auto other = byNormalised_.find(normalised); other != byNormalised_.end() && other->second == at) {
-    byNormalised_.erase(other);
-    if (sharedKeys_) {
-      if (auto next = NextWithPath(normalised, true, at + 1)) byNormalised_.emplace(normalised, *next);
-    }
-  }
-}
-
 void DownloadedFilesStore::Add(Slot slot) {
   if (!CVStateXMLFile::IsXMLText(slot.path)) {
     // The file could not hold it: a record of it would live only until the next start.
@@ -129,44 +71,24 @@ void DownloadedFilesStore::Add(Slot slot) {
                                     CVStateXMLFile::PrintableText(slot.path));
     return;
   }
-  slot.live = true;
-  slots_.push_back(std::move(slot));
-  ++live_;
-  IndexSlot(static_cast<Index>(slots_.size() - 1));
-}
-
-void DownloadedFilesStore::Kill(Index at) {
-  Slot& slot = slots_[at];
-  if (!slot.live) return;
-  UnindexSlot(at);
-  slot.live = false;
-  --live_;
-  std::string().swap(slot.path);
+  slots_.Add(std::move(slot));
 }
 
 void DownloadedFilesStore::Move(Index at, std::string path) {
   if (!CVStateXMLFile::IsXMLText(path)) {
     CVEventLogger::LogException(kClassName, "saveDownloadedXML",
                                 "a path that XML cannot hold is not recorded: " + CVStateXMLFile::PrintableText(path));
-    Kill(at);
+    slots_.Kill(at);
     return;
   }
-  UnindexSlot(at);
-  slots_[at].path = std::move(path);
-  IndexSlot(at);
-}
-
-std::optional<DownloadedFilesStore::Index> DownloadedFilesStore::FindExact(std::string_view path) const {
-  auto found = byPath_.find(path);
-  if (found == byPath_.end()) return std::nullopt;
-  return found->second;
+  slots_.SetPath(at, std::move(path));
 }
 
 std::optional<DownloadedFilesStore::Index> DownloadedFilesStore::FindSameIndex(const std::string& path) const {
   const std::string normalised = CVStaticHelpers::PrecomposedForm(path);
-  std::optional<Index> first = FindExact(normalised);
-  if (auto other = byNormalised_.find(normalised); other != byNormalised_.end()) {
-    if (!first || other->second < *first) first = other->second;
+  std::optional<Index> first = slots_.First(normalised);
+  if (auto other = slots_.FirstOther(normalised)) {
+    if (!first || *other < *first) first = other;
   }
   return first;
 }
@@ -177,8 +99,8 @@ bool DownloadedFilesStore::ApplyChange(std::int32_t action, const std::string& n
                                        const std::string& oldFilePath, bool isFolder, std::int64_t size,
                                        std::int64_t modified, bool isBroken, std::int64_t now) {
   const std::string& searchPath = action == 2 ? oldFilePath : nFilePath;
-  std::optional<Index> found = FindExact(searchPath);
-  if (auto temporary = FindExact(AsyncFileCommonPart::TemporaryNameForPath(searchPath))) {
+  std::optional<Index> found = slots_.First(searchPath);
+  if (auto temporary = slots_.First(AsyncFileCommonPart::TemporaryNameForPath(searchPath))) {
     if (!found || *temporary < *found) found = temporary;
   }
   switch (action) {
@@ -207,10 +129,10 @@ bool DownloadedFilesStore::ApplyChange(std::int32_t action, const std::string& n
     }
     case 1:
       if (!found) return false;
-      Kill(*found);
+      slots_.Kill(*found);
       if (isFolder) {
         for (Index at = 0; at < slots_.size(); ++at) {
-          if (slots_[at].live && StateFileSupport::IsSameOrBelow(slots_[at].path, nFilePath)) Kill(at);
+          if (slots_.IsLive(at) && StateFileSupport::IsSameOrBelow(slots_[at].path, nFilePath)) slots_.Kill(at);
         }
       }
       return true;
@@ -225,16 +147,17 @@ bool DownloadedFilesStore::ApplyChange(std::int32_t action, const std::string& n
 
 bool DownloadedFilesStore::ApplyRename(const std::string& oldPath, const std::string& newPath, bool isFolder) {
   if (oldPath.empty()) return false;
-  std::optional<Index> found = FindExact(oldPath);
+  std::optional<Index> found = slots_.First(oldPath);
   if (!found) return false;
   Move(*found, newPath);
   if (isFolder) {
     const std::string oldFolder = WithSlash(oldPath);
     const std::string newFolder = WithSlash(newPath);
     for (Index at = 0; at < slots_.size(); ++at) {
-      const Slot& slot = slots_[at];
-      if (!slot.live || slot.path.compare(0, oldFolder.size(), oldFolder) != 0) continue;
-      Move(at, newFolder + slot.path.substr(oldFolder.size()));
+      if (!slots_.IsLive(at)) continue;
+      const std::string& path = slots_[at].path;
+      if (path.compare(0, oldFolder.size(), oldFolder) != 0) continue;
+      Move(at, newFolder + path.substr(oldFolder.size()));
     }
   }
   return true;
@@ -242,11 +165,10 @@ bool DownloadedFilesStore::ApplyRename(const std::string& oldPath, const std::st
 
 bool DownloadedFilesStore::ApplySetNothing(const std::string& path, std::int64_t now) {
   bool changed = false;
-  for (std::optional<Index> at = FindExact(path); at; at = NextWithPath(path, false, *at + 1)) {
+  for (std::optional<Index> at = slots_.First(path); at; at = slots_.Next(*at)) {
     slots_[*at].fileStatus = -1;
     slots_[*at].statusChangeTime = now;
     changed = true;
-    if (!sharedKeys_) break;
   }
   return changed;
 }
@@ -254,8 +176,8 @@ bool DownloadedFilesStore::ApplySetNothing(const std::string& path, std::int64_t
 bool DownloadedFilesStore::ApplyRemoveBelow(const std::string& folder) {
   bool changed = false;
   for (Index at = 0; at < slots_.size(); ++at) {
-    if (slots_[at].live && StateFileSupport::IsSameOrBelow(slots_[at].path, folder)) {
-      Kill(at);
+    if (slots_.IsLive(at) && StateFileSupport::IsSameOrBelow(slots_[at].path, folder)) {
+      slots_.Kill(at);
       changed = true;
     }
   }
@@ -298,7 +220,7 @@ bool DownloadedFilesStore::ApplyEntry(CVStateJournal::Reader& entry) {
 // --- The file ---
 
 StateFileRead DownloadedFilesStore::ReadFile() {
-  Clear();
+  slots_.Clear();
   StateFileRead state = StateFileRead::Missing;
   auto records = ServerXMLParser::ReadFile(state);
   if (records) {
@@ -311,15 +233,8 @@ StateFileRead DownloadedFilesStore::ReadFile() {
 
 bool DownloadedFilesStore::WriteFile() {
   // The file holds the live records alone: the dead slots go now.
-  if (live_ != slots_.size()) {
-    std::deque<Slot> kept;
-    for (auto& slot : slots_) {
-      if (slot.live) kept.push_back(std::move(slot));
-    }
-    Clear();
-    for (auto& slot : kept) Add(std::move(slot));
-  }
-  std::size_t next = 0;
+  slots_.Compact();
+  Index next = 0;
   CVFileForCompare record;
   return ServerXMLParser::WriteFile([&]() -> const CVFileForCompare* {
     if (next == slots_.size()) return nullptr;
@@ -334,7 +249,7 @@ StateFileRead DownloadedFilesStore::ReadState() {
   std::lock_guard<std::recursive_mutex> lock(lock_);
   StateFileRead state = EnsureLoaded();
   // Changes not yet in a file that was missing still make a record.
-  if (state == StateFileRead::Missing && (live_ > 0 || changedSinceFold())) return StateFileRead::Whole;
+  if (state == StateFileRead::Missing && (slots_.live() > 0 || changedSinceFold())) return StateFileRead::Whole;
   return state;
 }
 
@@ -343,17 +258,15 @@ std::optional<std::vector<CVFileForCompare>> DownloadedFilesStore::Records(State
   state = ReadState();
   if (state == StateFileRead::Missing || state == StateFileRead::Unreadable) return std::nullopt;
   std::vector<CVFileForCompare> records;
-  records.reserve(live_);
-  for (const auto& slot : slots_) {
-    if (slot.live) records.push_back(ToRecord(slot));
-  }
+  records.reserve(slots_.live());
+  slots_.ForEachLive([&](const Slot& slot) { records.push_back(ToRecord(slot)); });
   return records;
 }
 
 std::optional<CVFileForCompare> DownloadedFilesStore::Find(const std::string& path) {
   std::lock_guard<std::recursive_mutex> lock(lock_);
   EnsureLoaded();
-  auto at = FindExact(path);
+  auto at = slots_.First(path);
   if (!at) return std::nullopt;
   return ToRecord(slots_[*at]);
 }
@@ -368,50 +281,37 @@ std::optional<CVFileForCompare> DownloadedFilesStore::FindSame(const std::string
 
 bool DownloadedFilesStore::Change(const CVFileWithAction& file, bool isBroken, std::int32_t action,
                                   std::int64_t now) {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
-  if (EnsureLoaded() == StateFileRead::Unreadable) return false;
-  if (!ApplyChange(action, file.nFilePath, file.oldFilePath, file.isFolder, file.fileSize, file.dateModified,
-                   isBroken, now)) {
-    return true;  // nothing to change: the file already says so
-  }
   CVStateJournal::Entry entry;
   entry.Number(kChange).Number(action).Text(file.nFilePath).Text(file.oldFilePath).Number(file.isFolder ? 1 : 0);
   entry.Number(file.fileSize).Number(file.dateModified).Number(isBroken ? 1 : 0).Number(now);
-  return Record(entry);
+  return ApplyAndRecord(
+      [&] {
+        return ApplyChange(action, file.nFilePath, file.oldFilePath, file.isFolder, file.fileSize, file.dateModified,
+                           isBroken, now);
+      },
+      entry);
 }
 
 bool DownloadedFilesStore::Rename(const std::string& oldPath, const std::string& newPath, bool isFolder) {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
-  if (EnsureLoaded() == StateFileRead::Unreadable) return false;
-  if (!ApplyRename(oldPath, newPath, isFolder)) return true;
-  CVStateJournal::Entry entry;
-  entry.Number(kRename).Text(oldPath).Text(newPath).Number(isFolder ? 1 : 0);
-  return Record(entry);
+  return ApplyAndRecord([&] { return ApplyRename(oldPath, newPath, isFolder); },
+                        CVStateJournal::Entry().Number(kRename).Text(oldPath).Text(newPath).Number(isFolder ? 1 : 0));
 }
 
 bool DownloadedFilesStore::SetNothingStatus(const std::string& path, std::int64_t now) {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
-  if (EnsureLoaded() == StateFileRead::Unreadable) return false;
-  if (!ApplySetNothing(path, now)) return true;
-  CVStateJournal::Entry entry;
-  entry.Number(kSetNothing).Text(path).Number(now);
-  return Record(entry);
+  return ApplyAndRecord([&] { return ApplySetNothing(path, now); },
+                        CVStateJournal::Entry().Number(kSetNothing).Text(path).Number(now));
 }
 
 bool DownloadedFilesStore::RemoveBelow(const std::string& folder) {
-  std::lock_guard<std::recursive_mutex> lock(lock_);
-  if (EnsureLoaded() == StateFileRead::Unreadable) return false;
-  if (!ApplyRemoveBelow(folder)) return true;
-  CVStateJournal::Entry entry;
-  entry.Number(kRemoveBelow).Text(folder);
-  return Record(entry);
+  return ApplyAndRecord([&] { return ApplyRemoveBelow(folder); },
+                        CVStateJournal::Entry().Number(kRemoveBelow).Text(folder));
 }
 
 bool DownloadedFilesStore::ReplaceAll(const std::vector<CVFileForCompare>& records) {
   std::lock_guard<std::recursive_mutex> lock(lock_);
   // Whatever the file held, it is replaced: not even an unreadable one is read first.
   EnsureLoaded();
-  Clear();
+  slots_.Clear();
   for (const auto& record : records) {
     if (!record.deleted) Add(SlotOf(record));
   }

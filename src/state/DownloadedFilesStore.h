@@ -10,14 +10,13 @@
 // downloadedFilesLock(), which a caller may hold around several calls.
 
 #include <cstdint>
-#include <deque>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "CVJournaledStateFile.h"
+#include "CVStaticHelpers.h"
+#include "LiveSlots.h"
 #include "SyncRecords.h"
 
 class DownloadedFilesStore : public CVJournaledStateFile {
@@ -64,9 +63,13 @@ class DownloadedFilesStore : public CVJournaledStateFile {
     std::int32_t fileStatus = 0;
     bool broken = false;
     bool isFolder = false;
-    bool live = true;
   };
-  using Index = std::uint32_t;
+  // Indexed by path, and by the normalised form where it differs from the path.
+  struct Normalised {
+    std::string operator()(const std::string& path) const { return CVStaticHelpers::PrecomposedForm(path); }
+  };
+  using Slots = LiveSlots<Slot, &Slot::path, Normalised>;
+  using Index = Slots::Index;
 
   DownloadedFilesStore();
   // The stored fields of a slot over those of a record, and back; ToRecord adds the site.
@@ -74,17 +77,10 @@ class DownloadedFilesStore : public CVJournaledStateFile {
   static Slot SlotOf(CVFileForCompare record);
   CVFileForCompare ToRecord(const Slot& slot) const;
 
-  void Clear();
+  // A slot whose path XML can hold; any other is logged and left out.
   void Add(Slot slot);
-  void Kill(Index at);
   void Move(Index at, std::string path);
-  std::optional<Index> FindExact(std::string_view path) const;
   std::optional<Index> FindSameIndex(const std::string& path) const;
-  void IndexSlot(Index at);
-  void UnindexSlot(Index at);
-  // The first live slot at or after from whose key is path; for keys that more
-  // than one slot had.
-  std::optional<Index> NextWithPath(std::string_view path, bool normalised, Index from) const;
 
   // The operations, applied to the content alone.
   bool ApplyChange(std::int32_t action, const std::string& nFilePath, const std::string& oldFilePath,
@@ -93,10 +89,5 @@ class DownloadedFilesStore : public CVJournaledStateFile {
   bool ApplySetNothing(const std::string& path, std::int64_t now);
   bool ApplyRemoveBelow(const std::string& folder);
 
-  std::deque<Slot> slots_;  // in file order; a deque, so the index's keys stay put
-  std::size_t live_ = 0;
-  // The first live slot of each path, and of each normalised form that differs from its path.
-  std::unordered_map<std::string_view, Index> byPath_;
-  std::unordered_map<std::string, Index> byNormalised_;
-  bool sharedKeys_ = false;  // some key stood for more than one slot
+  Slots slots_;  // in file order
 };

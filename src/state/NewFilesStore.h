@@ -7,14 +7,12 @@
 // One per process; any thread. Its lock is NewFilesParser::newFilesLock().
 
 #include <cstdint>
-#include <deque>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "CVJournaledStateFile.h"
+#include "LiveSlots.h"
 #include "SyncRecords.h"
 
 class NewFilesStore : public CVJournaledStateFile {
@@ -40,24 +38,13 @@ class NewFilesStore : public CVJournaledStateFile {
   bool WriteFile() override;
 
  private:
-  using Index = std::uint32_t;
-  struct Slot {
-    NFQ_File record;
-    bool live = true;
-  };
+  using Slots = LiveSlots<NFQ_File, &NFQ_File::nFilePath>;
+  using Index = Slots::Index;
 
   NewFilesStore();
-  void Clear();
-  void Add(NFQ_File record);
-  void Kill(Index at);
-  void SetPath(Index at, std::string path);
-  void IndexSlot(Index at);
   bool ApplyChange(const std::string& nFilePath, bool isFolder, std::int32_t action);
   bool ApplyRemoveBelow(const std::string& folder);
   bool ApplyMoveBelow(const std::string& oldFolder, const std::string& newFolder);
 
-  std::deque<Slot> slots_;
-  std::size_t live_ = 0;
-  std::unordered_map<std::string_view, Index> byPath_;  // first live record of each nFilePath
-  bool sharedKeys_ = false;
+  Slots slots_;
 };

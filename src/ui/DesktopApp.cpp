@@ -60,10 +60,6 @@ int DesktopApp::Run(int argc, char** argv) {
               << (error.empty() ? "" : ": " + error) << std::endl;
     return ClientRuntime::kExitAlreadyRunning;
   }
-  if (!instance.lock) {
-    std::cout << "Corvalink Sync cannot tell whether it runs already (" << instance.error
-              << "); it starts all the same." << std::endl;
-  }
 
   auto clock = std::make_shared<Clock>(options_.timeScale);
   QtMainLoop loop(*clock);
