@@ -218,7 +218,7 @@ int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {
       state = "syncing";
     }
     SmartSync* sync = app->mainSyncObject();
-    const auto held = sync ? sync->serverQueue().deletionGuard.AllHeld() : std::vector<MassDeletionGuard::Held>{};
+    const auto held = app->HeldDeletions();
     if (state == "in step" && !held.empty()) state = "deletions wait for your answer";
     io.Out("Client: running, " + state);
     auto progress = SyncListenerAddInfo::Instance().Snapshot();
@@ -250,20 +250,15 @@ int ClientCommands::Status(CommandEnvironment& env, CommandIO& io) {
 }
 
 int ClientCommands::AnswerDeletions(const std::string& storage, bool confirm, AppDelegate& app, CommandIO& io) {
-  SmartSync* sync = app.mainSyncObject();
-  MassDeletionGuard* guard = sync ? &sync->serverQueue().deletionGuard : nullptr;
-  const std::size_t files = guard ? (confirm ? guard->Confirm(storage) : guard->Decline(storage)) : 0;
+  const std::size_t files = app.AnswerHeldDeletions(storage, confirm);
   if (files == 0) {
     io.Err("No deletions wait for an answer in \"" + storage + "\".");
     return kFailed;
   }
-  CVEventLogger::WriteSettingsLogMessage(std::string(confirm ? "Deletions confirmed" : "Deletions declined") +
-                                         " for " + storage + ": " + std::to_string(files) + " files");
   io.Out(confirm ? "The " + std::to_string(files) + " files of \"" + storage +
                        "\" that the server no longer lists go to the Trash now."
                  : "The " + std::to_string(files) + " files of \"" + storage +
                        "\" that the server no longer lists are put back on the server now.");
-  app.syncNowCommand();
   return kDone;
 }
 

@@ -36,3 +36,7 @@ void DesktopCommands::StartStop() {
     }
   });
 }
+
+void DesktopCommands::AnswerDeletions(const std::string& storage, bool confirm) {
+  workers_.Start([this, storage, confirm] { app_.AnswerHeldDeletions(storage, confirm); });
+}

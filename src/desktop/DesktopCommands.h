@@ -3,6 +3,8 @@
 // the sync. Each runs on a worker: stopping a pass waits for it, and the main
 // thread never waits on the sync.
 
+#include <string>
+
 #include "WorkerThreads.h"
 
 class AppDelegate;
@@ -18,6 +20,8 @@ class DesktopCommands {
   // loop started again, so no storage is due for a whole interval; otherwise a
   // paused sync resumes, or a pass starts now.
   void StartStop();
+  // The user's answer to the deletions held in a storage.
+  void AnswerDeletions(const std::string& storage, bool confirm);
 
  private:
   AppDelegate& app_;

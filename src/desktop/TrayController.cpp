@@ -58,6 +58,12 @@ void TrayController::SetPauseTitle(const std::string& title) {
   Redraw();
 }
 
+void TrayController::SetHeldDeletions(const std::vector<std::string>& storages) {
+  if (storages == state_.heldDeletions) return;
+  state_.heldDeletions = storages;
+  Redraw();
+}
+
 void TrayController::ShowProgress(const SyncProgressSnapshot& record) {
   std::string line = SyncProgressView::TrayLine(record);
   if (line == state_.progressLine) return;
@@ -81,6 +87,8 @@ bool TrayController::Activate(const std::string& id) {
     run(commands_.openFolder);
   } else if (id == "exit") {
     run(commands_.exit);
+  } else if (id.rfind("deletions:", 0) == 0) {
+    if (commands_.answerDeletions) commands_.answerDeletions(id.substr(10));
   } else if (commands_.openWindow) {
     if (id.rfind("sync-manager-", 0) == 0) {
       commands_.openWindow(Window::SyncManager, std::stoi(id.substr(13)));

@@ -37,6 +37,8 @@ class TrayController : public StatusSink {
     std::function<void()> openFolder;
     std::function<void(TrayMenuModel::Window window, int tab)> openWindow;
     std::function<void()> exit;
+    // The deletions held in a storage, for the user to decide on.
+    std::function<void(const std::string& storage)> answerDeletions;
   };
 
   // signedIn is asked at each redraw: a sign-in from the terminal shows in the
@@ -57,6 +59,7 @@ class TrayController : public StatusSink {
   void SetSyncNowHidden(bool hidden) override;
   void SetSyncNowTitle(const std::string& title) override;
   void SetPauseTitle(const std::string& title) override;
+  void SetHeldDeletions(const std::vector<std::string>& storages) override;
 
   // The progress line of the menu from one snapshot; the menu is redrawn only
   // when the line changes.

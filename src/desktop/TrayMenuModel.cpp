@@ -18,6 +18,11 @@ std::vector<TrayMenuModel::Entry> TrayMenuModel::Build(const State& state) {
     menu.push_back({"progress", state.progressLine, false, false});
     menu.push_back(Separator());
   }
+  // Deletions held back come first: nothing else of the menu waits for the user.
+  for (const auto& storage : state.heldDeletions) {
+    menu.push_back({"deletions:" + storage, "Deletions held in \"" + storage + "\"…", true, false});
+  }
+  if (!state.heldDeletions.empty()) menu.push_back(Separator());
   if (!state.syncNowHidden) menu.push_back({"sync-now", state.syncNowTitle, true, false});
   menu.push_back({"pause", state.pauseTitle, true, false});
   menu.push_back(Separator());

@@ -21,11 +21,12 @@ class TrayMenuModel {
     std::string syncNowTitle = "Sync now";     // "Sync now (last update at ...)" after a pass
     std::string pauseTitle = "Pause sync";     // "Start sync" while paused
     std::string progressLine;                  // what the sync works on now; "" when idle
+    std::vector<std::string> heldDeletions;    // storages whose deletions wait for an answer
     std::set<Window> windows;
   };
 
   struct Entry {
-    std::string id;  // what the entry does: "sync-now", "pause", "open-folder", "exit"...
+    std::string id;  // what the entry does: "sync-now", "pause", "open-folder", "deletions:STORAGE"...
     std::string title;
     bool enabled = true;
     bool separator = false;

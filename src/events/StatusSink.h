@@ -4,6 +4,7 @@
 // same states and texts to the console and the main log. Called on the main thread.
 
 #include <string>
+#include <vector>
 
 class StatusSink {
  public:
@@ -16,4 +17,7 @@ class StatusSink {
   virtual void SetSyncNowHidden(bool hidden) = 0;
   virtual void SetSyncNowTitle(const std::string& title) = 0;
   virtual void SetPauseTitle(const std::string& title) = 0;
+  // The storages whose deletions wait for the user's answer (none: nothing
+  // waits). The headless client tells them through "status" instead.
+  virtual void SetHeldDeletions(const std::vector<std::string>& storages) { (void)storages; }
 };

@@ -807,10 +807,35 @@ void AppDelegate::NotifyUser(const std::string& text) {
 
 bool AppDelegate::ShowHeldDeletions(SERVER_Queues& server) {
   const auto held = server.deletionGuard.AllHeld();
+  TellHeldStorages(held);
   if (held.empty()) return false;
   SetTooltip(MassDeletionGuard::Describe(held.front()));
   SetStatusIcon(6);
   return true;
+}
+
+void AppDelegate::TellHeldStorages(const std::vector<MassDeletionGuard::Held>& held) {
+  std::vector<std::string> storages;
+  for (const auto& storage : held) storages.push_back(storage.storage);
+  mainLoop_.RunOnMain([&status = status_, storages] { status.SetHeldDeletions(storages); });
+}
+
+std::vector<MassDeletionGuard::Held> AppDelegate::HeldDeletions() {
+  SmartSync* sync = mainSyncObject();
+  return sync ? sync->serverQueue().deletionGuard.AllHeld() : std::vector<MassDeletionGuard::Held>{};
+}
+
+std::size_t AppDelegate::AnswerHeldDeletions(const std::string& storage, bool confirm) {
+  SmartSync* sync = mainSyncObject();
+  if (!sync) return 0;
+  MassDeletionGuard& guard = sync->serverQueue().deletionGuard;
+  const std::size_t files = confirm ? guard.Confirm(storage) : guard.Decline(storage);
+  if (files == 0) return 0;
+  CVEventLogger::WriteSettingsLogMessage(std::string(confirm ? "Deletions confirmed" : "Deletions declined") +
+                                         " for " + storage + ": " + std::to_string(files) + " files");
+  TellHeldStorages(guard.AllHeld());
+  syncNowCommand();
+  return files;
 }
 
 std::optional<std::string> AppDelegate::CertificateProblem() { return connection_.CertificateProblem(); }

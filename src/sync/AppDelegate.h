@@ -20,6 +20,7 @@
 #include "Clock.h"
 #include "FileEventStream.h"
 #include "MainLoop.h"
+#include "MassDeletionGuard.h"
 #include "WorkerThreads.h"
 
 class ConnectionService;
@@ -123,6 +124,11 @@ class AppDelegate {
   // The tray keeps saying what deletions wait for the user until they are
   // decided; false when none do.
   bool ShowHeldDeletions(SERVER_Queues& server);
+  // What waits for the user's answer now, in every storage.
+  std::vector<MassDeletionGuard::Held> HeldDeletions();
+  // The user's answer for one storage: the files it covers (0 when nothing of
+  // the storage waited); a pass then starts to carry it out.
+  std::size_t AnswerHeldDeletions(const std::string& storage, bool confirm);
   // Tells the user once that a download found the disk full; DiskHasRoom makes
   // the next full disk told again.
   void NotifyDiskFull(const std::string& path);
@@ -171,6 +177,8 @@ class AppDelegate {
   std::map<std::string, std::string> filesInProgress;
 
  private:
+  // The tray's list of storages with deletions held, on the main thread.
+  void TellHeldStorages(const std::vector<MassDeletionGuard::Held>& held);
   void ReportPass(PassOutcome outcome);
   // Folds the journals of the state files into the files.
   void SaveStateFiles();

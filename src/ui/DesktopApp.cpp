@@ -2,6 +2,7 @@
 
 #include <QApplication>
 #include <QDesktopServices>
+#include <QPointer>
 #include <QUrl>
 #include <cstdlib>
 #include <iostream>
@@ -15,6 +16,7 @@
 #include "ClientRuntime.h"
 #include "Clock.h"
 #include "DesktopCommands.h"
+#include "HeldDeletionsBox.h"
 #include "InfoTab.h"
 #include "MainLoopWatchdog.h"
 #include "ProgressWatch.h"
@@ -68,6 +70,7 @@ int DesktopApp::Run(int argc, char** argv) {
   std::unique_ptr<SignInWindow> signInWindow;
   std::unique_ptr<ClientRuntime> runtime;
   std::unique_ptr<DesktopCommands> commands;
+  QPointer<QMessageBox> deletionsBox;
   SyncProgressSnapshot lastProgress;
 
   auto drawWindow = [&] {
@@ -113,7 +116,15 @@ int DesktopApp::Run(int argc, char** argv) {
               CVEventLogger::WriteMainLogMessage("DesktopApp - showCVFolder -> no file manager opened " + root);
             }
           },
-          openWindow, [&loop] { loop.Quit(ClientRuntime::kExitInStep); }},
+          openWindow, [&loop] { loop.Quit(ClientRuntime::kExitInStep); },
+          [&](const std::string& storage) {
+            if (deletionsBox) deletionsBox->close();
+            for (const auto& held : runtime->app().HeldDeletions()) {
+              if (held.storage != storage) continue;
+              deletionsBox = HeldDeletionsBox::Open(
+                  held, [&commands, storage](bool confirm) { commands->AnswerDeletions(storage, confirm); });
+            }
+          }},
       {TrayMenuModel::Window::SignIn, TrayMenuModel::Window::SyncManager, TrayMenuModel::Window::AccountTabs},
       [&] { return runtime && runtime->app().IsSyncStarted(); });
   trayIcon.SetActivateHandler([&tray](const std::string& id) { tray.Activate(id); });

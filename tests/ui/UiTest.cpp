@@ -4,12 +4,14 @@
 #include <unistd.h>
 
 #include <QLabel>
+#include <QPointer>
 #include <QPushButton>
 #include <QTabWidget>
 #include <QTest>
 #include <atomic>
 #include <thread>
 
+#include "HeldDeletionsBox.h"
 #include "QtMainLoop.h"
 #include "SyncManagerWindow.h"
 #include "TrayIcon.h"
@@ -101,6 +103,31 @@ TEST(UiTest, TheSyncTabDrawsTheProgressAndItsButtonAsksToStartOrStop) {
   window.SetTabNumber(2);
   window.SetTabNumber(1);
   EXPECT_EQ(tabs->currentWidget(), storages);
+}
+
+// Each button of the held-deletions question answers once, or not at all.
+TEST(UiTest, TheHeldDeletionsQuestionAnswersByItsButtons) {
+  const struct {
+    const char* button;
+    std::vector<bool> answers;
+  } cases[] = {{"Move to Trash", {true}}, {"Put back on the server", {false}}, {"Decide later", {}}};
+  for (const auto& c : cases) {
+    std::vector<bool> answers;
+    QPointer<QMessageBox> box =
+        HeldDeletionsBox::Open({"Docs", 120, 130}, [&](bool confirm) { answers.push_back(confirm); });
+    EXPECT_EQ(box->text().toStdString(),
+              "The server no longer lists 120 of the 130 files of \"Docs\". They stay on this computer until you "
+              "decide.");
+    QAbstractButton* button = nullptr;
+    for (QAbstractButton* candidate : box->buttons()) {
+      if (candidate->text() == c.button) button = candidate;
+    }
+    ASSERT_NE(button, nullptr) << c.button;
+    button->click();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_EQ(answers, c.answers) << c.button;
+    EXPECT_TRUE(box.isNull()) << c.button;  // closed and gone
+  }
 }
 
 }  // namespace

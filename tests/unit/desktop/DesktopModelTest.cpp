@@ -40,6 +40,9 @@ TEST(DesktopModelTest, TheTrayMenuFollowsTheState) {
   noAccount.windows = {W::SyncManager, W::Activity};
   TrayMenuModel::State allWindows = signedIn;
   allWindows.windows = {W::SyncManager, W::AccountTabs, W::SharedFiles};
+  TrayMenuModel::State held = working;
+  held.windows = {};
+  held.heldDeletions = {"Docs", "Team"};
   const Case cases[] = {
       {"no account", noAccount, "Sign in…|---|Exit|"},
       {"every window", allWindows,
@@ -49,6 +52,9 @@ TEST(DesktopModelTest, TheTrayMenuFollowsTheState) {
       {"working, with windows", working,
        "Download report.txt, 45% — 3 files left|---|Pause sync|---|Sync status…|Activity…|"
        "Open Corvalink folder|---|Exit|"},
+      {"deletions held", held,
+       "Download report.txt, 45% — 3 files left|---|Deletions held in \"Docs\"…|Deletions held in \"Team\"…|---|"
+       "Pause sync|---|Open Corvalink folder|---|Exit|"},
   };
   for (const auto& c : cases) EXPECT_EQ(Titles(TrayMenuModel::Build(c.state)), c.titles) << c.name;
   EXPECT_FALSE(TrayMenuModel::Build(working).front().enabled);  // the progress line is not a command
@@ -106,7 +112,8 @@ TEST(DesktopModelTest, TheTrayControllerFollowsTheEngine) {
                       {[&] { done.push_back("sync-now"); }, [&] { done.push_back("pause"); },
                        [&] { done.push_back("open-folder"); },
                        [&](TrayMenuModel::Window, int tab) { done.push_back("window " + std::to_string(tab)); },
-                       [&] { done.push_back("exit"); }},
+                       [&] { done.push_back("exit"); },
+                       [&](const std::string& storage) { done.push_back("deletions " + storage); }},
                       {TrayMenuModel::Window::SyncManager}, [&] { return signedIn; });
   EXPECT_EQ(view.calls, (std::vector<std::string>{"tip Corvalink", "menu Sign in…|---|Exit|"}));
   EXPECT_FALSE(tray.Activate("sync-now"));  // not in the menu before a sign-in
@@ -140,8 +147,12 @@ TEST(DesktopModelTest, TheTrayControllerFollowsTheEngine) {
   EXPECT_EQ(view.calls.back(), "Corvalink Sync: Synced with errors [Open the logs]");
   tray.ShowNotification("Corvalink Sync", "Synchronization paused");
   EXPECT_EQ(view.calls.back(), "Corvalink Sync: Synchronization paused");
-  for (const char* id : {"sync-now", "pause", "sync-manager-0", "open-folder", "exit"}) EXPECT_TRUE(tray.Activate(id));
-  EXPECT_EQ(done, (std::vector<std::string>{"sync-now", "pause", "window 0", "open-folder", "exit"}));
+  EXPECT_FALSE(tray.Activate("deletions:Docs"));  // nothing held yet
+  tray.SetHeldDeletions({"Docs"});
+  for (const char* id : {"sync-now", "pause", "sync-manager-0", "open-folder", "exit", "deletions:Docs"}) {
+    EXPECT_TRUE(tray.Activate(id));
+  }
+  EXPECT_EQ(done, (std::vector<std::string>{"sync-now", "pause", "window 0", "open-folder", "exit", "deletions Docs"}));
 }
 
 // A burst of progress events costs one redraw, of the latest values; a watch gone
