@@ -1,5 +1,11 @@
 // DownloadStorageFile.ashx: a file of a storage, or one of its kept versions.
-// POST form fields `token`, `path`, optional `version`. Range comes raw: absent
+// POST form fields `token`, `path`, optional `version`.
+// GetFile.ashx (a file shared with the caller) and GetMyFile.ashx (one the
+// caller shared): POST form fields `token` (a main token), `shareId`, and
+// optional `path`, a file inside a shared folder relative to it, "/" or "\"
+// separated (chosen). An unknown or expired share, or a path that would leave
+// it, is 404.
+// All of them: Range comes raw: absent
 // or empty is the whole file, "A-" from A to the end, "A-L" is L bytes from A
 // (a length, not a last index); A at or past the end is 200 with an empty body.
 // Every good answer is 200: the raw form is not HTTP's range unit, so there is
@@ -72,32 +78,9 @@ std::shared_ptr<int> OpenForReading(const std::filesystem::path& file) {
   });
 }
 
-void DownloadStorageFile(ServerState& state, const httplib::Request& req, httplib::Response& res,
-                         const std::optional<Fault>& drop) {
-  auto access = ResolveFileAccess(state, FormField(req, "token"), FormField(req, "path"));
-  if (auto* error = std::get_if<AccessError>(&access)) {
-    SendBody(res, *error == AccessError::BadToken ? 401 : 404, "", kOctets, drop);
-    return;
-  }
-  const auto& path = std::get<FileTarget>(access).path;
-  if (state.restrictions().Covers(path.storage->name(), path.relative)) {
-    SendBody(res, 403, "", kOctets, drop);
-    return;
-  }
-  std::filesystem::path file = path.local;
-  const auto version = FormField(req, "version");
-  if (!version.empty()) {
-    unsigned long long number = 0;
-    std::optional<std::filesystem::path> content;
-    if (ParseUnsigned(version, number) && number < 1'000'000'000) {
-      content = path.storage->versions().ContentOf(path.relative, static_cast<int>(number));
-    }
-    if (!content) {
-      SendBody(res, 404, "", kOctets, drop);
-      return;
-    }
-    file = *content;
-  }
+// The bytes of file that the request's Range selects.
+void ServeFile(const std::filesystem::path& file, const httplib::Request& req, httplib::Response& res,
+               const std::optional<Fault>& drop) {
   auto fd = OpenForReading(file);
   struct stat st {};
   if (!fd || ::fstat(*fd, &st) != 0 || !S_ISREG(st.st_mode)) {
@@ -130,10 +113,59 @@ void DownloadStorageFile(ServerState& state, const httplib::Request& req, httpli
   SendFileBytes(res, fd, range->start, range->count, kOctets, drop);
 }
 
+void DownloadStorageFile(ServerState& state, const httplib::Request& req, httplib::Response& res,
+                         const std::optional<Fault>& drop) {
+  auto access = ResolveFileAccess(state, FormField(req, "token"), FormField(req, "path"));
+  if (auto* error = std::get_if<AccessError>(&access)) {
+    SendBody(res, *error == AccessError::BadToken ? 401 : 404, "", kOctets, drop);
+    return;
+  }
+  const auto& path = std::get<FileTarget>(access).path;
+  if (state.restrictions().Covers(path.storage->name(), path.relative)) {
+    SendBody(res, 403, "", kOctets, drop);
+    return;
+  }
+  std::filesystem::path file = path.local;
+  const auto version = FormField(req, "version");
+  if (!version.empty()) {
+    unsigned long long number = 0;
+    std::optional<std::filesystem::path> content;
+    if (ParseUnsigned(version, number) && number < 1'000'000'000) {
+      content = path.storage->versions().ContentOf(path.relative, static_cast<int>(number));
+    }
+    if (!content) {
+      SendBody(res, 404, "", kOctets, drop);
+      return;
+    }
+    file = *content;
+  }
+  ServeFile(file, req, res, drop);
+}
+
+HttpHandler SharedFile(bool mine) {
+  return [mine](ServerState& state, const httplib::Request& req, httplib::Response& res,
+                const std::optional<Fault>& drop) {
+    const auto owner = state.TokenUser(FormField(req, "token"));
+    if (!owner || owner->kind != TokenKind::Main) {
+      SendBody(res, 401, "", kOctets, drop);
+      return;
+    }
+    const auto share = FindShare(state, owner->user, FormField(req, "shareId"), mine);
+    const auto path = share ? ResolveInShare(state, *share, FormField(req, "path")) : std::nullopt;
+    if (!path) {
+      SendBody(res, 404, "", kOctets, drop);
+      return;
+    }
+    ServeFile(path->local, req, res, drop);
+  };
+}
+
 }  // namespace
 
 void AddDownloadHandlers(HandlerTable& table) {
   table.Add("DownloadStorageFile.ashx", DownloadStorageFile);
+  table.Add("GetFile.ashx", SharedFile(false));
+  table.Add("GetMyFile.ashx", SharedFile(true));
 }
 
 }  // namespace devserver

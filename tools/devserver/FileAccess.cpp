@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "ResultTexts.h"
 
 namespace devserver {
@@ -23,6 +25,27 @@ std::variant<FileTarget, SoapReply> ResolveCallTarget(ServerState& state, const 
     return SoapReply::Text(*error == AccessError::BadToken ? kInvalidToken : kNotFound);
   }
   return std::get<FileTarget>(std::move(access));
+}
+
+std::optional<ShareRecord> FindShare(ServerState& state, const std::string& user, const std::string& shareId,
+                                     bool mine) {
+  const auto now = ShareClock::now();
+  for (auto& share : mine ? state.shares().OwnedBy(user, now) : state.shares().SharedWith(user, now)) {
+    if (std::to_string(share.id) == shareId) return share;
+  }
+  return std::nullopt;
+}
+
+std::optional<ResolvedPath> ResolveInShare(ServerState& state, const ShareRecord& share, const std::string& inner) {
+  auto top = state.storages().Resolve(share.owner, share.location);
+  if (!top || inner.empty()) return top;
+  auto path = state.storages().Resolve(share.owner, share.location + "/" + inner);
+  // "sub/../../other" stays in the storage but leaves the share.
+  if (!path || path->storage != top->storage || path->components.size() <= top->components.size() ||
+      !std::equal(top->components.begin(), top->components.end(), path->components.begin())) {
+    return std::nullopt;
+  }
+  return path;
 }
 
 std::optional<EntryStat> StatEntry(const std::filesystem::path& local) {

@@ -34,6 +34,14 @@ std::variant<FileTarget, AccessError> ResolveFileAccess(ServerState& state,
 std::variant<FileTarget, SoapReply> ResolveCallTarget(ServerState& state, const std::string& token,
                                                       const std::string& serverPath);
 
+// A share the user reaches by its id: one made to the user (Shared In), or by
+// the user (mine); expired shares are found nowhere.
+std::optional<ShareRecord> FindShare(ServerState& state, const std::string& user, const std::string& shareId,
+                                     bool mine);
+// The item of a share, or the entry at inner ("/" or "\" separated) inside a
+// shared folder; nothing when it does not exist or inner would leave the share.
+std::optional<ResolvedPath> ResolveInShare(ServerState& state, const ShareRecord& share, const std::string& inner);
+
 struct EntryStat {
   bool isFolder = false;
   std::int64_t size = 0;      // 0 for folders

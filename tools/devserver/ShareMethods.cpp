@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <ctime>
 #include <iomanip>
 #include <sstream>
@@ -351,7 +352,8 @@ SoapReply GetUsersToShare(ServerState& state, const SoapCall& call) {
   return SoapReply::Xml(XmlElement("ResultCode", "0") + "<Users>" + records + "</Users>");
 }
 
-std::string FileProperty(const ServerState& state, const ShareRecord& share) {
+// folderId: 0 for a shared item itself, the share's id for an entry inside a shared folder.
+std::string FileProperty(const ServerState& state, const ShareRecord& share, int folderId = 0) {
   return "<FileProperty>" + XmlElement("file_name", share.fileName) + XmlElement("file_size", std::to_string(share.size)) +
          XmlElement("file_modified", DateText(ShareClock::from_time_t(share.modified))) +
          XmlElement("share_id", std::to_string(share.id)) +
@@ -366,17 +368,41 @@ std::string FileProperty(const ServerState& state, const ShareRecord& share) {
          XmlElement("link", share.link) + XmlElement("shared_at", DateText(share.sharedAt)) +
          (share.expiry ? XmlElement("expire_at", DateText(*share.expiry)) : "") +
          XmlElement("isExternal", share.external ? "true" : "false") + XmlElement("mobileNumber", share.recipientMobile) +
-         XmlElement("isFolder", share.isFolder ? "true" : "false") + XmlElement("folderId", "0") +
+         XmlElement("isFolder", share.isFolder ? "true" : "false") + XmlElement("folderId", std::to_string(folderId)) +
          XmlElement("shareGroup", share.group) + XmlElement("recipientName", share.recipientName) +
          XmlElement("recipientEmail", share.recipientEmail) + "</FileProperty>";
 }
 
+// The entries of the folder at inner inside a shared folder, as records of that share.
+std::string FolderEntries(ServerState& state, const ShareRecord& share, const std::string& inner) {
+  const auto folder = ResolveInShare(state, share, inner);
+  std::error_code error;
+  if (!folder || !std::filesystem::is_directory(folder->local, error)) return "";
+  std::string records;
+  for (const auto& entry : std::filesystem::directory_iterator(folder->local, error)) {
+    const auto stat = StatEntry(entry.path());
+    if (!stat) continue;
+    ShareRecord item = share;
+    item.fileName = entry.path().filename().string();
+    item.size = stat->size;
+    item.modified = stat->modified;
+    item.isFolder = stat->isFolder;
+    records += FileProperty(state, item, share.id);
+  }
+  return records;
+}
+
 // Token, and optionally Path and ShareId: the shares made to (or by) the caller;
-// with a ShareId only that one.
+// with a ShareId only that one, or, for a shared folder, the entries at Path
+// inside it (chosen: Path relative to the shared folder, "" for its top).
 SoapMethod FileList(bool mine) {
   return [mine](ServerState& state, const SoapCall& call) {
     const auto user = MainUser(state, call.Text("Token"));
     if (!user) return SoapReply::Text(kInvalidToken);
+    if (!call.Text("ShareId").empty()) {
+      const auto share = FindShare(state, *user, call.Text("ShareId"), mine);
+      if (share && share->isFolder) return SoapReply::Xml(FolderEntries(state, *share, call.Text("Path")));
+    }
     const auto now = ShareClock::now();
     auto shares = mine ? state.shares().OwnedBy(*user, now) : state.shares().SharedWith(*user, now);
     const std::string only = call.Text("ShareId");
