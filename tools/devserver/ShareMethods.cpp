@@ -280,11 +280,18 @@ SoapReply OnShares(ServerState& state, const SoapCall& call, Change change) {
   return SoapReply::Text(change(*user) > 0 ? kDone : "-6;Share not found;");
 }
 
+// ShareIDs as text: Validity in hours; as <int> children, the form of the
+// edit sheet, in minutes (chosen).
 SoapReply ShareFilesExtend(ServerState& state, const SoapCall& call) {
-  long hours = 0;
-  std::sscanf(call.Text("Validity").c_str(), "%ld", &hours);
+  long validity = 0;
+  std::sscanf(call.Text("Validity").c_str(), "%ld", &validity);
+  const auto* list = call.Find("ShareIDs");
+  std::optional<ShareClock::time_point> expiry = ExpiryAfterHours(validity);
+  if (list && !list->tree.children.empty() && validity != kNoExpiryHours) {
+    expiry = ShareClock::now() + std::chrono::minutes(validity);
+  }
   return OnShares(state, call, [&](const std::string& user) {
-    return state.shares().Extend(user, Ids(call.Text("ShareIDs"), call.Find("ShareIDs")), ExpiryAfterHours(hours));
+    return state.shares().Extend(user, Ids(call.Text("ShareIDs"), list), expiry);
   });
 }
 
@@ -352,8 +359,10 @@ SoapReply GetUsersToShare(ServerState& state, const SoapCall& call) {
   return SoapReply::Xml(XmlElement("ResultCode", "0") + "<Users>" + records + "</Users>");
 }
 
-// folderId: 0 for a shared item itself, the share's id for an entry inside a shared folder.
-std::string FileProperty(const ServerState& state, const ShareRecord& share, int folderId = 0) {
+// folderId: 0 for a shared item itself, the share's id for an entry inside a
+// shared folder. On the list of the shares one made (mine) the person is the
+// recipient, whom the owner's window groups by (chosen).
+std::string FileProperty(const ServerState& state, const ShareRecord& share, bool mine, int folderId = 0) {
   return "<FileProperty>" + XmlElement("file_name", share.fileName) + XmlElement("file_size", std::to_string(share.size)) +
          XmlElement("file_modified", DateText(ShareClock::from_time_t(share.modified))) +
          XmlElement("share_id", std::to_string(share.id)) +
@@ -364,7 +373,8 @@ std::string FileProperty(const ServerState& state, const ShareRecord& share, int
                    }
                    return std::size_t{0};
                  }())) +
-         XmlElement("owner", AddressOf(state, share.owner)) + XmlElement("ownerFullName", share.owner) +
+         XmlElement("owner", mine ? share.recipientEmail : AddressOf(state, share.owner)) +
+         XmlElement("ownerFullName", mine ? share.recipientName : share.owner) +
          XmlElement("link", share.link) + XmlElement("shared_at", DateText(share.sharedAt)) +
          (share.expiry ? XmlElement("expire_at", DateText(*share.expiry)) : "") +
          XmlElement("isExternal", share.external ? "true" : "false") + XmlElement("mobileNumber", share.recipientMobile) +
@@ -374,7 +384,7 @@ std::string FileProperty(const ServerState& state, const ShareRecord& share, int
 }
 
 // The entries of the folder at inner inside a shared folder, as records of that share.
-std::string FolderEntries(ServerState& state, const ShareRecord& share, const std::string& inner) {
+std::string FolderEntries(ServerState& state, const ShareRecord& share, const std::string& inner, bool mine) {
   const auto folder = ResolveInShare(state, share, inner);
   std::error_code error;
   if (!folder || !std::filesystem::is_directory(folder->local, error)) return "";
@@ -387,7 +397,7 @@ std::string FolderEntries(ServerState& state, const ShareRecord& share, const st
     item.size = stat->size;
     item.modified = stat->modified;
     item.isFolder = stat->isFolder;
-    records += FileProperty(state, item, share.id);
+    records += FileProperty(state, item, mine, share.id);
   }
   return records;
 }
@@ -401,14 +411,14 @@ SoapMethod FileList(bool mine) {
     if (!user) return SoapReply::Text(kInvalidToken);
     if (!call.Text("ShareId").empty()) {
       const auto share = FindShare(state, *user, call.Text("ShareId"), mine);
-      if (share && share->isFolder) return SoapReply::Xml(FolderEntries(state, *share, call.Text("Path")));
+      if (share && share->isFolder) return SoapReply::Xml(FolderEntries(state, *share, call.Text("Path"), mine));
     }
     const auto now = ShareClock::now();
     auto shares = mine ? state.shares().OwnedBy(*user, now) : state.shares().SharedWith(*user, now);
     const std::string only = call.Text("ShareId");
     std::string records;
     for (const auto& share : shares) {
-      if (only.empty() || only == std::to_string(share.id)) records += FileProperty(state, share);
+      if (only.empty() || only == std::to_string(share.id)) records += FileProperty(state, share, mine);
     }
     return SoapReply::Xml(records);
   };
