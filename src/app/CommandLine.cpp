@@ -5,7 +5,7 @@
 
 bool CommandLine::IsCommand(const std::string& word) {
   static const std::set<std::string> kCommands = {"login", "logout", "status", "storage", "folders", "select",
-                                                  "sync-now", "pause", "resume", "show", "quit", "share",
+                                                  "sync-now", "pause", "resume", "show", "quit", "share", "shared", "fetch",
                                                   "confirm-deletes", "decline-deletes"};
   return kCommands.count(word) > 0;
 }
@@ -95,6 +95,11 @@ std::string CommandLine::Usage() {
          "                 share files of the storages with users of the server, or\n"
          "                 with --external with anyone by e-mail; --days 0: no expiry.\n"
          "                 Prints the links, or why the share was not made\n"
+         "  shared in|out [ID[/PATH]]   what others shared with you (in), by person, or what\n"
+         "                 you shared (out), by recipient; with ID the inside of a shared folder\n"
+         "  shared in clear [ID[/PATH]...] [--yes]   remove cached copies (all without ID)\n"
+         "  shared out unshare|resend ID... [--yes] | shared out expire ID... --days N\n"
+         "  fetch ID[/PATH]... | fetch --all   download shared files into ~/Corvalink/Shared In\n"
          "  sync-now | pause | resume | quit   the running client\n"
          "  show           bring the running client's window forward\n"
          "  confirm-deletes STORAGE   the running client holds the deletions of a pass\n"

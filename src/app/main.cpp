@@ -11,6 +11,7 @@
 #endif
 #include "HeadlessApp.h"
 #include "ShareCommand.h"
+#include "SharedCommand.h"
 #include "TerminalCommand.h"
 #include "Version.h"
 
@@ -31,6 +32,9 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (options->command == "share") return ShareCommand(*options, std::cout, std::cerr).Run();
+  if (options->command == "shared" || options->command == "fetch") {
+    return SharedCommand(*options, std::cout, std::cerr).Run();
+  }
   if (!options->command.empty()) return TerminalCommand(*options, std::cin, std::cout, std::cerr).Run();
   if (!options->headless) {
 #ifdef CORVALINK_HAS_DESKTOP
