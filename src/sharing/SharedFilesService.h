@@ -49,11 +49,10 @@ class ServerSharedFilesService : public SharedFilesService {
                                 const std::string& token) override {
     return ws_.ShareFilesExtend2(ids, validity, "", "", token);
   }
+  // A refused token is dropped and the download repeated once with a new one.
   bool DownloadSharing(const std::string& localPath, const std::string& sharedId, bool sharedIn,
                        const std::optional<std::string>& sharedPath, const std::string& token,
-                       const AsyncSharedDownloader::Expected& expected) override {
-    return downloader.DownloadSharingWithPath(localPath, sharedId, sharedIn, sharedPath, token, expected);
-  }
+                       const AsyncSharedDownloader::Expected& expected) override;
   void StopDownloading() override { downloader.StopDownloading(); }
 
   AsyncSharedDownloader downloader;

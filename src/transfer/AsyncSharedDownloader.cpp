@@ -86,8 +86,10 @@ bool AsyncSharedDownloader::DownloadSharing(const std::string& localPath, const 
 
 bool AsyncSharedDownloader::DownloadFileVersionToPath(const std::string& localPath, const std::string& version,
                                                       const std::string& serverPath, const std::string& token,
-                                                      const Expected& expected) {
+                                                      std::int64_t expectedSize) {
   CVHandler::Instance().RegenWsURL();
+  Expected expected;
+  if (expectedSize >= 0) expected.size = expectedSize;
   return Download(CVHandler::Instance().downloadFileUrl(), localPath,
                   {{"token", token}, {"path", serverPath}, {"version", version}}, expected);
 }
@@ -235,7 +237,7 @@ void AsyncSharedDownloader::Received(Run& run, ASIHTTPRequest& request, std::str
     }
     total = run.startOffset + run.written;
   }
-  if (onProgress) onProgress(total, run.expected.size);
+  if (onProgress) onProgress(total);
 }
 
 void AsyncSharedDownloader::FinishSharedFileDownloading(Run& run, ASIHTTPRequest& request) {
@@ -248,7 +250,7 @@ void AsyncSharedDownloader::FinishSharedFileDownloading(Run& run, ASIHTTPRequest
   if (!IsSuccess(status)) {
     run.Close();
     fs::remove(run.temporaryPath, error);
-    EndLocked(run, kReasonBadStatus);
+    EndLocked(run, status == 401 ? kReasonNotAuthorized : kReasonBadStatus);
     return;
   }
   try {

@@ -41,6 +41,7 @@ class AsyncSharedDownloader {
     kReasonBadStatus = 4,      // a status outside 200 to 299
     kReasonRequestFailed = 5,  // the request failed on the way
     kReasonStopped = 6,        // StopDownloading
+    kReasonNotAuthorized = 7,  // HTTP 401: the token was refused
   };
   static constexpr double kTimeOutSeconds = 60.0;
 
@@ -63,16 +64,17 @@ class AsyncSharedDownloader {
                                              const std::string& token, const Expected& expected = {});
   [[nodiscard]] bool DownloadSharing(const std::string& localPath, const std::string& sharedId, bool isItSharedIn,
                                      const std::string& token, const Expected& expected = {});
-  // An old version of a storage's file, to any local path.
+  // An old version of a storage's file, to any local path. expectedSize: the
+  // version's size as listed, -1 when not known.
   [[nodiscard]] bool DownloadFileVersionToPath(const std::string& localPath, const std::string& version,
                                                const std::string& serverPath, const std::string& token,
-                                               const Expected& expected = {});
+                                               std::int64_t expectedSize = -1);
 
   // Ends the running download; its temporary file stays for a later resume.
   void StopDownloading();
 
-  // Bytes of the file written so far and its expected size, on the request's thread.
-  std::function<void(std::int64_t written, std::optional<std::int64_t> size)> onProgress;
+  // Bytes of the file here so far, on the request's thread.
+  std::function<void(std::int64_t received)> onProgress;
 
   std::int64_t downloadCancelReason() const { return downloadCancelReason_; }
   bool downloadingRuns() const { return downloadingRuns_; }

@@ -68,7 +68,7 @@ TEST_F(SharedDownloadTest, WhoGetsWhat) {
       {bob_, "1", false, std::nullopt, AsyncSharedDownloader::kReasonBadStatus, ""},  // not bob's own share
       {alice_, "2", false, "in.txt", AsyncSharedDownloader::kReasonSuccess, "inside"},
       {alice_, "1", true, std::nullopt, AsyncSharedDownloader::kReasonBadStatus, ""},
-      {"bad", "1", true, std::nullopt, AsyncSharedDownloader::kReasonBadStatus, ""},
+      {"bad", "1", true, std::nullopt, AsyncSharedDownloader::kReasonNotAuthorized, ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.id + " " + c.path.value_or("") + (c.sharedIn ? " in" : " out"));
