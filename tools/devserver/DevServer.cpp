@@ -87,6 +87,7 @@ class DevServer::Routes {
     AddFileChangeMethods(methods_);
     AddUploadMethods(methods_);
     AddShareMethods(methods_);
+    AddUploadRequestMethods(methods_);
     AddDownloadHandlers(handlers_);
     AddUploadHandlers(handlers_);
     http_.set_keep_alive_max_count(100);

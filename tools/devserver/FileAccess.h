@@ -42,6 +42,9 @@ std::optional<ShareRecord> FindShare(ServerState& state, const std::string& user
 // shared folder; nothing when it does not exist or inner would leave the share.
 std::optional<ResolvedPath> ResolveInShare(ServerState& state, const ShareRecord& share, const std::string& inner);
 
+// The server path of an upload request's folder; "" for an unknown request.
+std::string UploadRequestLocation(ServerState& state, const std::string& guid);
+
 struct EntryStat {
   bool isFolder = false;
   std::int64_t size = 0;      // 0 for folders

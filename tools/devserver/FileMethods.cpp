@@ -88,7 +88,13 @@ void ListFolder(const fs::path& local, const std::string& listedPrefix, char sep
 // path percent-encoded and beginning with the Path as it was sent. A listing is
 // whole or not at all: a client takes a missing entry for a deleted file.
 SoapReply GetFiles(ServerState& state, const SoapCall& call) {
-  auto target = Target(state, call);
+  // An upload request's token with no path: the folder of what came in.
+  std::string requested = call.Text("Path");
+  const auto owner = state.TokenUser(call.Text("Token"));
+  if (requested.empty() && owner && owner->kind == TokenKind::UploadRequest) {
+    requested = UploadRequestLocation(state, owner->scope);
+  }
+  auto target = ResolveCallTarget(state, call.Text("Token"), requested);
   if (auto* reply = std::get_if<SoapReply>(&target)) return *reply;
   const auto& path = std::get<FileTarget>(target).path;
   const auto recursive = ParseBoolean(call.Text("IsRecursive"));

@@ -55,5 +55,6 @@ void AddFileMethods(MethodTable& table);
 void AddFileChangeMethods(MethodTable& table);
 void AddUploadMethods(MethodTable& table);
 void AddShareMethods(MethodTable& table);
+void AddUploadRequestMethods(MethodTable& table);
 
 }  // namespace devserver

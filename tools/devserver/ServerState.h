@@ -18,6 +18,7 @@
 #include "ShareStore.h"
 #include "Storage.h"
 #include "TokenStore.h"
+#include "UploadRequestStore.h"
 
 namespace devserver {
 
@@ -52,6 +53,7 @@ class ServerState {
   FaultInjector& faults() { return faults_; }
   RequestRecorder& requests() { return requests_; }
   ShareStore& shares() { return shares_; }
+  UploadRequestStore& uploadRequestStore() { return uploadRequestStore_; }
 
   // The policy document of GetDefaultSettings2 for the user.
   std::string PolicyFor(const std::string& user) const;
@@ -86,6 +88,7 @@ class ServerState {
   FaultInjector faults_;
   RequestRecorder requests_;
   ShareStore shares_;
+  UploadRequestStore uploadRequestStore_;
 
   mutable std::mutex mutex_;
   std::string versionReply_;
