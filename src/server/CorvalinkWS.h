@@ -112,6 +112,22 @@ class CorvalinkWS {
                                     const std::optional<std::string>& ShareId);
   WSUsageHistoryArray GetUsageHistory(const std::string& token, const std::string& pageNum);
 
+  // --- Upload requests (CorvalinkWSShare.cpp) ---
+  // "" when the request was made; else "-200" or the server's error text.
+  // Validity in minutes; a file size of 0 is no limit; extensions "," separated.
+  std::string CreateUploadRequestWithRecipient(const std::vector<RecipientItem>& recipients, const std::string& Token,
+                                               const std::string& WithSession, unsigned long WithValidity,
+                                               unsigned long WithFileSize, const std::string& WithFileExtensions,
+                                               long WithNumberOfUpload, const std::string& WithSubject,
+                                               const std::string& WithOtpRequired,
+                                               const std::string& WithMessageUpdate,
+                                               const std::string& WithNotification,
+                                               const std::string& WithCurrentSettings);
+  std::vector<CVUploadRequest> GetUploadRequestsWithToken(const std::string& token);
+  // True only for the answer "0;" or "0".
+  bool DeleteUploadRequest(const std::string& token, const std::vector<std::string>& WithRequestID);
+  bool ResendRequestEmail(const std::string& token, const std::vector<std::string>& SharedIDs);
+
   // "yyyy-MM-ddTHH:mm:ss" in UTC, to the second.
   static std::string UtcDateText(TimePoint time);
 

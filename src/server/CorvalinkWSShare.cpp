@@ -338,3 +338,83 @@ WSUsageHistoryArray CorvalinkWS::GetUsageHistory(const std::string& token, const
                                                              {"Token", "pageNum"}, "GetUsageHistory", WsUrl());
   return WSUsageHistoryArray(reply.value_or(""));
 }
+
+// --- Upload requests ---
+
+namespace {
+
+std::string IntList(const std::vector<std::string>& ids) {
+  std::string list;
+  for (const auto& id : ids) list += Leaf("int", id);
+  return list;
+}
+
+}  // namespace
+
+std::string CorvalinkWS::CreateUploadRequestWithRecipient(
+    const std::vector<RecipientItem>& recipients, const std::string& Token, const std::string& WithSession,
+    unsigned long WithValidity, unsigned long WithFileSize, const std::string& WithFileExtensions,
+    long WithNumberOfUpload, const std::string& WithSubject, const std::string& WithOtpRequired,
+    const std::string& WithMessageUpdate, const std::string& WithNotification,
+    const std::string& WithCurrentSettings) {
+  std::string people;
+  for (const auto& r : recipients) {
+    people += "<ExternalRecipient>" + Leaf("Fullname", r.fullname) + Leaf("Email", r.eMail) +
+              Leaf("Mobile", r.mobile) + "</ExternalRecipient>";
+  }
+  // The empty text splits into one empty piece: one empty <string>.
+  std::string extensions;
+  std::size_t start = 0;
+  for (;;) {
+    const std::size_t comma = WithFileExtensions.find(',', start);
+    extensions += Leaf("string", WithFileExtensions.substr(start, comma - start));
+    if (comma == std::string::npos) break;
+    start = comma + 1;
+  }
+  WSCommonMethods::Parameters body = {{"Token", Escaped(Token)},
+                                      {"Session", Escaped(WithSession)},
+                                      {"Recipients", people},
+                                      {"Validity", std::to_string(WithValidity)},
+                                      {"FileSize", WithFileSize == 0 ? "-1" : std::to_string(WithFileSize)},
+                                      {"FileExtensions", extensions},
+                                      {"NumberOfUpload", std::to_string(WithNumberOfUpload)},
+                                      {"Subject", Escaped(WithSubject)},
+                                      {"OtpRequired", Escaped(WithOtpRequired)},
+                                      {"Message", Escaped(WithMessageUpdate)},
+                                      {"SendAllNotifications", Escaped(WithNotification)},
+                                      {"UseCurrentSettings", Escaped(WithCurrentSettings)}};
+  const std::string raw = WSCommonMethods::ProcessComposedRequest(body, "CreateUploadRequest", WsUrl());
+  CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - CreateUploadRequestWithRecipient -> " + raw);
+  // A refused exchange is no request made: the caller says so.
+  if (raw == WSCommonMethods::kBadStatusReply) return raw;
+  const std::string result = ComposedResult(raw, "CreateUploadRequestResult");
+  if (result.empty() || result.front() == '0') return "";
+  CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - CreateUploadRequestWithRecipient -> Upload request error: " +
+                                     result);
+  return result;
+}
+
+std::vector<CVUploadRequest> CorvalinkWS::GetUploadRequestsWithToken(const std::string& token) {
+  auto reply = WSCommonMethods::ProcessDataWebServiceRequest({Escaped(token)}, {"Token"}, "GetUploadRequests", WsUrl());
+  if (NoReply(reply)) return {};
+  return WSUploadRequestParser(*reply).GetFilePropertyCollection();
+}
+
+bool CorvalinkWS::DeleteUploadRequest(const std::string& token, const std::vector<std::string>& WithRequestID) {
+  auto reply = WSCommonMethods::ProcessDataWebServiceRequest({Escaped(token), IntList(WithRequestID)},
+                                                             {"Token", "RequestIDs"}, "DeleteUploadRequest", WsUrl());
+  const auto result = DataResult(reply, "DeleteUploadRequestResult");
+  if (result && (*result == "0;" || *result == "0")) {
+    CVEventLogger::WriteMainLogMessage(std::string(kClass) + " - DeleteUploadRequest -> " + *result);
+    return true;
+  }
+  CVEventLogger::WriteMainLogMessage(std::string("Error delete upload request result: ") + kClass +
+                                     " - DeleteUploadRequest -> '" + result.value_or("") + "'");
+  return false;
+}
+
+bool CorvalinkWS::ResendRequestEmail(const std::string& token, const std::vector<std::string>& SharedIDs) {
+  auto reply = WSCommonMethods::ProcessDataWebServiceRequest({Escaped(token), IntList(SharedIDs)},
+                                                             {"Token", "RequestIDs"}, "ResendRequestEmail", WsUrl());
+  return Succeeded(DataResult(reply, "ResendRequestEmailResult"));
+}

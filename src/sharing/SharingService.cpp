@@ -1,5 +1,7 @@
 #include "SharingService.h"
 
+#include <algorithm>
+
 #include "CVEventLogger.h"
 #include "CVHandler.h"
 
@@ -40,8 +42,9 @@ std::string ServerSharingService::ShareFilesExternalViewOnly(const std::vector<s
                                         viewOnly);
 }
 
-std::string ServerSharingService::CreateUploadRequestWithRecipient(const UploadRequest&) {
-  CVEventLogger::WriteMainLogMessage("Sharing - CreateUploadRequestWithRecipient -> upload requests are not "
-                                     "available in this version of the client");
-  return "-1;";
+std::string ServerSharingService::CreateUploadRequestWithRecipient(const UploadRequest& request) {
+  return ws_.CreateUploadRequestWithRecipient(
+      request.recipients, request.token, request.session, static_cast<unsigned long>(std::max(0L, request.validity)),
+      static_cast<unsigned long>(std::max<std::int64_t>(0, request.sizeLimit)), request.extensions,
+      request.numberOfUploads, request.subject, request.otp, request.message, request.notifyAll, "false");
 }

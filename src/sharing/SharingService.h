@@ -54,7 +54,6 @@ class ServerSharingService : public SharingService {
                                          const std::vector<RecipientName>& recipients, long validity,
                                          const std::string& subject, const std::string& message,
                                          const std::string& token, bool otp, bool notifyAll, bool viewOnly) override;
-  // Upload requests are not made by this client yet: "-1;" and a line in the log.
   std::string CreateUploadRequestWithRecipient(const UploadRequest& request) override;
 
  private:
