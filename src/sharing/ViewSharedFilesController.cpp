@@ -101,12 +101,14 @@ void FetchAll(SharedFilesService& service, const std::string& token, const Fetch
 }  // namespace
 
 ViewSharedFilesController::ViewSharedFilesController(SharedFilesService& service, Post toMain)
-    : service_(service), toMain_(std::move(toMain)) {}
+    : service_(service),
+      worker_(
+          std::move(toMain), [&service] { return service.CheckConnectionAndGetWSToken(); }, isBusy,
+          [this] { Changed(); }, [this] { Tell(kNoConnection); }) {}
 
 ViewSharedFilesController::~ViewSharedFilesController() {
-  alive_.reset();
   service_.StopDownloading();
-  workers_.JoinAll();
+  worker_.Stop();
 }
 
 std::string ViewSharedFilesController::PersonOf(const WSFileProperty& item) {
@@ -305,7 +307,7 @@ void ViewSharedFilesController::DownloadFileAsync(std::vector<WSFileProperty> it
       fetches.push_back({item, Join(currentFolderPath, item.file_name), currentFolderRootPath, currentFolderPath});
     }
   }
-  OnWorker([this, fetches](const std::string& token) -> std::function<void()> {
+  worker_.Run([this, fetches](const std::string& token) -> std::function<void()> {
     Counts counts;
     for (const auto& fetch : fetches) FetchAll(service_, token, fetch, 0, counts);
     return [this, counts] {
@@ -345,7 +347,7 @@ std::string ViewSharedFilesController::JoinIds(const std::vector<WSFileProperty>
 
 void ViewSharedFilesController::UnshareSlectedFiles(const std::vector<WSFileProperty>& items, const Ask& ask) {
   if (sharedIn() || items.empty() || !ask("", items.size() == 1 ? kUnshareOne : kUnshareMany)) return;
-  OnWorker([this, ids = JoinIds(items)](const std::string& token) -> std::function<void()> {
+  worker_.Run([this, ids = JoinIds(items)](const std::string& token) -> std::function<void()> {
     const bool done = service_.DeleteSharedLink(token, ids);
     return [this, done] {
       Tell(done ? kUnshared : kUnshareError);
@@ -356,7 +358,7 @@ void ViewSharedFilesController::UnshareSlectedFiles(const std::vector<WSFileProp
 
 void ViewSharedFilesController::ResendEmail(const std::vector<WSFileProperty>& items) {
   if (sharedIn() || items.empty()) return;
-  OnWorker([this, ids = JoinIds(items)](const std::string& token) -> std::function<void()> {
+  worker_.Run([this, ids = JoinIds(items)](const std::string& token) -> std::function<void()> {
     const bool done = service_.ResendEmailShared(token, ids);
     return [this, done] { Tell(done ? kResent : kUnshareError); };
   });
@@ -372,7 +374,7 @@ void ViewSharedFilesController::ExtendShare(const std::vector<WSFileProperty>& i
   }
   std::vector<std::string> ids;
   for (const auto& item : items) ids.push_back(item.share_id);
-  OnWorker([this, ids, validity](const std::string& token) -> std::function<void()> {
+  worker_.Run([this, ids, validity](const std::string& token) -> std::function<void()> {
     const std::string result = service_.ShareFilesExtend2(ids, validity, token);
     // Only a result that says done counts: "-200", "err..." and the codes of a refusal do not.
     const bool done = result.rfind('0', 0) == 0;
@@ -389,7 +391,7 @@ void ViewSharedFilesController::ExtendShare(const std::vector<WSFileProperty>& i
 void ViewSharedFilesController::Load(
     std::function<std::vector<WSFileProperty>(SharedFilesService&, const std::string& token)> fetch,
     std::function<std::vector<Row>(std::vector<WSFileProperty>)> toRows) {
-  OnWorker([this, fetch, toRows](const std::string& token) -> std::function<void()> {
+  worker_.Run([this, fetch, toRows](const std::string& token) -> std::function<void()> {
     auto items = fetch(service_, token);
     return [this, items = std::move(items), toRows]() mutable {
       originalArrayData = toRows(std::move(items));
@@ -397,32 +399,6 @@ void ViewSharedFilesController::Load(
       page = 0;
       Changed();
     };
-  });
-}
-
-void ViewSharedFilesController::OnWorker(std::function<std::function<void()>(const std::string& token)> work) {
-  if (isBusy) return;
-  isBusy = true;
-  Changed();
-  std::weak_ptr<int> alive = alive_;
-  workers_.Start([this, work = std::move(work), alive, post = toMain_] {
-    std::function<void()> done;
-    try {
-      const std::string token = service_.CheckConnectionAndGetWSToken();
-      if (token.empty() || token.rfind("err", 0) == 0) {
-        done = [this] { Tell(kNoConnection); };
-      } else {
-        done = work(token);
-      }
-    } catch (const std::exception& failure) {
-      CVEventLogger::WriteMainLogMessage(std::string("View Shared Files Window -> ") + failure.what());
-    }
-    post([this, alive, done] {
-      if (!alive.lock()) return;
-      isBusy = false;
-      if (done) done();
-      Changed();
-    });
   });
 }
 

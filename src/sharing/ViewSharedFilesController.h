@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "SharedFilesService.h"
-#include "WorkerThreads.h"
+#include "WindowWorker.h"
 
 class ViewSharedFilesController {
  public:
@@ -121,17 +121,12 @@ class ViewSharedFilesController {
   std::vector<Row> ItemRows(std::vector<WSFileProperty> items, bool up) const;
   void LoadItems();
   void LoadFolder();
-  // Runs work on a worker with the token, unless one runs already; done gets
-  // its result on the main thread while this lives.
-  void OnWorker(std::function<std::function<void()>(const std::string& token)> work);
   void Tell(const std::string& text);
   void Changed();
   bool sharedIn() const { return currentWindowState == kSharedIn; }
   static std::string JoinIds(const std::vector<WSFileProperty>& items);
 
   SharedFilesService& service_;
-  Post toMain_;
   std::vector<Place> stack_;  // the way back out of folders
-  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
-  WorkerThreads workers_;  // last: joined before the rest goes away
+  WindowWorker worker_;  // last: joined before the rest goes away
 };
