@@ -5,7 +5,7 @@
 
 bool CommandLine::IsCommand(const std::string& word) {
   static const std::set<std::string> kCommands = {"login", "logout", "status", "storage", "folders", "select",
-                                                  "sync-now", "pause", "resume", "show", "quit", "share", "shared", "fetch",
+                                                  "sync-now", "pause", "resume", "show", "quit", "share", "shared", "fetch", "requests", "request",
                                                   "confirm-deletes", "decline-deletes"};
   return kCommands.count(word) > 0;
 }
@@ -100,6 +100,11 @@ std::string CommandLine::Usage() {
          "  shared in clear [ID[/PATH]...] [--yes]   remove cached copies (all without ID)\n"
          "  shared out unshare|resend ID... [--yes] | shared out expire ID... --days N\n"
          "  fetch ID[/PATH]... | fetch --all   download shared files into ~/Corvalink/Shared In\n"
+         "  requests       your upload requests: sessions, people, what came in\n"
+         "  request create FOLDER --to EMAIL... [--days N] [--message TEXT]\n"
+         "                 ask people outside to send files into the session FOLDER\n"
+         "  request resend|delete ID... [--yes] | request fetch ID...   what came in goes\n"
+         "                 to ~/Corvalink/External user uploads\n"
          "  sync-now | pause | resume | quit   the running client\n"
          "  show           bring the running client's window forward\n"
          "  confirm-deletes STORAGE   the running client holds the deletions of a pass\n"

@@ -10,6 +10,7 @@
 #include "DesktopApp.h"
 #endif
 #include "HeadlessApp.h"
+#include "RequestsCommand.h"
 #include "ShareCommand.h"
 #include "SharedCommand.h"
 #include "TerminalCommand.h"
@@ -34,6 +35,9 @@ int main(int argc, char** argv) {
   if (options->command == "share") return ShareCommand(*options, std::cout, std::cerr).Run();
   if (options->command == "shared" || options->command == "fetch") {
     return SharedCommand(*options, std::cout, std::cerr).Run();
+  }
+  if (options->command == "requests" || options->command == "request") {
+    return RequestsCommand(*options, std::cout, std::cerr).Run();
   }
   if (!options->command.empty()) return TerminalCommand(*options, std::cin, std::cout, std::cerr).Run();
   if (!options->headless) {

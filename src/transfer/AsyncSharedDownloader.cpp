@@ -94,6 +94,14 @@ bool AsyncSharedDownloader::DownloadFileVersionToPath(const std::string& localPa
                   {{"token", token}, {"path", serverPath}, {"version", version}}, expected);
 }
 
+bool AsyncSharedDownloader::DownloadUploadRequestFileWithPath(const std::string& localPath,
+                                                              const std::string& serverPath,
+                                                              const std::string& WithToken, const Expected& expected) {
+  CVHandler::Instance().RegenWsURL();
+  return Download(CVHandler::Instance().downloadFileUrl(), localPath, {{"token", WithToken}, {"path", serverPath}},
+                  expected);
+}
+
 bool AsyncSharedDownloader::Download(const std::string& url, const std::string& localPath,
                                      const std::vector<std::pair<std::string, std::string>>& fields,
                                      const Expected& expected) {

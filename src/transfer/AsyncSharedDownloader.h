@@ -70,6 +70,11 @@ class AsyncSharedDownloader {
                                                const std::string& serverPath, const std::string& token,
                                                std::int64_t expectedSize = -1);
 
+  // A file that came in through an upload request: its server path with the
+  // request's token (DownloadStorageFile.ashx).
+  [[nodiscard]] bool DownloadUploadRequestFileWithPath(const std::string& localPath, const std::string& serverPath,
+                                                       const std::string& WithToken, const Expected& expected = {});
+
   // Ends the running download; its temporary file stays for a later resume.
   void StopDownloading();
 

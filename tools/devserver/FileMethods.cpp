@@ -111,7 +111,7 @@ SoapReply GetFiles(ServerState& state, const SoapCall& call) {
   if (!entry || !entry->isFolder) return SoapReply::Text(kNotFound);
 
   const char separator = path.storage->separator();
-  std::string prefix = call.Text("Path");
+  std::string prefix = requested;
   if (prefix.empty() || (prefix.back() != '/' && prefix.back() != '\\')) prefix += separator;
   Listing listing;
   ListFolder(path.local, prefix, separator, *recursive, listing);

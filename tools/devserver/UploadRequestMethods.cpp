@@ -149,9 +149,12 @@ SoapReply ResendRequestEmail(ServerState& state, const SoapCall& call) {
   });
 }
 
-// RequestGuid, FileName, Content: the file as an outside person would send it.
+// RequestId, FileName, Content: the file as an outside person would send it.
+// No token: a test stands for someone who has only the request's link.
 SoapReply SimulateExternalUpload(ServerState& state, const SoapCall& call) {
-  const auto request = state.uploadRequestStore().FindGuid(call.Text("RequestGuid"));
+  int id = 0;
+  std::sscanf(call.Text("RequestId").c_str(), "%d", &id);
+  const auto request = state.uploadRequestStore().FindId(id);
   if (!request) return SoapReply::Text(kUploadRequestNotFound);
   auto* storage = state.storages().Find(request->storage);
   const auto name = SplitRelativePath(call.Text("FileName"));

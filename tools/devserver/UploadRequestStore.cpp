@@ -32,6 +32,14 @@ std::optional<UploadRequestRecord> UploadRequestStore::FindGuid(const std::strin
   return std::nullopt;
 }
 
+std::optional<UploadRequestRecord> UploadRequestStore::FindId(int id) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& r : records_) {
+    if (r.id == id) return r;
+  }
+  return std::nullopt;
+}
+
 int UploadRequestStore::Remove(const std::string& owner, const std::vector<int>& ids) {
   std::lock_guard<std::mutex> lock(mutex_);
   const auto before = records_.size();

@@ -32,6 +32,7 @@ class UploadRequestStore {
   std::vector<UploadRequestRecord> Add(std::vector<UploadRequestRecord> records);
   std::vector<UploadRequestRecord> OwnedBy(const std::string& owner) const;
   std::optional<UploadRequestRecord> FindGuid(const std::string& guid) const;
+  std::optional<UploadRequestRecord> FindId(int id) const;
   // Each counts the owner's requests among ids that it changed.
   int Remove(const std::string& owner, const std::vector<int>& ids);
   int Resend(const std::string& owner, const std::vector<int>& ids);
