@@ -1,6 +1,10 @@
 // Two accounts on one local server: what alice shares, bob lists with
 // `shared in` and brings into his "Shared In" cache with `fetch`; his sync
 // leaves the cache alone; alice ends the share with `shared out unshare`.
+// Upload requests: alice asks two people for files, one sends a file (the
+// server's test call), alice lists and fetches it, then deletes the request.
+
+#include <httplib.h>
 
 #include "E2EFixture.h"
 
@@ -58,4 +62,45 @@ TEST_F(SharedCommandTest, BobSeesAndFetchesWhatAliceShared) {
   EXPECT_EQ(RunOnce(bob), 0);
   EXPECT_EQ(Tree(ServerDocs()), server);
   EXPECT_EQ(Tree(cache), fetched);
+}
+
+TEST_F(SharedCommandTest, AliceFetchesWhatCameInThroughARequest) {
+  StartServer();
+  const std::string alice = MakeClientHome("alice");
+  auto created = RunCommand(alice, {"request", "create", "Tax 2026", "--to", "ann@example.com", "joe@example.com",
+                                    "--days", "5"});
+  ASSERT_EQ(created.code, 0) << created.output;
+  // Someone outside sends a file through ann's request.
+  httplib::Client server(serverUrl_.substr(0, serverUrl_.size() - 1));
+  const std::string envelope =
+      "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\"><s:Body><SimulateExternalUpload>"
+      "<RequestId>1</RequestId><FileName>receipts.txt</FileName><Content>twelve receipts</Content>"
+      "</SimulateExternalUpload></s:Body></s:Envelope>";
+  auto sent = server.Post("/CorvalinkWS.asmx", envelope, "text/xml");
+  ASSERT_TRUE(sent && sent->body.find(">0;<") != std::string::npos);
+
+  const auto cache = std::filesystem::path(alice) / "Corvalink" / "External user uploads";
+  const std::string received = (cache / "Tax 2026" / "ann@example.com" / "receipts.txt").string();
+  struct Case {
+    std::vector<std::string> arguments;
+    int code;
+    std::string output;
+  } cases[] = {
+      {{"requests"}, 0, "Tax 2026\n  1  ann@example.com  Expires On: "},
+      {{"requests"}, 0, "      receipts.txt  15 bytes\n  2  joe@example.com"},
+      {{"request", "fetch", "1", "2"}, 0, "1 downloaded to " + cache.string()},
+      {{"requests"}, 0, "receipts.txt  15 bytes  in the cache: " + received},
+      {{"request", "resend", "2"}, 0, "Email resent successfully."},
+      {{"request", "delete", "2"}, 1, "Delete upload request?"},
+      {{"request", "delete", "2", "--yes"}, 0, "Upload request deleted successfully."},
+      {{"request", "fetch", "2"}, 1, "No upload request 2."},
+      {{"request", "create", "Next", "--to", "not-an-address"}, 1, "not-an-address: "},
+  };
+  for (const auto& c : cases) {
+    auto run = RunCommand(alice, c.arguments);
+    EXPECT_EQ(run.code, c.code) << c.arguments[1] << "\n" << run.output;
+    EXPECT_NE(run.output.find(c.output), std::string::npos) << run.output;
+  }
+  EXPECT_EQ(Read(received), "twelve receipts");
+  EXPECT_EQ(Tree(cache).size(), 3u);  // the session's folder, ann's folder, the file
 }
