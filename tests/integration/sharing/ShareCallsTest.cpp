@@ -95,6 +95,29 @@ TEST_F(ShareCallsTest, EveryCallGoesOutByteForByte) {
        "<OtpRequired>true</OtpRequired><Mode>Default</Mode><DoNotSendEmail>false</DoNotSendEmail>"
        "<DoNotSendEmails>false</DoNotSendEmails><NoExpiry>true</NoExpiry><ExpiryDate>2028-11-30T12:26:40"
        "</ExpiryDate><Message/><Token>tok</Token></Options>"},
+      {"CorvalinkWS.asmx", "CreateUploadRequest",
+       [&](CorvalinkWS& ws) {
+         ws.CreateUploadRequestWithRecipient({{"Ann & Co", "ann@example.com", "", "1", "", nullptr}}, "tok", "S&1", 60, 0, "", -1,
+                                             "", "false", "", "true", "false");
+       },
+       "<Token>tok</Token><Session>S&amp;1</Session><Recipients><ExternalRecipient><Fullname>Ann &amp; Co</Fullname>"
+       "<Email>ann@example.com</Email><Mobile>1</Mobile></ExternalRecipient></Recipients><Validity>60</Validity>"
+       "<FileSize>-1</FileSize><FileExtensions><string/></FileExtensions><NumberOfUpload>-1</NumberOfUpload>"
+       "<Subject/><OtpRequired>false</OtpRequired><Message/><SendAllNotifications>true</SendAllNotifications>"
+       "<UseCurrentSettings>false</UseCurrentSettings>"},
+      {"CorvalinkWS.asmx", "CreateUploadRequest",
+       [&](CorvalinkWS& ws) {
+         ws.CreateUploadRequestWithRecipient({}, "tok", "S", 1, 2048, "pdf,doc", 3, "", "", "", "", "");
+       },
+       "<Token>tok</Token><Session>S</Session><Recipients/><Validity>1</Validity><FileSize>2048</FileSize>"
+       "<FileExtensions><string>pdf</string><string>doc</string></FileExtensions><NumberOfUpload>3</NumberOfUpload>"
+       "<Subject/><OtpRequired/><Message/><SendAllNotifications/><UseCurrentSettings/>"},
+      {"CorvalinkWS.asmx", "DeleteUploadRequest", [&](CorvalinkWS& ws) { (void)ws.DeleteUploadRequest("tok", {"3", "4"}); },
+       "<Token>tok</Token><RequestIDs><int>3</int><int>4</int></RequestIDs>"},
+      {"CorvalinkWS.asmx", "ResendRequestEmail", [&](CorvalinkWS& ws) { ws.ResendRequestEmail("tok", {"3"}); },
+       "<Token>tok</Token><RequestIDs><int>3</int></RequestIDs>"},
+      {"CorvalinkWS.asmx", "GetUploadRequests", [&](CorvalinkWS& ws) { ws.GetUploadRequestsWithToken("tok"); },
+       "<Token>tok</Token>"},
       {"CorvalinkWS.asmx", "ShareFilesExtend",
        [&](CorvalinkWS& ws) { ws.ShareFilesExtend("<int>4</int>", 24, "S<", "", "tok"); },
        "<ShareIDs><int>4</int></ShareIDs>" + tail},
@@ -211,4 +234,18 @@ TEST_F(ShareCallsTest, TheLocalServerKeepsListsExtendsAndEndsShares) {
   EXPECT_TRUE(ws.GetUsersToShare("bo", true, false, token).GetUserDataCollection().empty());
   server_->FailNext("FindUsers2", devserver::Fault::DropBeforeReply(), -1);  // the engine tries twice
   EXPECT_FALSE(ws.FindUsers2("bo", token, 0, false).has_value());
+
+  // Upload requests: only "0;" and "0" delete; a request made answers "", a refusal its text.
+  for (const auto& [answer, deleted] : std::vector<std::pair<std::string, bool>>{
+           {"0;", true}, {"0", true}, {"0;anything", false}, {"-1;Invalid token", false}}) {
+    server_->FailNext("DeleteUploadRequest", devserver::Fault::Result(answer));
+    EXPECT_EQ(ws.DeleteUploadRequest(token, {"1"}), deleted) << answer;
+  }
+  for (const auto& [answer, result] : std::vector<std::pair<std::string, std::string>>{
+           {"", ""}, {"0;", ""}, {"-3;Too many uploads", "-3;Too many uploads"}}) {
+    server_->FailNext("CreateUploadRequest", devserver::Fault::Result(answer));
+    EXPECT_EQ(ws.CreateUploadRequestWithRecipient({}, token, "S", 1, 0, "", 1, "", "", "", "", ""), result) << answer;
+  }
+  server_->FailNext("CreateUploadRequest", devserver::Fault::Status(500));
+  EXPECT_EQ(ws.CreateUploadRequestWithRecipient({}, token, "S", 1, 0, "", 1, "", "", "", "", ""), "-200");
 }
