@@ -1,15 +1,29 @@
 #include "ClientSetup.h"
 
 #include <mutex>
+#include <ostream>
 
 #include "ASIHTTPRequest.h"
 #include "CVConfiguration.h"
 #include "CVEventLogger.h"
 #include "CVHandler.h"
+#include "CVStaticHelpers.h"
 #include "Clock.h"
 #include "Keyring.h"
 #include "Policy.h"
 #include "Version.h"
+
+bool ClientSetup::PrepareCommand(double timeScale, std::ostream& err) {
+  CVEventLogger::SetConsoleEcho(false);
+  CVStaticHelpers::CreateSettingsFolder();
+  PrepareProcess(std::make_shared<Clock>(timeScale));
+  InstallKeyring();
+  CVConfiguration& config = CVConfiguration::Instance();
+  config.ReadConfigFromFile();
+  if (!config.Corvalink.Url.empty() && !config.Corvalink.UserName.empty()) return true;
+  err << "No account is signed in." << std::endl;
+  return false;
+}
 
 void ClientSetup::InstallKeyring() {
   static std::once_flag once;

@@ -42,16 +42,7 @@ int RequestsCommand::Run() {
     err_ << kUsage << std::endl;
     return ClientCommands::kUsage;
   }
-  CVEventLogger::SetConsoleEcho(false);
-  CVStaticHelpers::CreateSettingsFolder();
-  ClientSetup::PrepareProcess(std::make_shared<Clock>(line_.timeScale));
-  ClientSetup::InstallKeyring();
-  CVConfiguration::Instance().ReadConfigFromFile();
-  const auto& account = CVConfiguration::Instance().Corvalink;
-  if (account.Url.empty() || account.UserName.empty()) {
-    err_ << "No account is signed in." << std::endl;
-    return ClientCommands::kNoAccount;
-  }
+  if (!ClientSetup::PrepareCommand(line_.timeScale, err_)) return ClientCommands::kNoAccount;
   if (action == "create") return Create({words.begin() + 1, words.end()});
 
   Clock clock(line_.timeScale);

@@ -181,16 +181,7 @@ int SharedCommand::Run() {
     return ClientCommands::kUsage;
   }
 
-  CVEventLogger::SetConsoleEcho(false);
-  CVStaticHelpers::CreateSettingsFolder();
-  ClientSetup::PrepareProcess(std::make_shared<Clock>(line_.timeScale));
-  ClientSetup::InstallKeyring();
-  CVConfiguration::Instance().ReadConfigFromFile();
-  const auto& account = CVConfiguration::Instance().Corvalink;
-  if (account.Url.empty() || account.UserName.empty()) {
-    err_ << "No account is signed in." << std::endl;
-    return ClientCommands::kNoAccount;
-  }
+  if (!ClientSetup::PrepareCommand(line_.timeScale, err_)) return ClientCommands::kNoAccount;
 
   Session session(line_.timeScale, out_, err_);
   Controller& view = session.view();

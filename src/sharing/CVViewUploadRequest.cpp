@@ -7,6 +7,7 @@
 #include <iomanip>
 #include <sstream>
 
+#include "CVStaticHelpers.h"
 #include "SharedCache.h"
 
 namespace {
@@ -16,10 +17,6 @@ bool Exists(const std::string& path) {
   return ::lstat(path.c_str(), &info) == 0;
 }
 
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-  return text;
-}
 
 }  // namespace
 
@@ -108,10 +105,10 @@ void CVViewUploadRequest::BackMethod() {
 }
 
 void CVViewUploadRequest::searchButtonClick(const std::string& text) {
-  const std::string wanted = Lower(text);
+  const std::string wanted = CVStaticHelpers::AsciiLower(text);
   rows.clear();
   for (const auto& row : arraySearchTemp) {
-    if (Lower(row.labelText).find(wanted) != std::string::npos) rows.push_back(row);
+    if (CVStaticHelpers::AsciiLower(row.labelText).find(wanted) != std::string::npos) rows.push_back(row);
   }
   Changed();
 }

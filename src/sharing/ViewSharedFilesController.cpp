@@ -8,16 +8,13 @@
 #include <map>
 
 #include "CVEventLogger.h"
+#include "CVStaticHelpers.h"
 #include "SharedCache.h"
 
 namespace {
 
 constexpr int kDeepestFolder = 64;  // a server that lists a folder inside itself ends here
 
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-  return text;
-}
 
 // The first character (all of its UTF-8 bytes), ASCII letters in upper case.
 std::string FirstLetter(const std::string& name) {
@@ -267,11 +264,11 @@ std::vector<ViewSharedFilesController::Row> ViewSharedFilesController::ItemRows(
 }
 
 void ViewSharedFilesController::SearchBoxAction(const std::string& text) {
-  const std::string wanted = Lower(text);
+  const std::string wanted = CVStaticHelpers::AsciiLower(text);
   rows.clear();
   for (const auto& row : originalArrayData) {
     if (wanted.empty() || row.kind == Row::Up ||
-        (row.kind != Row::Group && Lower(row.name).find(wanted) != std::string::npos)) {
+        (row.kind != Row::Group && CVStaticHelpers::AsciiLower(row.name).find(wanted) != std::string::npos)) {
       rows.push_back(row);
     }
   }
