@@ -187,8 +187,9 @@ std::vector<std::string> FileManagerBridge::OpenWindowFor(const std::vector<std:
     std::string problem = PathProblem(path);
     std::error_code error;
     if (problem.empty() && !fs::exists(fs::symlink_status(path, error))) problem = "no such item";
-    if (problem.empty() && (CVStaticHelpers::serverPathFromLocalPath(path).empty() ||
-                            !IsAccountStorage(CVStaticHelpers::GetSiteNameForLocalPath(path)))) {
+    const std::string storage = CVStaticHelpers::GetSiteNameForLocalPath(path);
+    if (problem.empty() && (CVStaticHelpers::serverPathFromLocalPath(path).empty() || !IsAccountStorage(storage) ||
+                            path == CVStaticHelpers::GenerateRootPathForStorages() + "/" + storage)) {
       problem = "not in a storage";
     }
     if (!problem.empty()) {

@@ -129,6 +129,23 @@ int cv_fm_send_to(CvFmClient* client, const char* storage, const char* const* pa
   return client->fields[0] == "SENT" ? 1 : 0;
 }
 
+int cv_fm_windows(CvFmClient* client, const char* const** commands) {
+  if (!Exchange(client, {"WINDOWS"}, "WINDOWS")) return -1;
+  client->names.clear();
+  if (client->fields[0] != "WINDOWS") client->fields.resize(1);  // a client that opens none
+  for (std::size_t i = 1; i < client->fields.size(); ++i) client->names.push_back(client->fields[i].c_str());
+  if (commands) *commands = client->names.data();
+  return static_cast<int>(client->names.size());
+}
+
+int cv_fm_open_window(CvFmClient* client, const char* command, const char* const* paths, int count) {
+  if (!command) return 0;
+  std::vector<std::string> request{"OPEN", command};
+  for (int i = 0; i < count; ++i) request.emplace_back(paths[i]);
+  if (!Exchange(client, request, "OPENED")) return -1;
+  return client->fields[0] == "OPENED" ? 1 : 0;
+}
+
 int cv_fm_read_changed(CvFmClient* client, void (*changed)(const char* path, void* data), void* data) {
   if (!client) return -1;
   while (true) {
