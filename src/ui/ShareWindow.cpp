@@ -174,6 +174,7 @@ void ShareWindow::Build() {
 
   auto* buttons = new QHBoxLayout;
   buttons->addWidget(&progressIndicator_, 1);
+  buttons->addStretch(1);
   buttons->addWidget(&cancelButton_);
   buttons->addWidget(&shareButton_);
   auto* layout = new QVBoxLayout(this);
