@@ -39,12 +39,9 @@ bool IsFolder(const std::string& path, bool& exists) {
 InternalShare51WindowController::InternalShare51WindowController(SharingService& service, Post toMain,
                                                                  CVConnection policy,
                                                                  std::function<Clock::time_point()> now)
-    : service_(service), toMain_(std::move(toMain)), policy_(std::move(policy)), now_(std::move(now)) {}
+    : service_(service), policy_(std::move(policy)), now_(std::move(now)), worker_(std::move(toMain)) {}
 
-InternalShare51WindowController::~InternalShare51WindowController() {
-  alive_.reset();
-  workers_.JoinAll();
-}
+InternalShare51WindowController::~InternalShare51WindowController() = default;
 
 void InternalShare51WindowController::setArrayFiles(std::vector<std::string> files) { arrayFiles = std::move(files); }
 
@@ -279,7 +276,7 @@ void InternalShare51WindowController::RunSearch() {
   const unsigned generation = ++searchGeneration_;
   const std::string text = searchTextField;
   const int page = pageNumber;
-  OnWorker([this, generation, text, page]() -> std::function<void()> {
+  worker_.Run([this, generation, text, page]() -> std::function<void()> {
     std::string token = service_.CheckConnectionAndGetWSToken();
     if (token.empty()) return {};
     auto rows = service_.GetUsersToShare(text, token).GetRecipientItemCollection();
@@ -379,7 +376,7 @@ void InternalShare51WindowController::ShareToRecipients() {
   std::vector<RecipientName> recipients;
   for (const auto& entry : arrayRecipients) recipients.push_back(*entry.selfRec);
   const long validity = getIntervalTimeForPickerInMinutes(true);
-  OnWorker([this, external, recipients, validity, files = arrayFiles, subject = subjectField,
+  worker_.Run([this, external, recipients, validity, files = arrayFiles, subject = subjectField,
             message = messageField, notify = allNotificationCheckBox.state, view = viewOnly.state,
             otp = otpRequired.state]() -> std::function<void()> {
     const char* name = external ? "ShareToExternal" : "ShareToInternal";
@@ -417,7 +414,7 @@ void InternalShare51WindowController::FileUpload() {
   request.otp = otpRequired.state ? "true" : "false";
   request.message = messageField;
   request.notifyAll = allNotificationCheckBox.state ? "true" : "false";
-  OnWorker([this, request]() mutable -> std::function<void()> {
+  worker_.Run([this, request]() mutable -> std::function<void()> {
     std::string text;
     try {
       request.token = service_.CheckConnectionAndGetWSToken();
@@ -464,22 +461,6 @@ std::function<void()> InternalShare51WindowController::Ended(std::string text, b
     if (controlsOn) SwitchUI(true);
     if (close) Close();
   };
-}
-
-void InternalShare51WindowController::OnWorker(std::function<std::function<void()>()> work) {
-  std::weak_ptr<int> alive = alive_;
-  workers_.Start([work = std::move(work), alive, post = toMain_] {
-    std::function<void()> done;
-    try {
-      done = work();
-    } catch (const std::exception& failure) {
-      CVEventLogger::WriteMainLogMessage(std::string("Sharing - worker -> ") + failure.what());
-    }
-    if (!done) return;
-    post([alive, done] {
-      if (alive.lock()) done();
-    });
-  });
 }
 
 void InternalShare51WindowController::SwitchUI(bool on) { controlsEnabled = on; }

@@ -40,6 +40,24 @@ std::string ServerSharingService::ShareFilesExternalViewOnly(const std::vector<s
                                         viewOnly);
 }
 
+std::string ServerSharingService::ShareFilesInternal(const std::vector<std::string>& files,
+                                                     const std::vector<RecipientName>& recipients, long validity,
+                                                     const std::string& subject, const std::string& message,
+                                                     const std::string& token) {
+  return ws_.ShareFilesInternal(files, recipients, validity, subject, message, token);
+}
+
+std::string ServerSharingService::ShareFilesExternal(const std::vector<std::string>& files,
+                                                     const std::vector<RecipientName>& recipients, long validity,
+                                                     const std::string& subject, const std::string& message,
+                                                     const std::string& token) {
+  return ws_.ShareFilesExternal(files, recipients, validity, subject, message, token);
+}
+
+std::string ServerSharingService::FindUsers(const std::string& query, const std::string& token) {
+  return ws_.FindUsers(query, token);
+}
+
 std::string ServerSharingService::CreateUploadRequestWithRecipient(const UploadRequest&) {
   CVEventLogger::WriteMainLogMessage("Sharing - CreateUploadRequestWithRecipient -> upload requests are not "
                                      "available in this version of the client");

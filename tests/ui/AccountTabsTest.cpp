@@ -38,6 +38,7 @@
 #include "StoragesTab.h"
 #include "SyncManagerSettings.h"
 #include "SyncManagerWindow.h"
+#include "UniversalShareWindow.h"
 
 namespace {
 
@@ -49,6 +50,7 @@ class AccountTabsTest : public ClientServerTest {
     auto options = DefaultOptions();
     options.policies.push_back({"alice", policyFile_});
     options.users.push_back({"bob", "pw"});
+    options.users.push_back({"carol", "pw"});
     StartServer(options);
     WritePolicy("true");
     CVConfiguration::ResetForTests();
@@ -122,8 +124,9 @@ TEST_F(AccountTabsTest, EveryControlHasAnAccessibleName) {
   manager.AddTab(3, new InfoTab, "Info");
   ServerSharingService service;
   ShareWindow share(service, loop_, CVConnection{});
-  for (QWidget* window :
-       std::initializer_list<QWidget*>{tab_.get(), &settings, &sheet, &signIn, &tree, &manager, &share}) {
+  UniversalShareWindow firstShare(service, loop_, CVConnection{});
+  for (QWidget* window : std::initializer_list<QWidget*>{tab_.get(), &settings, &sheet, &signIn, &tree, &manager,
+                                                         &share, &firstShare}) {
     EXPECT_EQ(Unnamed(*window), std::vector<std::string>{}) << window->objectName().toStdString();
   }
 }
@@ -193,6 +196,27 @@ TEST_F(AccountTabsTest, SharesMadeInTheShareWindowReachTheServer) {
   EXPECT_EQ(shares[1].recipientEmail, "x@example.com");
   EXPECT_TRUE(shares[1].external);
   EXPECT_FALSE(shares[1].expiry);
+
+  // The first-generation window: a user found in its sheet, a day's validity.
+  bool closed = false;
+  UniversalShareWindow first(service, loop_, policy);
+  ASSERT_TRUE(first.Open({file}, UniversalShareWindow::Controller::kInternalShare, [&] { closed = true; }));
+  first.show();
+  Find<QPushButton>(&first, "addButton")->click();
+  Find<QLineEdit>(&first, "searchField")->setText("carol");
+  Find<QPushButton>(&first, "searchButton")->click();
+  auto* found = Find<QListWidget>(&first, "foundList");
+  ASSERT_TRUE(QTest::qWaitFor([&] { return found->count() == 1; }, 20000));
+  found->item(0)->setSelected(true);
+  Find<QPushButton>(&first, "sheetAddButton")->click();
+  Find<QPushButton>(&first, "shareButton")->click();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return closed; }, 20000));
+  EXPECT_EQ(ShareMessage(), ShareWindow::Controller::kSharedOne);
+  const auto third = server_->state().shares().All().at(2);
+  EXPECT_EQ(third.recipientUser, "carol");
+  ASSERT_TRUE(third.expiry);
+  using Hours = std::chrono::duration<double, std::ratio<3600>>;
+  EXPECT_NEAR(Hours(*third.expiry - std::chrono::system_clock::now()).count(), 24, 0.1);
 
   // No shares outside: the window does not open, and says why.
   policy.ExternalSharing = false;
