@@ -5,7 +5,6 @@
 #include <QFormLayout>
 #include <QGridLayout>
 #include <QHBoxLayout>
-#include <QMessageBox>
 #include <QPointer>
 #include <QVBoxLayout>
 
@@ -324,12 +323,7 @@ void ShareWindow::Tell(const std::string& text) {
   // window, and its message then stands on its own.
   QPointer<ShareWindow> self(this);
   QTimer::singleShot(0, qApp, [self, text] {
-    QWidget* parent = self && !self->closing_ ? self.data() : nullptr;
-    auto* box = new QMessageBox(QMessageBox::Information, "Corvalink Sync", Q(text), QMessageBox::Ok, parent);
-    box->setObjectName("shareMessage");
-    box->setAttribute(Qt::WA_DeleteOnClose);
-    box->setWindowModality(parent ? Qt::WindowModal : Qt::NonModal);
-    box->show();
+    widgets::ShowMessage(self && !self->closing_ ? self.data() : nullptr, text, "shareMessage");
   });
 }
 

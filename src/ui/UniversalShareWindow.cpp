@@ -4,7 +4,6 @@
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QHeaderView>
-#include <QMessageBox>
 #include <QVBoxLayout>
 
 #include "InternalShare51WindowController.h"
@@ -29,11 +28,7 @@ UniversalShareWindow::UniversalShareWindow(SharingService& service, MainLoop& lo
   controller_.onChange = [this] { Draw(); };
   controller_.onMessage = [this](const std::string& text) {
     QWidget* parent = closing_ ? nullptr : (sheet_.isVisible() ? static_cast<QWidget*>(&sheet_) : this);
-    auto* box = new QMessageBox(QMessageBox::Information, "Corvalink Sync", Q(text), QMessageBox::Ok, parent);
-    box->setObjectName("shareMessage");
-    box->setAttribute(Qt::WA_DeleteOnClose);
-    box->setWindowModality(parent ? Qt::WindowModal : Qt::NonModal);
-    box->show();
+    widgets::ShowMessage(parent, text, "shareMessage");
   };
 }
 
