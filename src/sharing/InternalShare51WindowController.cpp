@@ -309,21 +309,24 @@ void InternalShare51WindowController::addRecipients(std::size_t searchRow) {
   Changed();
 }
 
-void InternalShare51WindowController::AddExternalRecipient() {
-  const char* refusal = nullptr;
-  if (emailField.empty()) {
-    refusal = "e-mail address is required";
-  } else if (!isEmailAddressValid(emailField)) {
-    refusal = "Enter a valid email.";
-  } else if (otpRequired.state && !isMobileValid(mobileField)) {
-    refusal = "Enter a valid mobile number.";
-  } else if (nameField.empty()) {
-    refusal = "Please enter all recipient details.";
-  } else if (std::any_of(arrayRecipients.begin(), arrayRecipients.end(),
-                         [&](const RecipientItem& entry) { return entry.fullname == nameField; })) {
-    refusal = "You have added one recipient with the same name, please change the name of the current recipient.";
+const char* InternalShare51WindowController::ExternalRecipientProblem(const std::string& name,
+                                                                     const std::string& email,
+                                                                     const std::string& mobile, bool checkMobile,
+                                                                     const std::vector<std::string>& names) {
+  if (email.empty()) return "e-mail address is required";
+  if (!isEmailAddressValid(email)) return "Enter a valid email.";
+  if (checkMobile && !isMobileValid(mobile)) return "Enter a valid mobile number.";
+  if (name.empty()) return "Please enter all recipient details.";
+  if (std::find(names.begin(), names.end(), name) != names.end()) {
+    return "You have added one recipient with the same name, please change the name of the current recipient.";
   }
-  if (refusal) {
+  return nullptr;
+}
+
+void InternalShare51WindowController::AddExternalRecipient() {
+  std::vector<std::string> names;
+  for (const auto& entry : arrayRecipients) names.push_back(entry.fullname);
+  if (const char* refusal = ExternalRecipientProblem(nameField, emailField, mobileField, otpRequired.state, names)) {
     Tell(refusal);
     return;
   }

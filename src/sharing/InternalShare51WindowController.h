@@ -88,6 +88,11 @@ class InternalShare51WindowController {
   static bool isEmailAddressValid(const std::string& address);
   static bool isMobileValid(const std::string& mobile);
   static bool isValidNumber(const std::string& text, long digits);
+  // Why an outside recipient cannot be added, in the order the window checks,
+  // or nullptr; names: those of the recipients already there.
+  static const char* ExternalRecipientProblem(const std::string& name, const std::string& email,
+                                              const std::string& mobile, bool checkMobile,
+                                              const std::vector<std::string>& names);
   // The digits among the first n characters.
   static std::string DigitsOnly(const std::string& text, std::size_t n);
   // "a", "a and b", "a, b, and c".

@@ -97,20 +97,10 @@ void UniversalSharingWindowController::AddFoundUser(std::size_t row) {
 
 bool UniversalSharingWindowController::AddExternalRecipient(const std::string& name, const std::string& email,
                                                             const std::string& mobile) {
-  const char* refusal = nullptr;
-  if (email.empty()) {
-    refusal = "e-mail address is required";
-  } else if (!Second::isEmailAddressValid(email)) {
-    refusal = "Enter a valid email.";
-  } else if (!mobile.empty() && !Second::isMobileValid(mobile)) {
-    refusal = "Enter a valid mobile number.";
-  } else if (name.empty()) {
-    refusal = "Please enter all recipient details.";
-  } else if (std::any_of(recipients.begin(), recipients.end(),
-                         [&](const RecipientName& r) { return r.recName == name; })) {
-    refusal = "You have added one recipient with the same name, please change the name of the current recipient.";
-  }
-  if (refusal) {
+  std::vector<std::string> names;
+  for (const auto& r : recipients) names.push_back(r.recName);
+  // A mobile number is optional here; one that is given must be valid.
+  if (const char* refusal = Second::ExternalRecipientProblem(name, email, mobile, !mobile.empty(), names)) {
     Tell(refusal);
     return false;
   }
