@@ -1,6 +1,7 @@
 #include "ShareWindow.h"
 
 #include <QApplication>
+#include <algorithm>
 #include <QCloseEvent>
 #include <QFormLayout>
 #include <QGridLayout>
@@ -42,7 +43,8 @@ void SetRows(QListWidget& list, const std::vector<RecipientItem>& rows) {
   const int current = list.currentRow();
   list.clear();
   list.addItems(texts);
-  list.setCurrentRow(std::min(current, list.count() - 1));
+  // The first row stands chosen, so that Add takes the best match at once.
+  if (list.count() > 0) list.setCurrentRow(std::clamp(current, 0, list.count() - 1));
 }
 
 void Apply(QCheckBox& box, const Controller::CheckBox& state, bool controlsOn) {
@@ -199,9 +201,10 @@ void ShareWindow::Build() {
   });
 
   // Plain fields: what the user writes is the controller's.
+  // textChanged, not textEdited: assistive technologies set a field's text whole.
   auto bind = [this](QLineEdit& field, std::string Controller::*member) {
-    connect(&field, &QLineEdit::textEdited, this, [this, member](const QString& text) {
-      controller_.*member = text.toStdString();
+    connect(&field, &QLineEdit::textChanged, this, [this, member](const QString& text) {
+      if (!drawing_) controller_.*member = text.toStdString();
     });
   };
   bind(nameField_, &Controller::nameField);
@@ -213,11 +216,11 @@ void ShareWindow::Build() {
   connect(&messageField_, &QPlainTextEdit::textChanged, this, [this] {
     if (!drawing_) controller_.messageField = messageField_.toPlainText().toStdString();
   });
-  connect(&numAttempText_, &QLineEdit::textEdited, this, [this](const QString& text) {
-    controller_.controlTextDidChange(Controller::NumericField::NumAttemp, text.toStdString());
+  connect(&numAttempText_, &QLineEdit::textChanged, this, [this](const QString& text) {
+    if (!drawing_) controller_.controlTextDidChange(Controller::NumericField::NumAttemp, text.toStdString());
   });
-  connect(&fileLimitText_, &QLineEdit::textEdited, this, [this](const QString& text) {
-    controller_.controlTextDidChange(Controller::NumericField::FileLimit, text.toStdString());
+  connect(&fileLimitText_, &QLineEdit::textChanged, this, [this](const QString& text) {
+    if (!drawing_) controller_.controlTextDidChange(Controller::NumericField::FileLimit, text.toStdString());
   });
   connect(&typeSize_, &QComboBox::activated, this, [this](int index) { controller_.PopUpButtonClick(index); });
 

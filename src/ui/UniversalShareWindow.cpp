@@ -86,7 +86,7 @@ void UniversalShareWindow::Build() {
   });
   connect(&comboBoxValidity_, &QComboBox::activated, this,
           [this](int index) { controller_.selectedValidity = static_cast<std::size_t>(std::max(index, 0)); });
-  connect(&subjectField_, &QLineEdit::textEdited, this,
+  connect(&subjectField_, &QLineEdit::textChanged, this,
           [this](const QString& text) { controller_.subject = text.toStdString(); });
   connect(&messageField_, &QPlainTextEdit::textChanged, this,
           [this] { controller_.message = messageField_.toPlainText().toStdString(); });
