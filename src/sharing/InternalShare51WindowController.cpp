@@ -380,8 +380,8 @@ void InternalShare51WindowController::ShareToRecipients() {
   for (const auto& entry : arrayRecipients) recipients.push_back(*entry.selfRec);
   const long validity = getIntervalTimeForPickerInMinutes(true);
   worker_.Run([this, external, recipients, validity, files = arrayFiles, subject = subjectField,
-            message = messageField, notify = allNotificationCheckBox.state, view = viewOnly.state,
-            otp = otpRequired.state]() -> std::function<void()> {
+               message = messageField, notify = allNotificationCheckBox.state, view = viewOnly.state,
+               otp = otpRequired.state]() -> std::function<void()> {
     const char* name = external ? "ShareToExternal" : "ShareToInternal";
     try {
       std::string token = service_.CheckConnectionAndGetWSToken();

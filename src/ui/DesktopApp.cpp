@@ -139,7 +139,7 @@ int DesktopApp::Run(int argc, char** argv) {
   QPointer<ShareWindow> shareWindow;
   runtime->SetWindowHandler([&](const std::string& command, const std::vector<std::string>& paths) {
     CVEventLogger::WriteMainLogMessage("DesktopApp - " + command + " -> " + std::to_string(paths.size()) + " items");
-    if (shareWindow) {
+    if (shareWindow && shareWindow->isVisible()) {
       shareWindow->ShowInFront();
       return;
     }

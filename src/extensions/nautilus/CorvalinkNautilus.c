@@ -3,9 +3,8 @@
  * commands in the context menu: "Share inside" and "Share outside" on items of
  * a storage, "Send to Corvalink" on items outside the storages. Everything runs
  * on the file manager's main thread with a short time-out; when the client is
- * not running the extension
- * shows nothing and asks again a few seconds later, so the file manager never
- * waits on it. Redraws come from the client's subscription: only the files whose
+ * not running the extension shows nothing and asks again a few seconds later,
+ * so the file manager never waits on it. Redraws come from the client's subscription: only the files whose
  * state changed are asked again. G_MESSAGES_DEBUG=CorvalinkNautilus logs what it
  * shows. */
 
