@@ -39,6 +39,10 @@ struct CommandEnvironment {
   // Tells the user something (title, text) the way the client tells its
   // notifications; callable from any thread.
   std::function<void(const std::string&, const std::string&)> notify;
+  // Opens the window of a file manager command ("ShareToInternal",
+  // "ShareToExternal") on those paths, on the main thread; false when this client
+  // shows no windows. Callable from any thread; it never waits for the window.
+  std::function<bool(const std::string& command, const std::vector<std::string>& paths)> openWindow;
 };
 
 class ClientCommands {

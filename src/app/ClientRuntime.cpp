@@ -97,6 +97,11 @@ ClientRuntime::ClientRuntime(std::shared_ptr<const Clock> clock, MainLoop& loop,
                                [this] { loop_.Post([this] { if (showHandler_) showHandler_(); }); },
                                [this, &status](const std::string& title, const std::string& text) {
                                  loop_.Post([&status, title, text] { status.ShowNotification(title, text); });
+                               },
+                               [this](const std::string& command, const std::vector<std::string>& paths) {
+                                 if (!windowHandler_) return false;
+                                 loop_.Post([this, command, paths] { windowHandler_(command, paths); });
+                                 return true;
                                }},
       LocalEndpoint::SocketPath(SettingsFolder()));
 }

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "AppDelegate.h"
 #include "AsyncFileMethods.h"
@@ -56,6 +57,10 @@ class ClientRuntime {
   LoginController& login() { return *login_; }
   // Called on the main thread for the "show" command (a second start included).
   void SetShowHandler(std::function<void()> handler) { showHandler_ = std::move(handler); }
+  // Called on the main thread for a file manager command's window (a desktop
+  // client); set before Start. Without it the client opens no windows.
+  using WindowHandler = std::function<void(const std::string& command, const std::vector<std::string>& paths)>;
+  void SetWindowHandler(WindowHandler handler) { windowHandler_ = std::move(handler); }
 
  private:
   std::shared_ptr<const Clock> clock_;
@@ -70,4 +75,5 @@ class ClientRuntime {
   std::unique_ptr<LoginController> login_;
   std::unique_ptr<ControlServer> control_;
   std::function<void()> showHandler_;
+  WindowHandler windowHandler_;
 };

@@ -35,7 +35,7 @@ class SocketIO : public CommandIO {
 
 ControlServer::ControlServer(MainLoop& loop, CommandEnvironment environment, std::string socketPath)
     : environment_(environment),
-      fileManager_(loop, environment.notify),
+      fileManager_(loop, environment.notify, environment.openWindow),
       server_(
           loop, std::move(socketPath), getuid(), [this](int fd) { workers_.Start([this, fd] { Serve(fd); }); },
           [](const std::string& line) { CVEventLogger::WriteMainLogMessage(line); }) {}

@@ -14,6 +14,7 @@
 #include "CVStaticHelpers.h"
 #include "CVStorageNames.h"
 #include "IconOverlayInFinderStaticMethods.h"
+#include "InternalShare51WindowController.h"
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
@@ -25,6 +26,13 @@ constexpr auto kRedrawPeriod = 500ms;
 constexpr std::size_t kPathsPerLine = 256;
 
 void Log(const std::string& line) { CVEventLogger::WriteMainLogMessage("File manager: " + line); }
+
+// The account's sharing switches as the last sign-in left them.
+CVConnection SharingPolicy() {
+  CVConfiguration& configuration = CVConfiguration::Instance();
+  std::lock_guard<std::recursive_mutex> lock(configuration.fSpSitesLock);
+  return configuration.Corvalink;
+}
 
 bool IsAccountStorage(const std::string& name) {
   return CVConfiguration::Instance().GetSiteByName(name) != nullptr;
@@ -57,8 +65,9 @@ bool CopyWithoutOverwrite(const fs::path& item, const fs::path& target) {
 }  // namespace
 
 FileManagerBridge::FileManagerBridge(MainLoop& loop,
-                                     std::function<void(const std::string&, const std::string&)> tell)
-    : loop_(loop), tell_(std::move(tell)) {}
+                                     std::function<void(const std::string&, const std::string&)> tell,
+                                     OpenWindow openWindow)
+    : loop_(loop), tell_(std::move(tell)), openWindow_(std::move(openWindow)) {}
 
 FileManagerBridge::~FileManagerBridge() { Stop(); }
 
@@ -110,6 +119,8 @@ std::vector<std::string> FileManagerBridge::Answer(const std::vector<std::string
     return answer;
   }
   if (word == "SEND" && request.size() >= 2) return SendTo(request);
+  if (word == "WINDOWS" && request.size() == 1) return Windows();
+  if (word == "OPEN" && request.size() >= 2) return OpenWindowFor(request);
   return {"REFUSED", "unknown request"};
 }
 
@@ -143,6 +154,51 @@ std::vector<std::string> FileManagerBridge::SendTo(const std::vector<std::string
   const char* text = items >= 2 ? "Files were sent to the root level of:" : "File was sent to the root level of:";
   if (tell_) tell_("Corvalink Sync", std::string(text) + " " + storage);
   return {"SENT", std::to_string(items)};
+}
+
+std::vector<std::string> FileManagerBridge::Windows() {
+  std::vector<std::string> answer{"WINDOWS"};
+  if (!openWindow_) return answer;
+  const CVConnection policy = SharingPolicy();
+  if (policy.InternalSharing) answer.emplace_back(kShareToInternal);
+  if (policy.ExternalSharing) answer.emplace_back(kShareToExternal);
+  return answer;
+}
+
+std::vector<std::string> FileManagerBridge::OpenWindowFor(const std::vector<std::string>& request) {
+  const std::string& command = request[1];
+  const CVConnection policy = SharingPolicy();
+  const char* refusal = nullptr;
+  if (command != kShareToInternal && command != kShareToExternal) {
+    refusal = "unknown command";
+  } else if (!openWindow_) {
+    refusal = kNoWindows;
+  } else if (command == kShareToInternal && !policy.InternalSharing) {
+    refusal = InternalShare51WindowController::kInternalOff;
+  } else if (command == kShareToExternal && !policy.ExternalSharing) {
+    refusal = InternalShare51WindowController::kExternalOff;
+  } else if (request.size() == 2) {
+    refusal = "no items";
+  }
+  if (refusal) return {"REFUSED", refusal};
+  const std::vector<std::string> paths(request.begin() + 2, request.end());
+  for (const auto& path : paths) {
+    // Only items of the account's storages can be shared, never a storage itself.
+    std::string problem = PathProblem(path);
+    std::error_code error;
+    if (problem.empty() && !fs::exists(fs::symlink_status(path, error))) problem = "no such item";
+    const std::string storage = CVStaticHelpers::GetSiteNameForLocalPath(path);
+    if (problem.empty() && (CVStaticHelpers::serverPathFromLocalPath(path).empty() || !IsAccountStorage(storage) ||
+                            path == CVStaticHelpers::GenerateRootPathForStorages() + "/" + storage)) {
+      problem = "not in a storage";
+    }
+    if (!problem.empty()) {
+      Log(command + " refused for " + path + ": " + problem);
+      return {"REFUSED", problem};
+    }
+  }
+  if (!openWindow_(command, paths)) return {"REFUSED", kNoWindows};
+  return {"OPENED"};
 }
 
 void FileManagerBridge::Serve(LineChannel& channel, const std::string& word) {

@@ -5,6 +5,11 @@
 //   STATE <path>                 -> STATE <path> in-step|in-work|failed|folder|none
 //   STORAGES                     -> STORAGES <storages root> <name>...
 //   SEND <storage> <path>...     -> SENT <count> | FAILED <count> | REFUSED <why>
+//   WINDOWS                      -> WINDOWS <command>...  (the commands OPEN takes now)
+//   OPEN <command> <path>...     -> OPENED | REFUSED <why>
+// OPEN's commands are "ShareToInternal" and "ShareToExternal": the client's share
+// window opens on those items of its storages, unless the policy closes that kind
+// of share or the client shows no windows (--headless).
 // A subscription ("file-manager-subscribe") is answered SUBSCRIBED once it is in
 // place, and from then on only receives: every half second of
 // the client's clock, the paths whose badge changed, in one line
@@ -32,8 +37,15 @@ class FileManagerBridge {
   static constexpr const char* kSessionWord = "file-manager";
   static constexpr const char* kSubscribeWord = "file-manager-subscribe";
 
-  // tell: shows a message to the user (title, text), from any thread.
-  FileManagerBridge(MainLoop& loop, std::function<void(const std::string&, const std::string&)> tell);
+  static constexpr const char* kShareToInternal = "ShareToInternal";
+  static constexpr const char* kShareToExternal = "ShareToExternal";
+  static constexpr const char* kNoWindows = "this client shows no windows";
+  using OpenWindow = std::function<bool(const std::string& command, const std::vector<std::string>& paths)>;
+
+  // tell: shows a message to the user (title, text), from any thread. openWindow:
+  // opens a command's window without waiting for it; none in a client without windows.
+  FileManagerBridge(MainLoop& loop, std::function<void(const std::string&, const std::string&)> tell,
+                    OpenWindow openWindow = nullptr);
   ~FileManagerBridge();
 
   // Starts and stops the redraw timer (main thread).
@@ -54,10 +66,13 @@ class FileManagerBridge {
 
  private:
   std::vector<std::string> SendTo(const std::vector<std::string>& request);
+  std::vector<std::string> Windows();
+  std::vector<std::string> OpenWindowFor(const std::vector<std::string>& request);
   void PushRedraws();
 
   MainLoop& loop_;
   std::function<void(const std::string&, const std::string&)> tell_;
+  OpenWindow openWindow_;
   MainLoop::TimerId timer_ = 0;
   bool started_ = false;
   std::mutex subscribersLock_;

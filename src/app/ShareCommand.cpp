@@ -16,6 +16,8 @@
 #include "ClientSetup.h"
 #include "Clock.h"
 #include "CorvalinkWS.h"
+#include "FileManagerBridge.h"
+#include "LocalSocket.h"
 #include "InternalShare51WindowController.h"
 #include "PollMainLoop.h"
 #include "SharingService.h"
@@ -119,7 +121,23 @@ int ShareCommand::Share(const Options& options) {
     }
     files.push_back(absolute);
   }
-  if (options.to.empty()) return fail(Controller::kNoRecipient);
+  if (options.to.empty()) {
+    // No recipient named: the running desktop client's share window takes the files.
+    std::vector<std::string> request{"OPEN", options.external ? FileManagerBridge::kShareToExternal
+                                                              : FileManagerBridge::kShareToInternal};
+    request.insert(request.end(), files.begin(), files.end());
+    std::string error;
+    auto channel = LineChannel::Connect(LocalEndpoint::SocketPath(CVStaticHelpers::GenerateSettingsPath()), error);
+    if (channel && channel->WriteLine({FileManagerBridge::kSessionWord}) && channel->WriteLine(request)) {
+      auto answer = channel->ReadLine(std::chrono::seconds(10));
+      if (answer && answer->size() == 1 && (*answer)[0] == "OPENED") {
+        out_ << "The share window is open." << std::endl;
+        return 0;
+      }
+      if (answer && answer->size() == 2 && (*answer)[1] != FileManagerBridge::kNoWindows) return fail((*answer)[1]);
+    }
+    return fail(Controller::kNoRecipient);
+  }
 
   // The sign-in brings the policy up to date before the window reads it.
   ServerSharingService service;

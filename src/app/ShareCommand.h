@@ -3,7 +3,8 @@
 // [--days N] [--view-only] [--message TEXT]` in a terminal. It fills the share
 // window's controller as a user would, makes the share in this process (a share
 // changes nothing the running client keeps), and prints the links the server
-// made, or why there are none.
+// made, or why there are none. Without --to, the running desktop client opens
+// its share window on the files instead.
 
 #include <iosfwd>
 #include <optional>

@@ -321,6 +321,6 @@ int TerminalCommand::Local(const Parsed& parsed) {
   EnsureConfigRead();
   SettingsContext settings(SyncControl::FilesOnly());
   LoginController login(settings);
-  CommandEnvironment environment{settings, login, nullptr, nullptr, nullptr, nullptr};
+  CommandEnvironment environment{settings, login, nullptr, nullptr, nullptr, nullptr, nullptr};
   return ClientCommands::Run(parsed.request, environment, io);
 }

@@ -75,5 +75,5 @@ class CVViewUploadRequest {
 
   UploadRequestService& service_;
   std::set<std::string> arrayDownloadFilesInProcess;
-  WindowWorker worker_;  // last: joined before the rest goes away
+  ServerCallWorker worker_;  // last: joined before the rest goes away
 };

@@ -39,12 +39,9 @@ bool IsFolder(const std::string& path, bool& exists) {
 InternalShare51WindowController::InternalShare51WindowController(SharingService& service, Post toMain,
                                                                  CVConnection policy,
                                                                  std::function<Clock::time_point()> now)
-    : service_(service), toMain_(std::move(toMain)), policy_(std::move(policy)), now_(std::move(now)) {}
+    : service_(service), policy_(std::move(policy)), now_(std::move(now)), worker_(std::move(toMain)) {}
 
-InternalShare51WindowController::~InternalShare51WindowController() {
-  alive_.reset();
-  workers_.JoinAll();
-}
+InternalShare51WindowController::~InternalShare51WindowController() = default;
 
 void InternalShare51WindowController::setArrayFiles(std::vector<std::string> files) { arrayFiles = std::move(files); }
 
@@ -279,7 +276,7 @@ void InternalShare51WindowController::RunSearch() {
   const unsigned generation = ++searchGeneration_;
   const std::string text = searchTextField;
   const int page = pageNumber;
-  OnWorker([this, generation, text, page]() -> std::function<void()> {
+  worker_.Run([this, generation, text, page]() -> std::function<void()> {
     std::string token = service_.CheckConnectionAndGetWSToken();
     if (token.empty()) return {};
     auto rows = service_.GetUsersToShare(text, token).GetRecipientItemCollection();
@@ -312,21 +309,24 @@ void InternalShare51WindowController::addRecipients(std::size_t searchRow) {
   Changed();
 }
 
-void InternalShare51WindowController::AddExternalRecipient() {
-  const char* refusal = nullptr;
-  if (emailField.empty()) {
-    refusal = "e-mail address is required";
-  } else if (!isEmailAddressValid(emailField)) {
-    refusal = "Enter a valid email.";
-  } else if (otpRequired.state && !isMobileValid(mobileField)) {
-    refusal = "Enter a valid mobile number.";
-  } else if (nameField.empty()) {
-    refusal = "Please enter all recipient details.";
-  } else if (std::any_of(arrayRecipients.begin(), arrayRecipients.end(),
-                         [&](const RecipientItem& entry) { return entry.fullname == nameField; })) {
-    refusal = "You have added one recipient with the same name, please change the name of the current recipient.";
+const char* InternalShare51WindowController::ExternalRecipientProblem(const std::string& name,
+                                                                     const std::string& email,
+                                                                     const std::string& mobile, bool checkMobile,
+                                                                     const std::vector<std::string>& names) {
+  if (email.empty()) return "e-mail address is required";
+  if (!isEmailAddressValid(email)) return "Enter a valid email.";
+  if (checkMobile && !isMobileValid(mobile)) return "Enter a valid mobile number.";
+  if (name.empty()) return "Please enter all recipient details.";
+  if (std::find(names.begin(), names.end(), name) != names.end()) {
+    return "You have added one recipient with the same name, please change the name of the current recipient.";
   }
-  if (refusal) {
+  return nullptr;
+}
+
+void InternalShare51WindowController::AddExternalRecipient() {
+  std::vector<std::string> names;
+  for (const auto& entry : arrayRecipients) names.push_back(entry.fullname);
+  if (const char* refusal = ExternalRecipientProblem(nameField, emailField, mobileField, otpRequired.state, names)) {
     Tell(refusal);
     return;
   }
@@ -379,9 +379,9 @@ void InternalShare51WindowController::ShareToRecipients() {
   std::vector<RecipientName> recipients;
   for (const auto& entry : arrayRecipients) recipients.push_back(*entry.selfRec);
   const long validity = getIntervalTimeForPickerInMinutes(true);
-  OnWorker([this, external, recipients, validity, files = arrayFiles, subject = subjectField,
-            message = messageField, notify = allNotificationCheckBox.state, view = viewOnly.state,
-            otp = otpRequired.state]() -> std::function<void()> {
+  worker_.Run([this, external, recipients, validity, files = arrayFiles, subject = subjectField,
+               message = messageField, notify = allNotificationCheckBox.state, view = viewOnly.state,
+               otp = otpRequired.state]() -> std::function<void()> {
     const char* name = external ? "ShareToExternal" : "ShareToInternal";
     try {
       std::string token = service_.CheckConnectionAndGetWSToken();
@@ -417,7 +417,7 @@ void InternalShare51WindowController::FileUpload() {
   request.otp = otpRequired.state ? "true" : "false";
   request.message = messageField;
   request.notifyAll = allNotificationCheckBox.state ? "true" : "false";
-  OnWorker([this, request]() mutable -> std::function<void()> {
+  worker_.Run([this, request]() mutable -> std::function<void()> {
     std::string text;
     try {
       request.token = service_.CheckConnectionAndGetWSToken();
@@ -464,22 +464,6 @@ std::function<void()> InternalShare51WindowController::Ended(std::string text, b
     if (controlsOn) SwitchUI(true);
     if (close) Close();
   };
-}
-
-void InternalShare51WindowController::OnWorker(std::function<std::function<void()>()> work) {
-  std::weak_ptr<int> alive = alive_;
-  workers_.Start([work = std::move(work), alive, post = toMain_] {
-    std::function<void()> done;
-    try {
-      done = work();
-    } catch (const std::exception& failure) {
-      CVEventLogger::WriteMainLogMessage(std::string("Sharing - worker -> ") + failure.what());
-    }
-    if (!done) return;
-    post([alive, done] {
-      if (alive.lock()) done();
-    });
-  });
 }
 
 void InternalShare51WindowController::SwitchUI(bool on) { controlsEnabled = on; }

@@ -19,7 +19,7 @@
 #include "CVConnection.h"
 #include "RecipientName.h"
 #include "SharingService.h"
-#include "WorkerThreads.h"
+#include "WindowWorker.h"
 
 class InternalShare51WindowController {
  public:
@@ -88,6 +88,11 @@ class InternalShare51WindowController {
   static bool isEmailAddressValid(const std::string& address);
   static bool isMobileValid(const std::string& mobile);
   static bool isValidNumber(const std::string& text, long digits);
+  // Why an outside recipient cannot be added, in the order the window checks,
+  // or nullptr; names: those of the recipients already there.
+  static const char* ExternalRecipientProblem(const std::string& name, const std::string& email,
+                                              const std::string& mobile, bool checkMobile,
+                                              const std::vector<std::string>& names);
   // The digits among the first n characters.
   static std::string DigitsOnly(const std::string& text, std::size_t n);
   // "a", "a and b", "a, b, and c".
@@ -125,8 +130,6 @@ class InternalShare51WindowController {
   // What the main thread does when a call has ended: the message, the controls, the window.
   std::function<void()> Ended(std::string text, bool controlsOn, bool close);
   void FileUpload();
-  // Runs work on a worker; done gets its result on the main thread while this lives.
-  void OnWorker(std::function<std::function<void()>()> work);
   void SwitchUI(bool on);
   void Tell(const std::string& text);
   void Changed();
@@ -134,11 +137,9 @@ class InternalShare51WindowController {
   std::vector<std::string> ViewOnlyTypes() const;
 
   SharingService& service_;
-  Post toMain_;
   CVConnection policy_;
   std::function<Clock::time_point()> now_;
   std::function<void()> closeWindowEvent_;
   unsigned searchGeneration_ = 0;  // the search whose answer counts
-  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
-  WorkerThreads workers_;  // last: joined before the rest goes away
+  WindowWorker worker_;  // last: joined before the rest goes away
 };

@@ -42,6 +42,24 @@ std::string ServerSharingService::ShareFilesExternalViewOnly(const std::vector<s
                                         viewOnly);
 }
 
+std::string ServerSharingService::ShareFilesInternal(const std::vector<std::string>& files,
+                                                     const std::vector<RecipientName>& recipients, long validity,
+                                                     const std::string& subject, const std::string& message,
+                                                     const std::string& token) {
+  return ws_.ShareFilesInternal(files, recipients, validity, subject, message, token);
+}
+
+std::string ServerSharingService::ShareFilesExternal(const std::vector<std::string>& files,
+                                                     const std::vector<RecipientName>& recipients, long validity,
+                                                     const std::string& subject, const std::string& message,
+                                                     const std::string& token) {
+  return ws_.ShareFilesExternal(files, recipients, validity, subject, message, token);
+}
+
+std::string ServerSharingService::FindUsers(const std::string& query, const std::string& token) {
+  return ws_.FindUsers(query, token);
+}
+
 std::string ServerSharingService::CreateUploadRequestWithRecipient(const UploadRequest& request) {
   return ws_.CreateUploadRequestWithRecipient(
       request.recipients, request.token, request.session, static_cast<unsigned long>(std::max(0L, request.validity)),

@@ -30,6 +30,18 @@ class SharingService {
                                                  const std::string& token, bool otp, bool notifyAll,
                                                  bool viewOnly) = 0;
 
+  // The first generation: validity in hours; the server's reply as it stands.
+  virtual std::string ShareFilesInternal(const std::vector<std::string>& files,
+                                         const std::vector<RecipientName>& recipients, long validity,
+                                         const std::string& subject, const std::string& message,
+                                         const std::string& token) = 0;
+  virtual std::string ShareFilesExternal(const std::vector<std::string>& files,
+                                         const std::vector<RecipientName>& recipients, long validity,
+                                         const std::string& subject, const std::string& message,
+                                         const std::string& token) = 0;
+  // "1;1;" and pairs of address and name, "1;0" when none was found, or a failure.
+  virtual std::string FindUsers(const std::string& query, const std::string& token) = 0;
+
   // What an upload request asks for.
   struct UploadRequest {
     std::vector<RecipientItem> recipients;
@@ -54,6 +66,13 @@ class ServerSharingService : public SharingService {
                                          const std::vector<RecipientName>& recipients, long validity,
                                          const std::string& subject, const std::string& message,
                                          const std::string& token, bool otp, bool notifyAll, bool viewOnly) override;
+  std::string ShareFilesInternal(const std::vector<std::string>& files, const std::vector<RecipientName>& recipients,
+                                 long validity, const std::string& subject, const std::string& message,
+                                 const std::string& token) override;
+  std::string ShareFilesExternal(const std::vector<std::string>& files, const std::vector<RecipientName>& recipients,
+                                 long validity, const std::string& subject, const std::string& message,
+                                 const std::string& token) override;
+  std::string FindUsers(const std::string& query, const std::string& token) override;
   std::string CreateUploadRequestWithRecipient(const UploadRequest& request) override;
 
  private:

@@ -128,5 +128,5 @@ class ViewSharedFilesController {
 
   SharedFilesService& service_;
   std::vector<Place> stack_;  // the way back out of folders
-  WindowWorker worker_;  // last: joined before the rest goes away
+  ServerCallWorker worker_;  // last: joined before the rest goes away
 };

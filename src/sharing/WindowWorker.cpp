@@ -1,40 +1,62 @@
 #include "WindowWorker.h"
 
+#include <exception>
+
 #include "CVEventLogger.h"
 
-WindowWorker::WindowWorker(Post toMain, std::function<std::string()> token, bool& busy,
-                           std::function<void()> changed, std::function<void()> noConnection)
-    : toMain_(std::move(toMain)),
-      token_(std::move(token)),
-      busy_(busy),
-      changed_(std::move(changed)),
-      noConnection_(std::move(noConnection)) {}
-
-WindowWorker::~WindowWorker() { Stop(); }
+namespace {
+void LogFailure(const std::exception& failure) {
+  CVEventLogger::WriteMainLogMessage(std::string("Sharing - worker -> ") + failure.what());
+}
+}  // namespace
 
 void WindowWorker::Stop() {
   alive_.reset();
   workers_.JoinAll();
 }
 
-void WindowWorker::Run(Work work) {
-  if (busy_ || !alive_) return;
+void WindowWorker::Run(std::function<std::function<void()>()> work) {
+  if (!alive_) return;
+  std::weak_ptr<int> alive = alive_;
+  workers_.Start([work = std::move(work), alive, post = toMain_] {
+    std::function<void()> done;
+    try {
+      done = work();
+    } catch (const std::exception& failure) {
+      LogFailure(failure);
+    }
+    if (!done) return;
+    post([alive, done] {
+      if (alive.lock()) done();
+    });
+  });
+}
+
+ServerCallWorker::ServerCallWorker(Post toMain, std::function<std::string()> token, bool& busy,
+                                   std::function<void()> changed, std::function<void()> noConnection)
+    : token_(std::move(token)),
+      busy_(busy),
+      changed_(std::move(changed)),
+      noConnection_(std::move(noConnection)),
+      worker_(std::move(toMain)) {}
+
+void ServerCallWorker::Run(Work work) {
+  if (busy_) return;
   busy_ = true;
   changed_();
-  std::weak_ptr<int> alive = alive_;
-  workers_.Start([this, work = std::move(work), alive] {
+  worker_.Run([this, work = std::move(work)]() -> std::function<void()> {
     std::function<void()> done;
+    // The flag comes down whatever the call did.
     try {
       const std::string token = token_();
       done = token.empty() || token.rfind("err", 0) == 0 ? noConnection_ : work(token);
     } catch (const std::exception& failure) {
-      CVEventLogger::WriteMainLogMessage(std::string("Window worker -> ") + failure.what());
+      LogFailure(failure);
     }
-    toMain_([this, alive, done] {
-      if (!alive.lock()) return;
+    return [this, done] {
       busy_ = false;
       if (done) done();
       changed_();
-    });
+    };
   });
 }

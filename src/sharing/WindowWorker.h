@@ -1,9 +1,12 @@
 #pragma once
-// WindowWorker: how a window's controller makes its server calls. One call at a
-// time: it gets the main token on a worker, runs the work there, and hands the
-// work's result back through the main-thread hop while the controller lives.
-// busy (the controller's flag) is true from the start until the result ran;
-// a start while busy is dropped. Without a token the view is told noConnection.
+// WindowWorker: runs a window's server calls on worker threads and hands what
+// each returns to the main thread, unless the window has gone by then. Its
+// destructor waits for the workers still running.
+//
+// ServerCallWorker: the same for a window that makes one call at a time with the
+// main token: busy (the controller's flag) is true from the start until the
+// result ran, and a start while busy is dropped; without a token the view is told
+// noConnection.
 
 #include <functional>
 #include <memory>
@@ -14,21 +17,37 @@
 class WindowWorker {
  public:
   using Post = std::function<void(std::function<void()>)>;
-  using Work = std::function<std::function<void()>(const std::string& token)>;
 
-  WindowWorker(Post toMain, std::function<std::string()> token, bool& busy, std::function<void()> changed,
-               std::function<void()> noConnection);
+  explicit WindowWorker(Post toMain) : toMain_(std::move(toMain)) {}
+  ~WindowWorker() { Stop(); }
+  WindowWorker(const WindowWorker&) = delete;
+  WindowWorker& operator=(const WindowWorker&) = delete;
+
+  // work runs on a worker; the callback it returns, if any, on the main thread.
+  void Run(std::function<std::function<void()>()> work);
   // Joins the workers; no result runs after this.
-  ~WindowWorker();
   void Stop();
-
-  void Run(Work work);
 
  private:
   Post toMain_;
+  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+  WorkerThreads workers_;
+};
+
+class ServerCallWorker {
+ public:
+  using Post = WindowWorker::Post;
+  using Work = std::function<std::function<void()>(const std::string& token)>;
+
+  ServerCallWorker(Post toMain, std::function<std::string()> token, bool& busy, std::function<void()> changed,
+                   std::function<void()> noConnection);
+
+  void Run(Work work);
+  void Stop() { worker_.Stop(); }
+
+ private:
   std::function<std::string()> token_;
   bool& busy_;
   std::function<void()> changed_, noConnection_;
-  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
-  WorkerThreads workers_;
+  WindowWorker worker_;  // last: joined before the rest goes away
 };

@@ -22,6 +22,8 @@
 #include "ProgressWatch.h"
 #include "QtMainLoop.h"
 #include "SettingsTab.h"
+#include "ShareWindow.h"
+#include "SharingService.h"
 #include "SignInWindow.h"
 #include "StoragesTab.h"
 #include "SyncManagerWindow.h"
@@ -131,6 +133,35 @@ int DesktopApp::Run(int argc, char** argv) {
 
   runtime = std::make_unique<ClientRuntime>(clock, loop, tray, instance.lock != nullptr);
   commands = std::make_unique<DesktopCommands>(runtime->app());
+  // The share window of a file manager command: one at a time; a second command
+  // while it is open only brings it forward, and its items are dropped.
+  ServerSharingService sharing;
+  QPointer<ShareWindow> shareWindow;
+  runtime->SetWindowHandler([&](const std::string& command, const std::vector<std::string>& paths) {
+    CVEventLogger::WriteMainLogMessage("DesktopApp - " + command + " -> " + std::to_string(paths.size()) + " items");
+    if (shareWindow && shareWindow->isVisible()) {
+      shareWindow->ShowInFront();
+      return;
+    }
+    CVConnection policy;
+    {
+      CVConfiguration& config = CVConfiguration::Instance();
+      std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
+      policy = config.Corvalink;
+    }
+    shareWindow = new ShareWindow(sharing, loop, policy);
+    const auto type = command == "ShareToExternal" ? ShareWindow::Controller::kExternalShare
+                                                   : ShareWindow::Controller::kInternalShare;
+    QPointer<ShareWindow> opened = shareWindow;
+    auto closed = [opened] {
+      if (opened) opened->deleteLater();
+    };
+    if (shareWindow->Open(paths, type, closed)) {
+      shareWindow->ShowInFront();
+    } else {
+      closed();
+    }
+  });
   runtime->SetShowHandler([&] {
     openWindow(TrayMenuModel::Window::SyncManager, 0);
     std::cout << "The sync manager window is shown." << std::endl;
@@ -167,6 +198,7 @@ int DesktopApp::Run(int argc, char** argv) {
   }
   // A sign-in waiting for its question is answered "No" before the workers are joined.
   signInWindow.reset();
+  delete shareWindow.data();
   commands.reset();
   runtime->Stop();
   // The sync reports to the tray to its very end: it goes before the tray does.

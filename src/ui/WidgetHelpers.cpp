@@ -1,5 +1,6 @@
 #include "WidgetHelpers.h"
 
+#include <QMessageBox>
 #include <QPainter>
 #include <QPixmap>
 
@@ -8,6 +9,15 @@ namespace widgets {
 void Name(QWidget& widget, const char* objectName, const QString& accessible) {
   widget.setObjectName(objectName);
   widget.setAccessibleName(accessible);
+}
+
+void ShowMessage(QWidget* parent, const std::string& text, const char* objectName) {
+  auto* box = new QMessageBox(QMessageBox::Information, "Corvalink Sync", QString::fromStdString(text), QMessageBox::Ok,
+                              parent);
+  box->setObjectName(objectName);
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  box->setWindowModality(parent ? Qt::WindowModal : Qt::NonModal);
+  box->show();
 }
 
 QIcon StorageStateIcon(const std::string& iconStorage) {

@@ -10,6 +10,9 @@
 namespace widgets {
 // objectName for the tests, accessible name for AT-SPI.
 void Name(QWidget& widget, const char* objectName, const QString& accessible);
+// A message box that nothing waits for: window-modal over parent, or standing
+// on its own without one; it deletes itself when closed.
+void ShowMessage(QWidget* parent, const std::string& text, const char* objectName);
 // "storage_sync_green" (all), "storage_sync_yellow" (some), else grey (nothing).
 QIcon StorageStateIcon(const std::string& iconStorage);
 }  // namespace widgets

@@ -224,6 +224,45 @@ TEST_F(DesktopSuite, NotificationsTurnedOffAreNotSent) {
 
 // With no tray host the window stands in for the item; a second start asks the
 // first to show itself and ends.
+// The share window opened on a file as the file manager's menu opens it (share
+// without recipients asks the running client over the same channel), and a
+// share inside and one outside made in it, worked over the accessibility bus.
+TEST_F(DesktopSuite, TheShareWindowOpensOnAFileAndSharesInsideAndOutside) {
+  StartServer({"--user", "bob:pw"});
+  const std::string home = MakeClientHome("alice");
+  Write(ServerDocs() / "report.txt", "numbers");
+  Write(ClientDocs(home) / "report.txt", "numbers");
+  const std::string file = (ClientDocs(home) / "report.txt").string();
+  ASSERT_TRUE(host_.Start());
+  ASSERT_TRUE(accessibility_.Connect()) << "no accessibility bus on the session bus";
+  ChildProcess& client = StartDesktop(home);
+  ASSERT_TRUE(WaitForItem()) << client.Output();
+  struct Case {
+    std::vector<std::string> arguments;
+    std::vector<std::pair<std::string, std::string>> fields;  // accessible name, text
+    std::string shown, add, logged;  // what must show before add is pressed; the log line of the share
+  } cases[] = {
+      {{"share", file}, {{"Find users", "bo"}}, "bob@devserver", "Add the user",
+       "Share to internal finished with result: 0"},
+      {{"share", file, "--external"}, {{"Recipient name", "X"}, {"Recipient e-mail", "x@example.com"}}, "",
+       "Add the recipient", "Share to external finished with result: 0"},
+  };
+  for (const auto& c : cases) {
+    auto run = RunCommand(home, c.arguments);
+    ASSERT_EQ(run.code, 0) << run.output;
+    for (const auto& [name, text] : c.fields) {
+      auto field = WaitForControl(name);
+      ASSERT_TRUE(field) << client.Output() << Controls();
+      ASSERT_TRUE(accessibility_.SetText(*field, text));
+    }
+    ASSERT_TRUE(PumpUntil([&] { return Controls().find(c.shown) != std::string::npos; }, 30000)) << Controls();
+    ASSERT_TRUE(accessibility_.Press(*WaitForControl(c.add)));
+    ASSERT_TRUE(accessibility_.Press(*WaitForControl("Share")));
+    EXPECT_TRUE(PumpUntil([&] { return MainLog(home).find(c.logged) != std::string::npos; }, 30000))
+        << MainLog(home);
+  }
+}
+
 TEST_F(DesktopSuite, WithoutATrayHostTheWindowOpensAndASecondStartShowsIt) {
   const std::string home = MakeEmptyHome("plain");
   ChildProcess& first = StartDesktop(home);

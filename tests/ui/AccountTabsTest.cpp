@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <QAbstractSpinBox>
+#include <QApplication>
 #include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
@@ -12,9 +13,13 @@
 #include <QPointer>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QCheckBox>
+#include <QDateTimeEdit>
+#include <QListWidget>
 #include <QSpinBox>
 #include <QTest>
 #include <QTreeWidget>
+#include <fstream>
 
 #include "CVConfiguration.h"
 #include "ClientServerFixture.h"
@@ -24,12 +29,16 @@
 #include "QtMainLoop.h"
 #include "SelectiveSyncSheet.h"
 #include "SettingsContext.h"
+#include "ServerState.h"
 #include "SettingsTab.h"
+#include "ShareWindow.h"
+#include "SharingService.h"
 #include "SignInWindow.h"
 #include "StorageSheet.h"
 #include "StoragesTab.h"
 #include "SyncManagerSettings.h"
 #include "SyncManagerWindow.h"
+#include "UniversalShareWindow.h"
 
 namespace {
 
@@ -41,6 +50,7 @@ class AccountTabsTest : public ClientServerTest {
     auto options = DefaultOptions();
     options.policies.push_back({"alice", policyFile_});
     options.users.push_back({"bob", "pw"});
+    options.users.push_back({"carol", "pw"});
     StartServer(options);
     WritePolicy("true");
     CVConfiguration::ResetForTests();
@@ -112,9 +122,107 @@ TEST_F(AccountTabsTest, EveryControlHasAnAccessibleName) {
   ASSERT_TRUE(QTest::qWaitFor([&] { return !tree.busy(); }, 20000));
   SyncManagerWindow manager(nullptr);
   manager.AddTab(3, new InfoTab, "Info");
-  for (QWidget* window : std::initializer_list<QWidget*>{tab_.get(), &settings, &sheet, &signIn, &tree, &manager}) {
+  ServerSharingService service;
+  ShareWindow share(service, loop_, CVConnection{});
+  UniversalShareWindow firstShare(service, loop_, CVConnection{});
+  for (QWidget* window : std::initializer_list<QWidget*>{tab_.get(), &settings, &sheet, &signIn, &tree, &manager,
+                                                         &share, &firstShare}) {
     EXPECT_EQ(Unnamed(*window), std::vector<std::string>{}) << window->objectName().toStdString();
   }
+}
+
+// The text of the next message box of the share window, which it then closes.
+std::string ShareMessage() {
+  QWidget* box = nullptr;
+  (void)QTest::qWaitFor([&] {
+    for (QWidget* widget : QApplication::topLevelWidgets()) {
+      if (widget->objectName() == "shareMessage" && widget->isVisible()) box = widget;
+    }
+    return box != nullptr;
+  }, 20000);
+  if (!box) return "";
+  const std::string text = static_cast<QMessageBox*>(box)->text().toStdString();
+  box->close();
+  return text;
+}
+
+TEST_F(AccountTabsTest, SharesMadeInTheShareWindowReachTheServer) {
+  PutServerFile("Docs", "report.txt", "abc");
+  const std::string file = home_->root() + "/Docs/report.txt";
+  std::filesystem::create_directories(home_->root() + "/Docs");
+  std::ofstream(file) << "abc";
+  ServerSharingService service;
+  CVConnection policy = CVConfiguration::Instance().Corvalink;
+  struct Case {
+    ShareWindow::Controller::WindowType type;
+    std::string typed;  // the search, or the outside recipient's address
+    int days;           // 0: no expiry
+  } cases[] = {{ShareWindow::Controller::kInternalShare, "bo", 2}, {ShareWindow::Controller::kExternalShare, "x@example.com", 0}};
+  std::int64_t chosen = 0;  // the expiry picked, in seconds
+  for (const auto& c : cases) {
+    bool closed = false;
+    auto window = std::make_unique<ShareWindow>(service, loop_, policy);
+    ASSERT_TRUE(window->Open({file}, c.type, [&] { closed = true; }));
+    window->show();
+    auto* found = Find<QListWidget>(window.get(), "searchList");
+    if (c.type == ShareWindow::Controller::kInternalShare) {
+      QTest::keyClicks(Find<QLineEdit>(window.get(), "searchTextField"), QString::fromStdString(c.typed));
+      ASSERT_TRUE(QTest::qWaitFor([&] { return found->count() > 0; }, 20000));
+      found->setCurrentRow(0);
+      Find<QPushButton>(window.get(), "addSearchButton")->click();
+    } else {
+      QTest::keyClicks(Find<QLineEdit>(window.get(), "nameField"), "X");
+      QTest::keyClicks(Find<QLineEdit>(window.get(), "emailField"), QString::fromStdString(c.typed));
+      Find<QPushButton>(window.get(), "addExternalButton")->click();
+    }
+    ASSERT_EQ(Find<QListWidget>(window.get(), "recipientList")->count(), 1);
+    auto* picker = Find<QDateTimeEdit>(window.get(), "datePicker");
+    if (c.days == 0) Find<QCheckBox>(window.get(), "expiresCheckBox")->click();
+    picker->setDateTime(picker->minimumDateTime().addDays(c.days));
+    EXPECT_EQ(picker->isEnabled(), c.days > 0);
+    if (c.days > 0) chosen = picker->dateTime().toSecsSinceEpoch();
+    Find<QPushButton>(window.get(), "shareButton")->click();
+    EXPECT_TRUE(window->busy());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return closed; }, 20000));
+    EXPECT_EQ(ShareMessage(), ShareWindow::Controller::kSharedOne);
+  }
+  const auto shares = server_->state().shares().All();
+  ASSERT_EQ(shares.size(), 2u);
+  EXPECT_EQ(shares[0].recipientUser, "bob");
+  ASSERT_TRUE(shares[0].expiry);
+  // The time picked, within the call's margin of two minutes.
+  EXPECT_NEAR(std::chrono::duration_cast<std::chrono::seconds>(shares[0].expiry->time_since_epoch()).count(), chosen,
+              180);
+  EXPECT_EQ(shares[1].recipientEmail, "x@example.com");
+  EXPECT_TRUE(shares[1].external);
+  EXPECT_FALSE(shares[1].expiry);
+
+  // The first-generation window: a user found in its sheet, a day's validity.
+  bool closed = false;
+  UniversalShareWindow first(service, loop_, policy);
+  ASSERT_TRUE(first.Open({file}, UniversalShareWindow::Controller::kInternalShare, [&] { closed = true; }));
+  first.show();
+  Find<QPushButton>(&first, "addButton")->click();
+  Find<QLineEdit>(&first, "searchField")->setText("carol");
+  Find<QPushButton>(&first, "searchButton")->click();
+  auto* found = Find<QListWidget>(&first, "foundList");
+  ASSERT_TRUE(QTest::qWaitFor([&] { return found->count() == 1; }, 20000));
+  found->item(0)->setSelected(true);
+  Find<QPushButton>(&first, "sheetAddButton")->click();
+  Find<QPushButton>(&first, "shareButton")->click();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return closed; }, 20000));
+  EXPECT_EQ(ShareMessage(), ShareWindow::Controller::kSharedOne);
+  const auto third = server_->state().shares().All().at(2);
+  EXPECT_EQ(third.recipientUser, "carol");
+  ASSERT_TRUE(third.expiry);
+  using Hours = std::chrono::duration<double, std::ratio<3600>>;
+  EXPECT_NEAR(Hours(*third.expiry - std::chrono::system_clock::now()).count(), 24, 0.1);
+
+  // No shares outside: the window does not open, and says why.
+  policy.ExternalSharing = false;
+  ShareWindow refused(service, loop_, policy);
+  EXPECT_FALSE(refused.Open({file}, ShareWindow::Controller::kExternalShare, nullptr));
+  EXPECT_EQ(ShareMessage(), ShareWindow::Controller::kExternalOff);
 }
 
 TEST_F(AccountTabsTest, AStorageIsAddedThroughTheSheetAndRemovedByName) {

@@ -76,6 +76,25 @@ bool Exchange(CvFmClient* client, const std::vector<std::string>& request, const
   return client->fields[0] == expect || client->fields[0] == "REFUSED" || client->fields[0] == "FAILED";
 }
 
+// The fields of the last answer from first on, as C strings; their number.
+int Names(CvFmClient* client, std::size_t first, const char* const** names) {
+  client->names.clear();
+  for (std::size_t i = first; i < client->fields.size(); ++i) client->names.push_back(client->fields[i].c_str());
+  if (names) *names = client->names.data();
+  return static_cast<int>(client->names.size());
+}
+
+// word, an argument and paths: 1 when answered expect, 0 when refused, -1 when
+// the session broke.
+int PathsRequest(CvFmClient* client, const char* word, const char* argument, const char* const* paths, int count,
+                 const char* expect) {
+  if (!argument) return 0;
+  std::vector<std::string> request{word, argument};
+  for (int i = 0; i < count; ++i) request.emplace_back(paths[i]);
+  if (!Exchange(client, request, expect)) return -1;
+  return client->fields[0] == expect ? 1 : 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -114,19 +133,22 @@ int cv_fm_state(CvFmClient* client, const char* path) {
 
 int cv_fm_storages(CvFmClient* client, const char** root, const char* const** names) {
   if (!Exchange(client, {"STORAGES"}, "STORAGES") || client->fields.size() < 2) return -1;
-  client->names.clear();
-  for (std::size_t i = 2; i < client->fields.size(); ++i) client->names.push_back(client->fields[i].c_str());
   if (root) *root = client->fields[1].c_str();
-  if (names) *names = client->names.data();
-  return static_cast<int>(client->names.size());
+  return Names(client, 2, names);
 }
 
 int cv_fm_send_to(CvFmClient* client, const char* storage, const char* const* paths, int count) {
-  if (!storage) return 0;
-  std::vector<std::string> request{"SEND", storage};
-  for (int i = 0; i < count; ++i) request.emplace_back(paths[i]);
-  if (!Exchange(client, request, "SENT")) return -1;
-  return client->fields[0] == "SENT" ? 1 : 0;
+  return PathsRequest(client, "SEND", storage, paths, count, "SENT");
+}
+
+int cv_fm_windows(CvFmClient* client, const char* const** commands) {
+  if (!Exchange(client, {"WINDOWS"}, "WINDOWS")) return -1;
+  if (client->fields[0] != "WINDOWS") client->fields.resize(1);  // a client that opens none
+  return Names(client, 1, commands);
+}
+
+int cv_fm_open_window(CvFmClient* client, const char* command, const char* const* paths, int count) {
+  return PathsRequest(client, "OPEN", command, paths, count, "OPENED");
 }
 
 int cv_fm_read_changed(CvFmClient* client, void (*changed)(const char* path, void* data), void* data) {

@@ -40,6 +40,14 @@ int cv_fm_storages(CvFmClient *client, const char **root, const char *const **na
  * there: 1 when all were sent, 0 when some were not or the request was
  * refused, -1 when the session broke. */
 int cv_fm_send_to(CvFmClient *client, const char *storage, const char *const *paths, int count);
+/* The commands whose window the client opens now ("ShareToInternal",
+ * "ShareToExternal"; none in a client without windows or where the policy closes
+ * them), valid until the next call on the client; their number, or -1 when the
+ * session broke. */
+int cv_fm_windows(CvFmClient *client, const char *const **commands);
+/* Asks the client to open a command's window on the items, without waiting for
+ * the window: 1 when it opens, 0 when refused, -1 when the session broke. */
+int cv_fm_open_window(CvFmClient *client, const char *command, const char *const *paths, int count);
 /* Reads what the subscription has waiting and calls changed for each path:
  * 0 while it holds, -1 when it ended. */
 int cv_fm_read_changed(CvFmClient *client, void (*changed)(const char *path, void *data), void *data);

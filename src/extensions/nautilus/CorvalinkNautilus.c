@@ -1,9 +1,10 @@
 /* The GNOME Files extension of Corvalink Sync: a badge (emblem) on each file of
  * a storage by the state the running client holds for it, and the client's
- * commands in the context menu. Everything runs on the file manager's main
- * thread with a short time-out; when the client is not running the extension
- * shows nothing and asks again a few seconds later, so the file manager never
- * waits on it. Redraws come from the client's subscription: only the files whose
+ * commands in the context menu: "Share inside" and "Share outside" on items of
+ * a storage, "Send to Corvalink" on items outside the storages. Everything runs
+ * on the file manager's main thread with a short time-out; when the client is
+ * not running the extension shows nothing and asks again a few seconds later,
+ * so the file manager never waits on it. Redraws come from the client's subscription: only the files whose
  * state changed are asked again. G_MESSAGES_DEBUG=CorvalinkNautilus logs what it
  * shows. */
 
@@ -151,14 +152,70 @@ static GStrv paths_to_send(GList *files) {
   return paths;
 }
 
+/* The selection's local paths when every item lies inside a storage (not a
+ * storage's own folder), else NULL. */
+static GStrv paths_to_share(GList *files) {
+  GStrvBuilder *builder = g_strv_builder_new();
+  gboolean ok = files != NULL;
+  size_t root = storages_root ? strlen(storages_root) : 0;
+  for (GList *l = files; l && ok; l = l->next) {
+    g_autofree char *path = path_of(l->data);
+    const char *inner = path && in_storages(path) && path[root] == '/' ? strchr(path + root + 1, '/') : NULL;
+    ok = inner && inner[1] != '\0';
+    if (ok) g_strv_builder_add(builder, path);
+  }
+  GStrv paths = ok ? g_strv_builder_end(builder) : NULL;
+  g_strv_builder_unref(builder);
+  return paths;
+}
+
+static void on_share_activate(NautilusMenuItem *item, gpointer user_data) {
+  const char *command = g_object_get_data(G_OBJECT(item), "cv-command");
+  GStrv paths = g_object_get_data(G_OBJECT(item), "cv-paths");
+  /* The client only posts the window: the answer is as quick as a badge's. */
+  if (!ensure_session()) return;
+  int opened = cv_fm_open_window(session, command, (const char *const *)paths, (int)g_strv_length(paths));
+  if (opened < 0) drop_session();
+  g_debug("%s: %s", command, opened > 0 ? "window opened" : "refused");
+}
+
+/* "Share inside" and "Share outside", as far as the client opens their windows. */
+static GList *share_items(GList *files) {
+  g_auto(GStrv) paths = paths_to_share(files);
+  const char *const *commands = NULL;
+  int count = paths ? cv_fm_windows(session, &commands) : 0;
+  if (count < 0) drop_session();
+  static const struct {
+    const char *command, *label, *tip;
+  } kEntries[] = {
+      {"ShareToInternal", "Share inside", "Share with people of your organisation"},
+      {"ShareToExternal", "Share outside", "Share with anyone by e-mail"},
+  };
+  GList *items = NULL;
+  for (size_t e = 0; e < G_N_ELEMENTS(kEntries); ++e) {
+    gboolean offered = FALSE;
+    for (int i = 0; i < count; ++i) offered = offered || g_strcmp0(commands[i], kEntries[e].command) == 0;
+    if (!offered) continue;
+    g_autofree char *id = g_strconcat("CorvalinkSync::", kEntries[e].command, NULL);
+    NautilusMenuItem *item = nautilus_menu_item_new(id, kEntries[e].label, kEntries[e].tip, NULL);
+    g_object_set_data(G_OBJECT(item), "cv-command", (gpointer)kEntries[e].command);
+    g_object_set_data_full(G_OBJECT(item), "cv-paths", g_strdupv(paths), (GDestroyNotify)g_strfreev);
+    g_signal_connect(item, "activate", G_CALLBACK(on_share_activate), NULL);
+    items = g_list_append(items, item);
+  }
+  return items;
+}
+
 static GList *cv_get_file_items(NautilusMenuProvider *provider, GList *files) {
   if (!ensure_session()) return NULL;
   if (!refresh_storages()) {
     drop_session();
     return NULL;
   }
+  GList *shares = share_items(files);
+  if (shares) return shares;
   GStrv paths = paths_to_send(files);
-  if (!paths || storage_names->len == 0) {
+  if (!paths || storage_names->len == 0 || !session) {
     g_strfreev(paths);
     return NULL;
   }

@@ -81,7 +81,11 @@ class FileManagerBridgeTest : public ::testing::Test {
   std::string socket_ = home_.settings() + "/fm.socket";
   Clock clock_{0.01};
   PollMainLoop loop_{clock_};
-  FileManagerBridge bridge_{loop_, [this](const std::string&, const std::string& text) { told_.push_back(text); }};
+  FileManagerBridge bridge_{loop_, [this](const std::string&, const std::string& text) { told_.push_back(text); },
+                            [this](const std::string& command, const std::vector<std::string>& paths) {
+                              opened_.push_back(command + " " + std::to_string(paths.size()));
+                              return true;
+                            }};
   WorkerThreads workers_;
   LocalServer server_{loop_, socket_, getuid(),
                       [this](int fd) {
@@ -97,6 +101,7 @@ class FileManagerBridgeTest : public ::testing::Test {
   CvFmClient* client_ = nullptr;
   std::vector<CvFmClient*> subscribers_;
   std::vector<std::string> told_;
+  std::vector<std::string> opened_;
 };
 
 TEST_F(FileManagerBridgeTest, StatesComeFromTheCloneTreeAndHostilePathsGetNone) {
@@ -165,6 +170,44 @@ TEST_F(FileManagerBridgeTest, SendToCopiesIntoTheStorageRootAndNeverOverwrites) 
   EXPECT_FALSE(fs::exists(home_.root() + "/new.txt"));
   EXPECT_EQ(told_, (std::vector<std::string>{"File was sent to the root level of: Docs",
                                              "Files were sent to the root level of: Docs"}));
+}
+
+TEST_F(FileManagerBridgeTest, ShareWindowsOpenOnItemsOfAStorageAsThePolicyAllows) {
+  Write(docs_ + "/a.txt", "a");
+  Write(docs_ + "/Folder/b.txt", "b");
+  Write(home_.path() + "/outside.txt", "o");
+  CVConfiguration::Instance().Corvalink.ExternalSharing = false;
+  const char* const* commands = nullptr;
+  ASSERT_EQ(cv_fm_windows(client_, &commands), 1);
+  EXPECT_EQ(std::string(commands[0]), "ShareToInternal");
+  const std::string a = docs_ + "/a.txt", folder = docs_ + "/Folder", outside = home_.path() + "/outside.txt";
+  struct Case {
+    std::string command;
+    std::vector<std::string> items;
+    int result;
+  };
+  const std::vector<Case> cases = {
+      {"ShareToInternal", {a, folder}, 1},
+      {"ShareToExternal", {a}, 0},  // the policy allows no shares outside
+      {"ShareToInternal", {}, 0},
+      {"ShareToInternal", {a, outside}, 0},
+      {"ShareToInternal", {docs_}, 0},  // a storage itself
+      {"ShareToInternal", {docs_ + "/gone.txt"}, 0},
+      {"ShareToInternal", {docs_ + "/Folder/../a.txt"}, 0},
+      {"ViewVersions", {a}, 0},
+  };
+  for (const auto& c : cases) {
+    std::vector<const char*> items;
+    for (const auto& item : c.items) items.push_back(item.c_str());
+    EXPECT_EQ(cv_fm_open_window(client_, c.command.c_str(), items.data(), static_cast<int>(items.size())), c.result)
+        << c.command << " " << (c.items.empty() ? "" : c.items.back());
+  }
+  EXPECT_EQ(opened_, std::vector<std::string>{"ShareToInternal 2"});
+  // A client without windows offers none and opens none.
+  FileManagerBridge headless(loop_, nullptr);
+  EXPECT_EQ(headless.Answer({"WINDOWS"}), std::vector<std::string>{"WINDOWS"});
+  EXPECT_EQ(headless.Answer({"OPEN", "ShareToInternal", a}),
+            (std::vector<std::string>{"REFUSED", FileManagerBridge::kNoWindows}));
 }
 
 TEST_F(FileManagerBridgeTest, SubscribersAreToldTheChangedPaths) {

@@ -8,6 +8,7 @@
 
 #include "InternalShare51WindowController.h"
 #include "MainQueue.h"
+#include "UniversalSharingWindowController.h"
 #include "TempHome.h"
 
 namespace {
@@ -34,6 +35,15 @@ class FakeService : public SharingService {
                                          bool) override {
     return result;
   }
+  std::string ShareFilesInternal(const std::vector<std::string>&, const std::vector<RecipientName>&, long,
+                                 const std::string&, const std::string&, const std::string&) override {
+    return result;
+  }
+  std::string ShareFilesExternal(const std::vector<std::string>&, const std::vector<RecipientName>&, long,
+                                 const std::string&, const std::string&, const std::string&) override {
+    return result;
+  }
+  std::string FindUsers(const std::string&, const std::string&) override { return result; }
   std::string CreateUploadRequestWithRecipient(const UploadRequest& request) override {
     ++requests;
     last = request;
@@ -286,4 +296,37 @@ TEST(ShareRules, UploadRequestChecksAndResults) {
   EXPECT_EQ(f.service.last.sizeLimit, 2LL * 1024 * 1024 * 1024);
   EXPECT_EQ(f.service.last.numberOfUploads, 12);
   EXPECT_EQ(f.service.last.session, "T");
+}
+
+TEST(ShareRules, FirstGenerationFindUsersRepliesAndValidity) {
+  using First = UniversalSharingWindowController;
+  struct Case {
+    std::string reply;
+    std::vector<std::string> emails;
+    std::string message;
+  } cases[] = {
+      {"1;1;bob@x;Bob;carol@x;Carol", {"bob@x", "carol@x"}, ""},
+      {"1;2;bob@x;Bob;dangling@x", {"bob@x"}, ""},
+      {"1;0", {}, First::kNoUsers},
+      {"-1;Invalid token", {}, First::kUnavailable},
+      {"", {}, First::kUnavailable},
+  };
+  for (const auto& c : cases) {
+    auto found = First::SetResultStr(c.reply);
+    std::vector<std::string> emails;
+    for (const auto& user : found.users) emails.push_back(user.recEmail);
+    EXPECT_EQ(emails, c.emails) << c.reply;
+    EXPECT_EQ(found.message, c.message) << c.reply;
+  }
+  FakeService service;
+  MainQueue main;
+  for (bool required : {false, true}) {
+    CVConnection policy;
+    policy.ExpireRequired = required;
+    First window(service, main.Post(), policy);
+    ASSERT_TRUE(window.setWindowType(First::kInternalShare));
+    EXPECT_EQ(window.comboBoxValidity.size(), required ? 5u : 6u);
+    window.selectedValidity = 5;  // "No expire", or the last one left
+    EXPECT_EQ(window.Validity(), required ? 720 : 876000);
+  }
 }
