@@ -6,6 +6,7 @@
 #include "CVConfiguration.h"
 #include "CVEventLogger.h"
 #include "CVHandler.h"
+#include "CVStaticHelpers.h"
 #include "Clock.h"
 #include "Keyring.h"
 #include "Policy.h"
@@ -34,4 +35,11 @@ void ClientSetup::PrepareProcess(std::shared_ptr<const Clock> clock) {
     CVConfiguration::Instance().SaveConfigXML();
     CVEventLogger::WriteSettingsLogMessage("Policy applied after login");
   });
+}
+
+void ClientSetup::PrepareTerminalProcess(double timeScale) {
+  CVEventLogger::SetConsoleEcho(false);
+  CVStaticHelpers::CreateSettingsFolder();
+  PrepareProcess(std::make_shared<Clock>(timeScale));
+  CVConfiguration::Instance().ReadConfigFromFile();
 }

@@ -14,4 +14,8 @@ class ClientSetup {
   // The desktop's keyring for the password, when the session has one; before
   // the configuration is read. Once per process.
   static void InstallKeyring();
+  // A terminal command that works in its own process: the settings folder,
+  // the process as above on a clock of that scale, the configuration read;
+  // log lines go to the files only.
+  static void PrepareTerminalProcess(double timeScale);
 };

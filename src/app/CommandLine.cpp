@@ -6,7 +6,7 @@
 bool CommandLine::IsCommand(const std::string& word) {
   static const std::set<std::string> kCommands = {"login", "logout", "status", "storage", "folders", "select",
                                                   "sync-now", "pause", "resume", "show", "quit", "share",
-                                                  "confirm-deletes", "decline-deletes"};
+                                                  "confirm-deletes", "decline-deletes", "versions", "export-logs"};
   return kCommands.count(word) > 0;
 }
 
@@ -95,6 +95,12 @@ std::string CommandLine::Usage() {
          "                 share files of the storages with users of the server, or\n"
          "                 with --external with anyone by e-mail; --days 0: no expiry.\n"
          "                 Prints the links, or why the share was not made\n"
+         "  versions PATH [--restore N | --save N DEST]\n"
+         "                 the versions the server keeps of a file of a storage; --restore\n"
+         "                 makes version N the file's content again (the file here\n"
+         "                 follows with the sync), --save writes it to DEST instead\n"
+         "  export-logs [DEST]   the client's logs in one zip file, in the download\n"
+         "                 folder or DEST (a folder or a file name)\n"
          "  sync-now | pause | resume | quit   the running client\n"
          "  show           bring the running client's window forward\n"
          "  confirm-deletes STORAGE   the running client holds the deletions of a pass\n"

@@ -12,6 +12,7 @@
 #include "HeadlessApp.h"
 #include "ShareCommand.h"
 #include "TerminalCommand.h"
+#include "VersionsCommand.h"
 #include "Version.h"
 
 int main(int argc, char** argv) {
@@ -31,6 +32,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (options->command == "share") return ShareCommand(*options, std::cout, std::cerr).Run();
+  if (options->command == "versions") return VersionsCommand(*options, std::cout, std::cerr).Run();
   if (!options->command.empty()) return TerminalCommand(*options, std::cin, std::cout, std::cerr).Run();
   if (!options->headless) {
 #ifdef CORVALINK_HAS_DESKTOP
