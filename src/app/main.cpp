@@ -10,6 +10,7 @@
 #include "DesktopApp.h"
 #endif
 #include "HeadlessApp.h"
+#include "LogExportCommand.h"
 #include "ShareCommand.h"
 #include "TerminalCommand.h"
 #include "VersionsCommand.h"
@@ -33,6 +34,7 @@ int main(int argc, char** argv) {
   }
   if (options->command == "share") return ShareCommand(*options, std::cout, std::cerr).Run();
   if (options->command == "versions") return VersionsCommand(*options, std::cout, std::cerr).Run();
+  if (options->command == "export-logs") return RunLogExportCommand(*options, std::cout, std::cerr);
   if (!options->command.empty()) return TerminalCommand(*options, std::cin, std::cout, std::cerr).Run();
   if (!options->headless) {
 #ifdef CORVALINK_HAS_DESKTOP

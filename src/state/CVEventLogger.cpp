@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "CVStaticHelpers.h"
+#include "LogRedaction.h"
 
 namespace fs = std::filesystem;
 
@@ -96,10 +97,11 @@ void WriteLinesLocked(OpenLog& open, const std::string& kindFolder, const std::s
   }
 }
 
-void WriteLocked(std::mutex& lock, OpenLog& open, const std::string& kindFolder, const std::string& message,
+void WriteLocked(std::mutex& lock, OpenLog& open, const std::string& kindFolder, const std::string& text,
                  std::string* held = nullptr) {
   if (!gEnabled) return;
   try {
+    const std::string message = LogRedaction::Redacted(text);
     std::lock_guard<std::mutex> guard(lock);
     if (gConsoleEcho) {
       std::lock_guard<std::mutex> console(gConsoleLock);
@@ -148,9 +150,10 @@ std::string CVEventLogger::GetCorrectFileName(const std::string& kindFolder) {
   return candidate;  // past 999 the last name is used even when full
 }
 
-void CVEventLogger::CommonLogWriting(const std::string& message, const std::string& logName) {
+void CVEventLogger::CommonLogWriting(const std::string& text, const std::string& logName) {
   if (!gEnabled) return;
   try {
+    const std::string message = LogRedaction::Redacted(text);
     if (gConsoleEcho) {
       std::lock_guard<std::mutex> guard(gConsoleLock);
       std::cerr << message << '\n';
