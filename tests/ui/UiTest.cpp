@@ -1,19 +1,27 @@
-// The engine's main loop on Qt's event loop, and the sync manager's progress tab.
+// The engine's main loop on Qt's event loop, the sync manager's progress tab, and
+// the info tab's log export.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <QFileDialog>
 #include <QLabel>
+#include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
 #include <QTabWidget>
 #include <QTest>
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
+#include "CVEventLogger.h"
 #include "HeldDeletionsBox.h"
+#include "InfoTab.h"
+#include "LogExport.h"
 #include "QtMainLoop.h"
 #include "SyncManagerWindow.h"
+#include "TempHome.h"
 #include "TrayIcon.h"
 #include "TrayMenuModel.h"
 
@@ -172,4 +180,28 @@ TEST(UiTest, TrayEntriesThatStayKeepTheirActionsThroughRedraws) {
   exit->trigger();
   QCoreApplication::processEvents();
   EXPECT_EQ(activated, std::vector<std::string>{"exit"});
+}
+
+TEST(UiTest, TheInfoTabExportsTheLogsThroughItsPanelOffTheMainThread) {
+  TempHome home;
+  CVEventLogger::SetConsoleEcho(false);
+  CVEventLogger::WriteMainLogMessage("a line to export");
+  InfoTab tab;
+  tab.show();
+  tab.findChild<QPushButton*>("sendLogsButton")->click();
+  auto* panel = tab.findChild<QFileDialog*>("exportLogsPanel");
+  ASSERT_NE(panel, nullptr);
+  // The panel opens in the download folder, on the archive's name.
+  EXPECT_EQ(panel->selectedFiles().value(0).toStdString(),
+            home.path() + "/Downloads/" + LogExport::ArchiveName());
+  const std::string target = home.path() + "/logs.zip";
+  panel->selectFile(QString::fromStdString(target));
+  QMetaObject::invokeMethod(panel, "accept");
+  QMessageBox* box = nullptr;
+  ASSERT_TRUE(QTest::qWaitFor([&] { return (box = tab.findChild<QMessageBox*>("exportLogsMessage")) != nullptr; }));
+  EXPECT_EQ(box->text().toStdString(), "Logs files were saved to " + home.path());
+  EXPECT_EQ(box->informativeText().toStdString(), "File name: logs.zip");
+  EXPECT_EQ(box->buttons().value(0)->text().toStdString(), "Ok");
+  EXPECT_TRUE(std::filesystem::is_regular_file(target));
+  EXPECT_TRUE(tab.findChild<QPushButton*>("sendLogsButton")->isEnabled());
 }
