@@ -123,7 +123,7 @@ int VersionsCommand::Versions(const Options& options) {
     if (target.string() == path) return fail("Restore the version with --restore rather than saving it over the file.");
     std::string message = window.DownloadFile(*version, target.string());
     if (!message.empty()) return fail(message);
-    out_ << "Version " << options.save << " was saved to " << target.string() << "." << std::endl;
+    out_ << VersionWindowController::SavedText(options.save, target.string()) << std::endl;
     if (VersionWindowController::IsInsideStorage(target.string())) {
       out_ << "It lies inside a storage: the next sync uploads it as a file of its own." << std::endl;
     }

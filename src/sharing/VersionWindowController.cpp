@@ -60,6 +60,10 @@ std::string VersionWindowController::DownloadFile(const StorageVersionInfo& vers
   return service_.DownloadFileVersionToPath(target, version.Version, *file_, size, progress) ? "" : kSaveFailed;
 }
 
+std::string VersionWindowController::SavedText(const std::string& version, const std::string& target) {
+  return "Version " + version + " was saved to " + target + ".";
+}
+
 bool VersionWindowController::IsInsideStorage(const std::string& target) {
   return !CVStaticHelpers::serverPathFromLocalPath(target).empty();
 }
@@ -140,10 +144,10 @@ void VersionWindowController::downloadButtonClick(std::optional<std::size_t> sel
         if (alive.lock() && onProgress) onProgress(received, total);
       });
     });
-    return [this, message] {
+    return [this, message = message.empty() ? SavedText(version.Version, target) : message] {
       inProgress = false;
       Changed();
-      if (!message.empty() && onMessage) onMessage(message);
+      if (onMessage) onMessage(message);
     };
   });
 }

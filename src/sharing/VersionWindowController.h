@@ -72,6 +72,8 @@ class VersionWindowController {
   // "" when the version is at target; the message otherwise.
   std::string DownloadFile(const StorageVersionInfo& version, const std::string& target,
                            const std::function<void(std::int64_t)>& progress = {});
+  // "Version N was saved to TARGET."
+  static std::string SavedText(const std::string& version, const std::string& target);
   // A target inside a storage is uploaded as a new file by the next sync.
   static bool IsInsideStorage(const std::string& target);
   // "yyyy-MM-dd HH:mm" in local time; "" for no date.
