@@ -152,19 +152,9 @@ void VersionWindowController::downloadButtonClick(std::optional<std::size_t> sel
   });
 }
 
-void VersionWindowController::OnWorker(std::function<std::function<void()>()> work) {
-  std::weak_ptr<int> alive = alive_;
-  workers_.Start([work = std::move(work), alive, post = toMain_] {
-    std::function<void()> done;
-    try {
-      done = work();
-    } catch (const std::exception& failure) {
-      CVEventLogger::WriteMainLogMessage(std::string("Versions - worker -> ") + failure.what());
-    }
-    if (!done) return;
-    post([alive, done] {
-      if (alive.lock()) done();
-    });
+void VersionWindowController::OnWorker(WorkerThreads::Work work) {
+  workers_.StartWithReply(std::move(work), toMain_, alive_, [](const char* what) {
+    CVEventLogger::WriteMainLogMessage(std::string("Versions - worker -> ") + what);
   });
 }
 

@@ -80,7 +80,7 @@ class VersionWindowController {
   static std::string DateText(const WSDate& date);
 
  private:
-  void OnWorker(std::function<std::function<void()>()> work);
+  void OnWorker(WorkerThreads::Work work);
   std::optional<StorageVersionInfo> VersionAt(std::optional<std::size_t> row) const;
   void Changed();
 

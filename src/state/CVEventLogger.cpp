@@ -84,7 +84,7 @@ struct OpenLog {
 // Lines as they stand in the file: "\n[<date>]: <message>" each.
 void WriteLinesLocked(OpenLog& open, const std::string& kindFolder, const std::string& lines) {
   if (!gEnabled) return;
-  const std::string dayFolder = LoggerFolder() + kindFolder + "/" + FormatTime("%Y-%m-%d", false);
+  const std::string dayFolder = LoggerFolder() + kindFolder + "/" + CVEventLogger::DayText();
   if (!open.Usable(dayFolder)) open.Open(kindFolder, dayFolder);
   if (open.fd < 0) return;
   std::string_view rest(lines);
@@ -126,13 +126,14 @@ OpenLog gUnitTestFile;
 
 }  // namespace
 
+std::string CVEventLogger::DayText() { return FormatTime("%Y-%m-%d", false); }
 std::string CVEventLogger::DateText() { return FormatTime("%Y-%m-%d %H:%M:%S +0000", true); }
 
 void CVEventLogger::SetConsoleEcho(bool on) { gConsoleEcho = on; }
 void CVEventLogger::SetEnabled(bool on) { gEnabled = on; }
 
 std::string CVEventLogger::GetCorrectFileName(const std::string& kindFolder) {
-  std::string day = FormatTime("%Y-%m-%d", false);
+  std::string day = CVEventLogger::DayText();
   fs::path folder = fs::path(LoggerFolder() + kindFolder) / day;
   std::error_code error;
   CVStaticHelpers::CreateSettingsFolder();

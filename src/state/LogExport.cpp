@@ -23,15 +23,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string Today() {
-  std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  char text[16];
-  std::strftime(text, sizeof text, "%Y-%m-%d", &local);
-  return text;
-}
-
 zip_fileinfo InfoFor(const fs::path& file) {
   zip_fileinfo info{};
   struct stat status {};
@@ -61,7 +52,7 @@ std::vector<std::pair<fs::path, std::string>> LogFiles(const fs::path& logger) {
 
 }  // namespace
 
-std::string LogExport::ArchiveName() { return "Corvalink_macOS_app_logs-" + Today() + ".zip"; }
+std::string LogExport::ArchiveName() { return "Corvalink_macOS_app_logs-" + CVEventLogger::DayText() + ".zip"; }
 
 std::string LogExport::SavedText(const Result& result) {
   const fs::path path(result.path);
