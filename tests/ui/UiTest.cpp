@@ -9,9 +9,9 @@
 #include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
-#include <QTreeWidget>
 #include <QTabWidget>
 #include <QTest>
+#include <QTreeWidget>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
