@@ -49,3 +49,4 @@ void ClientSetup::PrepareProcess(std::shared_ptr<const Clock> clock) {
     CVEventLogger::WriteSettingsLogMessage("Policy applied after login");
   });
 }
+

@@ -4,9 +4,11 @@
 #include <set>
 
 bool CommandLine::IsCommand(const std::string& word) {
-  static const std::set<std::string> kCommands = {"login", "logout", "status", "storage", "folders", "select",
-                                                  "sync-now", "pause", "resume", "show", "quit", "share", "shared", "fetch", "requests", "request",
-                                                  "confirm-deletes", "decline-deletes"};
+  static const std::set<std::string> kCommands = {"login",    "logout",  "status",          "storage",
+                                                  "folders",  "select",  "sync-now",        "pause",
+                                                  "resume",   "show",    "quit",            "share",
+                                                  "shared",   "fetch",   "requests",        "request",
+                                                  "versions", "export-logs", "confirm-deletes", "decline-deletes"};
   return kCommands.count(word) > 0;
 }
 
@@ -106,6 +108,12 @@ std::string CommandLine::Usage() {
          "                 ask people outside to send files into the session FOLDER\n"
          "  request resend|delete ID... [--yes] | request fetch ID...   what came in goes\n"
          "                 to ~/Corvalink/External user uploads\n"
+         "  versions PATH [--restore N | --save N DEST]\n"
+         "                 the versions the server keeps of a file of a storage; --restore\n"
+         "                 makes version N the file's content again (the file here\n"
+         "                 follows with the sync), --save writes it to DEST instead\n"
+         "  export-logs [DEST]   the client's logs in one zip file, in the download\n"
+         "                 folder or DEST (a folder or a file name)\n"
          "  sync-now | pause | resume | quit   the running client\n"
          "  show           bring the running client's window forward\n"
          "  confirm-deletes STORAGE   the running client holds the deletions of a pass\n"

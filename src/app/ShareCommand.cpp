@@ -93,11 +93,7 @@ int ShareCommand::Run() {
     err_ << "corvalink-sync: " << error << std::endl;
     return ClientCommands::kUsage;
   }
-  CVEventLogger::SetConsoleEcho(false);
-  CVStaticHelpers::CreateSettingsFolder();
-  ClientSetup::PrepareProcess(std::make_shared<Clock>(line_.timeScale));
-  ClientSetup::InstallKeyring();
-  CVConfiguration::Instance().ReadConfigFromFile();
+  if (!ClientSetup::PrepareCommand(line_.timeScale, err_)) return ClientCommands::kNoAccount;
   return Share(*options);
 }
 
@@ -106,11 +102,6 @@ int ShareCommand::Share(const Options& options) {
     err_ << text << std::endl;
     return ClientCommands::kFailed;
   };
-  CVConfiguration& config = CVConfiguration::Instance();
-  if (config.Corvalink.Url.empty() || config.Corvalink.UserName.empty()) {
-    err_ << "No account is signed in." << std::endl;
-    return ClientCommands::kNoAccount;
-  }
   std::vector<std::string> files;
   for (const auto& path : options.paths) {
     std::error_code ec;

@@ -10,10 +10,12 @@
 #include "DesktopApp.h"
 #endif
 #include "HeadlessApp.h"
+#include "LogExportCommand.h"
 #include "RequestsCommand.h"
 #include "ShareCommand.h"
 #include "SharedCommand.h"
 #include "TerminalCommand.h"
+#include "VersionsCommand.h"
 #include "Version.h"
 
 int main(int argc, char** argv) {
@@ -39,6 +41,8 @@ int main(int argc, char** argv) {
   if (options->command == "requests" || options->command == "request") {
     return RequestsCommand(*options, std::cout, std::cerr).Run();
   }
+  if (options->command == "versions") return VersionsCommand(*options, std::cout, std::cerr).Run();
+  if (options->command == "export-logs") return RunLogExportCommand(*options, std::cout, std::cerr);
   if (!options->command.empty()) return TerminalCommand(*options, std::cin, std::cout, std::cerr).Run();
   if (!options->headless) {
 #ifdef CORVALINK_HAS_DESKTOP

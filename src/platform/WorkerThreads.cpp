@@ -1,5 +1,7 @@
 #include "WorkerThreads.h"
 
+#include <exception>
+
 void WorkerThreads::Start(std::function<void()> job) {
   std::lock_guard<std::mutex> lock(mutex_);
   ReapLocked();
@@ -9,6 +11,22 @@ void WorkerThreads::Start(std::function<void()> job) {
                               *done = true;
                             }),
                             done});
+}
+
+void WorkerThreads::StartWithReply(Work work, std::function<void(std::function<void()>)> post,
+                                   std::weak_ptr<int> alive, std::function<void(const char* what)> failed) {
+  Start([work = std::move(work), post = std::move(post), alive, failed = std::move(failed)] {
+    std::function<void()> done;
+    try {
+      done = work();
+    } catch (const std::exception& failure) {
+      failed(failure.what());
+    }
+    if (!done) return;
+    post([alive, done] {
+      if (alive.lock()) done();
+    });
+  });
 }
 
 void WorkerThreads::ReapLocked() {

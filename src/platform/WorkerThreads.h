@@ -21,6 +21,12 @@ class WorkerThreads {
   WorkerThreads& operator=(const WorkerThreads&) = delete;
 
   void Start(std::function<void()> job);
+  // A window's job: work runs on a new thread and gives back what to do with
+  // its result, which post runs on the window's thread unless alive has gone by
+  // then. An exception of work goes to failed, on the worker, and nothing is posted.
+  using Work = std::function<std::function<void()>()>;
+  void StartWithReply(Work work, std::function<void(std::function<void()>)> post, std::weak_ptr<int> alive,
+                      std::function<void(const char* what)> failed);
   // Waits for every thread started so far.
   void JoinAll();
   std::size_t Running();

@@ -137,6 +137,23 @@ void KdeAppend(xmlDoc* doc, const std::string& folder, const std::string& label)
 std::string XdgDesktop::ConfigHome() { return FromEnvironment("XDG_CONFIG_HOME", Home() + "/.config"); }
 std::string XdgDesktop::DataHome() { return FromEnvironment("XDG_DATA_HOME", Home() + "/.local/share"); }
 
+std::string XdgDesktop::DownloadFolder() {
+  // Lines of the form XDG_DOWNLOAD_DIR="$HOME/Downloads"; only $HOME is expanded there.
+  std::ifstream in(ConfigHome() + "/user-dirs.dirs");
+  std::string line;
+  while (std::getline(in, line)) {
+    const std::string key = "XDG_DOWNLOAD_DIR=\"";
+    if (line.rfind(key, 0) != 0 || line.size() < key.size() + 1 || line.back() != '"') continue;
+    std::string value = line.substr(key.size(), line.size() - key.size() - 1);
+    if (value.rfind("$HOME", 0) == 0) value = Home() + value.substr(5);
+    // A folder set to the home itself means the user has none of its own.
+    if (!value.empty() && value[0] == '/' && fs::path(value).lexically_normal() != fs::path(Home()).lexically_normal()) {
+      return value;
+    }
+  }
+  return Home() + "/Downloads";
+}
+
 std::string XdgDesktop::AutostartFilePath() { return ConfigHome() + "/autostart/corvalink-sync.desktop"; }
 
 bool XdgDesktop::IsAutostartRegistered() {

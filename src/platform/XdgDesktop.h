@@ -11,6 +11,8 @@ class XdgDesktop {
   // ~/.config (or $XDG_CONFIG_HOME), ~/.local/share (or $XDG_DATA_HOME).
   static std::string ConfigHome();
   static std::string DataHome();
+  // XDG_DOWNLOAD_DIR of the user's ~/.config/user-dirs.dirs, else ~/Downloads.
+  static std::string DownloadFolder();
 
   // ~/.config/autostart/corvalink-sync.desktop
   static std::string AutostartFilePath();

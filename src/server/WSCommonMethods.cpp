@@ -5,6 +5,7 @@
 #include "ASIError.h"
 #include "ASIHTTPRequest.h"
 #include "CVEventLogger.h"
+#include "LogRedaction.h"
 #include "WorkerThreads.h"
 
 namespace {
@@ -26,7 +27,11 @@ std::string WSCommonMethods::BuildEnvelope(const std::string& methodName, const 
   body += kEnvelopeNamespace;
   body += "\"><s:Body><" + methodName + " xmlns=\"" + kServiceNamespace + "\" xmlns:i=\"" +
           kSchemaInstanceNamespace + "\">";
-  for (const auto& [key, value] : parameters) body += Element(key, value);
+  for (const auto& [key, value] : parameters) {
+    // What goes out as a password or token never reaches a log line.
+    if (key == "Password" || key == "Token" || key == "CVToken") LogRedaction::AddSecret(value);
+    body += Element(key, value);
+  }
   body += "</" + methodName + "></s:Body></s:Envelope>";
   return body;
 }

@@ -4,12 +4,6 @@
 
 #include "CVEventLogger.h"
 
-namespace {
-void LogFailure(const std::exception& failure) {
-  CVEventLogger::WriteMainLogMessage(std::string("Sharing - worker -> ") + failure.what());
-}
-}  // namespace
-
 void WindowWorker::Stop() {
   alive_.reset();
   workers_.JoinAll();
@@ -17,18 +11,8 @@ void WindowWorker::Stop() {
 
 void WindowWorker::Run(std::function<std::function<void()>()> work) {
   if (!alive_) return;
-  std::weak_ptr<int> alive = alive_;
-  workers_.Start([work = std::move(work), alive, post = toMain_] {
-    std::function<void()> done;
-    try {
-      done = work();
-    } catch (const std::exception& failure) {
-      LogFailure(failure);
-    }
-    if (!done) return;
-    post([alive, done] {
-      if (alive.lock()) done();
-    });
+  workers_.StartWithReply(std::move(work), toMain_, alive_, [](const char* what) {
+    CVEventLogger::WriteMainLogMessage(std::string("Sharing - worker -> ") + what);
   });
 }
 
@@ -51,7 +35,7 @@ void ServerCallWorker::Run(Work work) {
       const std::string token = token_();
       done = token.empty() || token.rfind("err", 0) == 0 ? noConnection_ : work(token);
     } catch (const std::exception& failure) {
-      LogFailure(failure);
+      CVEventLogger::WriteMainLogMessage(std::string("Sharing - worker -> ") + failure.what());
     }
     return [this, done] {
       busy_ = false;

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "CVStaticHelpers.h"
+#include "LogRedaction.h"
 
 namespace fs = std::filesystem;
 
@@ -83,7 +84,7 @@ struct OpenLog {
 // Lines as they stand in the file: "\n[<date>]: <message>" each.
 void WriteLinesLocked(OpenLog& open, const std::string& kindFolder, const std::string& lines) {
   if (!gEnabled) return;
-  const std::string dayFolder = LoggerFolder() + kindFolder + "/" + FormatTime("%Y-%m-%d", false);
+  const std::string dayFolder = LoggerFolder() + kindFolder + "/" + CVEventLogger::DayText();
   if (!open.Usable(dayFolder)) open.Open(kindFolder, dayFolder);
   if (open.fd < 0) return;
   std::string_view rest(lines);
@@ -96,10 +97,11 @@ void WriteLinesLocked(OpenLog& open, const std::string& kindFolder, const std::s
   }
 }
 
-void WriteLocked(std::mutex& lock, OpenLog& open, const std::string& kindFolder, const std::string& message,
+void WriteLocked(std::mutex& lock, OpenLog& open, const std::string& kindFolder, const std::string& text,
                  std::string* held = nullptr) {
   if (!gEnabled) return;
   try {
+    const std::string message = LogRedaction::Redacted(text);
     std::lock_guard<std::mutex> guard(lock);
     if (gConsoleEcho) {
       std::lock_guard<std::mutex> console(gConsoleLock);
@@ -124,13 +126,14 @@ OpenLog gUnitTestFile;
 
 }  // namespace
 
+std::string CVEventLogger::DayText() { return FormatTime("%Y-%m-%d", false); }
 std::string CVEventLogger::DateText() { return FormatTime("%Y-%m-%d %H:%M:%S +0000", true); }
 
 void CVEventLogger::SetConsoleEcho(bool on) { gConsoleEcho = on; }
 void CVEventLogger::SetEnabled(bool on) { gEnabled = on; }
 
 std::string CVEventLogger::GetCorrectFileName(const std::string& kindFolder) {
-  std::string day = FormatTime("%Y-%m-%d", false);
+  std::string day = CVEventLogger::DayText();
   fs::path folder = fs::path(LoggerFolder() + kindFolder) / day;
   std::error_code error;
   CVStaticHelpers::CreateSettingsFolder();
@@ -148,9 +151,10 @@ std::string CVEventLogger::GetCorrectFileName(const std::string& kindFolder) {
   return candidate;  // past 999 the last name is used even when full
 }
 
-void CVEventLogger::CommonLogWriting(const std::string& message, const std::string& logName) {
+void CVEventLogger::CommonLogWriting(const std::string& text, const std::string& logName) {
   if (!gEnabled) return;
   try {
+    const std::string message = LogRedaction::Redacted(text);
     if (gConsoleEcho) {
       std::lock_guard<std::mutex> guard(gConsoleLock);
       std::cerr << message << '\n';

@@ -47,6 +47,8 @@ class CVEventLogger {
 
   // The date of a log line: "2026-11-23 01:42:38 +0000".
   static std::string DateText();
+  // Today in local time, "2026-11-23": the name of the day's log folder.
+  static std::string DayText();
 
   // The main log lines of a routine job (a pass of the scheduler) written on this
   // thread while one lives are held back, and dropped at its end unless Keep() was

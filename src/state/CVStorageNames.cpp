@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <ctime>
 #include <filesystem>
 
 #include "CVEventLogger.h"
@@ -13,15 +12,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-std::string Today() {
-  std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  char text[16];
-  std::strftime(text, sizeof text, "%Y-%m-%d", &local);
-  return text;
-}
-
 // A folder of that name that nothing stands at yet: "name", then "name (2)"...
 std::string FreeName(const std::string& path) {
   std::error_code error;
@@ -68,7 +58,7 @@ bool CVStorageNames::RemoveStorageFolder(const std::string& name) {
   // The Trash refused it (another file system without a trash, a full disk):
   // out of the way, but never away.
   std::error_code error;
-  const std::string keep = root + "/.previous-account-" + Today();
+  const std::string keep = root + "/.previous-account-" + CVEventLogger::DayText();
   fs::create_directories(keep, error);
   const std::string target = FreeName(keep + "/" + name);
   fs::rename(folder, target, error);

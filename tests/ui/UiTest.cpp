@@ -1,21 +1,33 @@
-// The engine's main loop on Qt's event loop, and the sync manager's progress tab.
+// The engine's main loop on Qt's event loop, the sync manager's progress tab, and
+// the info tab's log export, and the version window.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <QFileDialog>
 #include <QLabel>
+#include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
 #include <QTabWidget>
 #include <QTest>
+#include <QTreeWidget>
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
+#include "CVConfiguration.h"
+#include "CVEventLogger.h"
 #include "HeldDeletionsBox.h"
+#include "InfoTab.h"
+#include "LogExport.h"
 #include "QtMainLoop.h"
 #include "SyncManagerWindow.h"
+#include "TempHome.h"
 #include "TrayIcon.h"
 #include "TrayMenuModel.h"
+#include "VersionWindow.h"
 
 namespace {
 
@@ -172,4 +184,97 @@ TEST(UiTest, TrayEntriesThatStayKeepTheirActionsThroughRedraws) {
   exit->trigger();
   QCoreApplication::processEvents();
   EXPECT_EQ(activated, std::vector<std::string>{"exit"});
+}
+
+TEST(UiTest, TheInfoTabExportsTheLogsThroughItsPanelOffTheMainThread) {
+  TempHome home;
+  CVEventLogger::SetConsoleEcho(false);
+  CVEventLogger::WriteMainLogMessage("a line to export");
+  InfoTab tab;
+  tab.show();
+  tab.findChild<QPushButton*>("sendLogsButton")->click();
+  auto* panel = tab.findChild<QFileDialog*>("exportLogsPanel");
+  ASSERT_NE(panel, nullptr);
+  // The panel opens in the download folder, on the archive's name.
+  EXPECT_EQ(panel->selectedFiles().value(0).toStdString(),
+            home.path() + "/Downloads/" + LogExport::ArchiveName());
+  const std::string target = home.path() + "/logs.zip";
+  panel->selectFile(QString::fromStdString(target));
+  QMetaObject::invokeMethod(panel, "accept");
+  QMessageBox* box = nullptr;
+  ASSERT_TRUE(QTest::qWaitFor([&] { return (box = tab.findChild<QMessageBox*>("exportLogsMessage")) != nullptr; }));
+  EXPECT_EQ(box->text().toStdString(), "Logs files were saved to " + home.path());
+  EXPECT_EQ(box->informativeText().toStdString(), "File name: logs.zip");
+  EXPECT_EQ(box->buttons().value(0)->text().toStdString(), "Ok");
+  EXPECT_TRUE(std::filesystem::is_regular_file(target));
+  EXPECT_TRUE(tab.findChild<QPushButton*>("sendLogsButton")->isEnabled());
+}
+
+// The server's side of the version window, scripted.
+class ScriptedVersions : public VersionService {
+ public:
+  std::optional<std::string> GetVersions(const FileOnServer& file) override {
+    ++lists;
+    path = file.serverPath;
+    return "<r><StorageVersionInfo><Version>1</Version><Created>2026-01-02T03:04:05.000Z</Created><Size>5</Size>"
+           "<Owner>alice</Owner></StorageVersionInfo><StorageVersionInfo><Version>2</Version><Size/>"
+           "</StorageVersionInfo></r>";
+  }
+  std::string SwitchToVersion(const FileOnServer&, const std::string&) override { return answer; }
+  bool DownloadFileVersionToPath(const std::string& target, const std::string& version, const FileOnServer&,
+                                 std::int64_t, const std::function<void(std::int64_t)>& progress) override {
+    progress(1);
+    std::ofstream(target) << "version " << version;
+    return true;
+  }
+  std::atomic<int> lists{0};
+  std::string answer, path;
+};
+
+TEST(UiTest, TheVersionWindowListsRestoresAndSaves) {
+  TempHome home;
+  auto site = std::make_shared<CVSharepoint>();
+  site->Name = "Docs";
+  site->Url = "\\\\devserver\\Docs\\";
+  CVConfiguration::Instance().fSpSites.push_back(site);
+  Clock clock;
+  QtMainLoop loop(clock);
+  ScriptedVersions server;
+  std::vector<std::string> restored;
+  VersionWindow window(server, loop, home.root() + "/Docs/a.txt", [&](const std::string& s) { restored.push_back(s); });
+  window.show();
+  auto* table = window.findChild<QTreeWidget*>("versionsTableView");
+  ASSERT_TRUE(QTest::qWaitFor([&] { return table->topLevelItemCount() == 2 && !window.controller().inProgress; }));
+  EXPECT_EQ(server.path, "\\\\devserver\\Docs\\a.txt");
+  EXPECT_EQ(table->topLevelItem(0)->text(2).toStdString() + " " + table->topLevelItem(0)->text(3).toStdString(),
+            "alice 5 bytes");
+  EXPECT_EQ(table->topLevelItem(1)->text(1).toStdString(), "");  // no date
+  auto* restore = window.findChild<QPushButton*>("restoreButton");
+  EXPECT_FALSE(restore->isEnabled());  // nothing chosen yet
+  table->setCurrentItem(table->topLevelItem(0));
+  for (QWidget* control : window.findChildren<QWidget*>()) {
+    if (control->focusPolicy() == Qt::NoFocus) continue;
+    EXPECT_FALSE(control->accessibleName().isEmpty()) << control->objectName().toStdString();
+  }
+
+  const struct {
+    std::string answer, message;  // "" for no message
+  } cases[] = {{"2", "Version not found."}, {"-5;busy", "Error occured, please try again later."}, {"0;", ""}};
+  for (const auto& c : cases) {
+    server.answer = c.answer;
+    const int lists = server.lists;
+    ASSERT_TRUE(restore->isEnabled());
+    restore->click();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !window.controller().inProgress; }));
+    EXPECT_EQ(server.lists, lists + 1);  // the list is read again in every case
+    auto* box = window.findChild<QMessageBox*>("versionMessage");
+    EXPECT_EQ(box ? box->text().toStdString() : "", c.message);
+    delete box;
+  }
+  EXPECT_EQ(restored, std::vector<std::string>{"Docs"});
+
+  window.SaveSelectedTo(QString::fromStdString(home.path() + "/saved.txt"));
+  ASSERT_TRUE(QTest::qWaitFor([&] { return window.findChild<QMessageBox*>("versionMessage") != nullptr; }));
+  EXPECT_EQ(window.findChild<QMessageBox*>("versionMessage")->text().toStdString(),
+            "Version 1 was saved to " + home.path() + "/saved.txt.");
 }
