@@ -144,7 +144,7 @@ int ShareCommand::Share(const Options& options) {
   PollMainLoop loop(clock);
   std::vector<std::string> messages;
   Controller window(service, [&loop](std::function<void()> callback) { loop.Post(std::move(callback)); },
-                    config.Corvalink);
+                    CVConfiguration::Instance().Corvalink);
   // A message with nothing in progress is the end of the share, after the callback that told it.
   window.onMessage = [&](const std::string& text) {
     messages.push_back(text);
