@@ -52,6 +52,9 @@ echo "== The desktop client starts; the tray as the panel sees it:"
   --press 'Choose folders' --screenshot "$shots/folders-sheet.png" --press 'Cancel' \
   --run "'$client' share '$home/Corvalink/Docs/Reports/Q3 results.txt'" \
   --screenshot "$shots/share-window.png" --press 'Cancel share' \
+  --run "printf 'Quarterly figures, revised\\n' > '$home/Corvalink/Docs/Reports/Q3 results.txt'; sleep 2" \
+  --file-manager "ViewVersions $home/Corvalink/Docs/Reports/Q3 results.txt" \
+  --screenshot "$shots/version-window.png" --press 'Close' \
   --click 'Pause sync' --wait-menu 'Start sync.*' \
   --click 'Start sync' --wait-menu 'Sync now.*' \
   --click 'Exit' > "$work/tray.out" 2>&1 &
@@ -91,7 +94,7 @@ HOME="$fresh" XDG_RUNTIME_DIR="$fresh/run" timeout 60 "$client" 2>&1 | sed 's/^/
 wait $fresh_watch || watch_code=1
 echo
 echo "== The client's files: $(find "$home/Corvalink/Docs" -type f | wc -l) of $(find "$storage" -type f | wc -l) from the server"
-echo "== Pictures of the tray menu, the sync manager's tabs, its sheets, the share window and the sign-in window in $shots"
+echo "== Pictures of the tray menu, the sync manager's tabs, its sheets, the share and version windows and the sign-in window in $shots"
 echo "== The client's main log, its tray and window lines:"
 grep -h -E "DesktopApp|paused|resumed|Sync now pressed|Main loop" "$home"/Corvalink/.Settings/CVLogger/CVMainLogs/*/* | sed 's/^/   /' | tail -12
 [ "$watch_code" -eq 0 ] && [ "$client_code" -eq 0 ]

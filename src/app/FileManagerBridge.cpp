@@ -162,6 +162,7 @@ std::vector<std::string> FileManagerBridge::Windows() {
   const CVConnection policy = SharingPolicy();
   if (policy.InternalSharing) answer.emplace_back(kShareToInternal);
   if (policy.ExternalSharing) answer.emplace_back(kShareToExternal);
+  answer.emplace_back(kVersions);
   return answer;
 }
 
@@ -169,7 +170,7 @@ std::vector<std::string> FileManagerBridge::OpenWindowFor(const std::vector<std:
   const std::string& command = request[1];
   const CVConnection policy = SharingPolicy();
   const char* refusal = nullptr;
-  if (command != kShareToInternal && command != kShareToExternal) {
+  if (command != kShareToInternal && command != kShareToExternal && command != kVersions) {
     refusal = "unknown command";
   } else if (!openWindow_) {
     refusal = kNoWindows;
@@ -179,6 +180,8 @@ std::vector<std::string> FileManagerBridge::OpenWindowFor(const std::vector<std:
     refusal = InternalShare51WindowController::kExternalOff;
   } else if (request.size() == 2) {
     refusal = "no items";
+  } else if (command == kVersions && request.size() != 3) {
+    refusal = "one file at a time";
   }
   if (refusal) return {"REFUSED", refusal};
   const std::vector<std::string> paths(request.begin() + 2, request.end());
@@ -187,6 +190,10 @@ std::vector<std::string> FileManagerBridge::OpenWindowFor(const std::vector<std:
     std::string problem = PathProblem(path);
     std::error_code error;
     if (problem.empty() && !fs::exists(fs::symlink_status(path, error))) problem = "no such item";
+    // The server keeps versions of files, not of folders.
+    if (problem.empty() && command == kVersions && !fs::is_regular_file(fs::symlink_status(path, error))) {
+      problem = "not a file";
+    }
     const std::string storage = CVStaticHelpers::GetSiteNameForLocalPath(path);
     if (problem.empty() && (CVStaticHelpers::serverPathFromLocalPath(path).empty() || !IsAccountStorage(storage) ||
                             path == CVStaticHelpers::GenerateRootPathForStorages() + "/" + storage)) {

@@ -9,7 +9,8 @@
 //   OPEN <command> <path>...     -> OPENED | REFUSED <why>
 // OPEN's commands are "ShareToInternal" and "ShareToExternal": the client's share
 // window opens on those items of its storages, unless the policy closes that kind
-// of share or the client shows no windows (--headless).
+// of share or the client shows no windows (--headless); and "ViewVersions": the
+// version window of one file of a storage.
 // A subscription ("file-manager-subscribe") is answered SUBSCRIBED once it is in
 // place, and from then on only receives: every half second of
 // the client's clock, the paths whose badge changed, in one line
@@ -39,6 +40,7 @@ class FileManagerBridge {
 
   static constexpr const char* kShareToInternal = "ShareToInternal";
   static constexpr const char* kShareToExternal = "ShareToExternal";
+  static constexpr const char* kVersions = "ViewVersions";
   static constexpr const char* kNoWindows = "this client shows no windows";
   using OpenWindow = std::function<bool(const std::string& command, const std::vector<std::string>& paths)>;
 

@@ -16,6 +16,7 @@
 #include "ClientRuntime.h"
 #include "Clock.h"
 #include "DesktopCommands.h"
+#include "FileManagerBridge.h"
 #include "HeldDeletionsBox.h"
 #include "InfoTab.h"
 #include "MainLoopWatchdog.h"
@@ -29,7 +30,10 @@
 #include "SyncManagerWindow.h"
 #include "SyncProgressView.h"
 #include "TrayController.h"
+#include "WidgetHelpers.h"
 #include "TrayIcon.h"
+#include "VersionService.h"
+#include "VersionWindow.h"
 #include "Version.h"
 
 namespace {
@@ -137,8 +141,21 @@ int DesktopApp::Run(int argc, char** argv) {
   // while it is open only brings it forward, and its items are dropped.
   ServerSharingService sharing;
   QPointer<ShareWindow> shareWindow;
+  // The version window of one file, likewise one at a time; a restore makes a
+  // pass bring the file back.
+  ServerVersionService versions;
+  QPointer<VersionWindow> versionWindow;
   runtime->SetWindowHandler([&](const std::string& command, const std::vector<std::string>& paths) {
     CVEventLogger::WriteMainLogMessage("DesktopApp - " + command + " -> " + std::to_string(paths.size()) + " items");
+    if (command == FileManagerBridge::kVersions) {
+      if (!versionWindow || !versionWindow->isVisible()) {
+        delete versionWindow;
+        versionWindow = new VersionWindow(versions, loop, paths.front(), [&](const std::string&) { commands->SyncNow(); });
+        versionWindow->setAttribute(Qt::WA_DeleteOnClose);
+      }
+      widgets::ShowInFront(*versionWindow);
+      return;
+    }
     if (shareWindow && shareWindow->isVisible()) {
       shareWindow->ShowInFront();
       return;

@@ -254,11 +254,7 @@ bool ShareWindow::Open(std::vector<std::string> files, Controller::WindowType ty
   return allowed;
 }
 
-void ShareWindow::ShowInFront() {
-  show();
-  raise();
-  activateWindow();
-}
+void ShareWindow::ShowInFront() { widgets::ShowInFront(*this); }
 
 void ShareWindow::Draw() {
   const Controller& c = controller_;

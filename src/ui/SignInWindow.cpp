@@ -101,9 +101,7 @@ void SignInWindow::Prefill(const std::string& url, const std::string& user) {
 void SignInWindow::ShowNotice(const std::string& text) { LabelErrorText_.setText(QString::fromStdString(text)); }
 
 void SignInWindow::ShowInFront() {
-  show();
-  raise();
-  activateWindow();
+  widgets::ShowInFront(*this);
   if (pages_.currentWidget() == &loginPage_) {
     (connectField_.text().isEmpty() ? connectField_ : usernameField_.text().isEmpty() ? usernameField_ : tpassField_)
         .setFocus();

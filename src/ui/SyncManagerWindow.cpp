@@ -7,6 +7,7 @@
 #include <QVBoxLayout>
 
 #include "TrayIcon.h"
+#include "WidgetHelpers.h"
 
 SyncManagerWindow::SyncManagerWindow(std::function<void()> startStop, QWidget* parent) : QWidget(parent) {
   setWindowTitle("Corvalink Sync");
@@ -96,8 +97,4 @@ void SyncManagerWindow::Draw(const SyncProgressView& view) {
   percentsOfFile_.setText(QString::fromStdString(view.percentsOfFile));
 }
 
-void SyncManagerWindow::ShowInFront() {
-  show();
-  raise();
-  activateWindow();
-}
+void SyncManagerWindow::ShowInFront() { widgets::ShowInFront(*this); }

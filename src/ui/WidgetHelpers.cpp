@@ -34,4 +34,10 @@ QIcon StorageStateIcon(const std::string& iconStorage) {
   return QIcon(dot);
 }
 
+void ShowInFront(QWidget& window) {
+  window.show();
+  window.raise();
+  window.activateWindow();
+}
+
 }  // namespace widgets

@@ -13,6 +13,8 @@ void Name(QWidget& widget, const char* objectName, const QString& accessible);
 // A message box that nothing waits for: window-modal over parent, or standing
 // on its own without one; it deletes itself when closed.
 void ShowMessage(QWidget* parent, const std::string& text, const char* objectName);
+// Shown, raised over the other windows and given the keyboard.
+void ShowInFront(QWidget& window);
 // "storage_sync_green" (all), "storage_sync_yellow" (some), else grey (nothing).
 QIcon StorageStateIcon(const std::string& iconStorage);
 }  // namespace widgets

@@ -1,6 +1,7 @@
 // corvalink-traywatch: plays a desktop's tray host and notification server on the
 // session bus, prints what the tray item of a client shows as it changes, and
-// works a scenario of steps on it. For the desktop demo and for trying the tray
+// works a scenario of steps on it, as a user would with the panel, the windows
+// and the file manager's menu. For the desktop demo and for trying the tray
 // where no panel runs.
 
 #include <QApplication>
@@ -16,6 +17,7 @@
 
 #include "AccessibilityBus.h"
 #include "TrayBus.h"
+#include "corvalink_fm_client.h"
 
 namespace {
 const char* kUsage =
@@ -26,6 +28,8 @@ const char* kUsage =
     "  --run COMMAND       run a shell command and wait for it\n"
     "  --press NAME        press the control of that accessible name in a window\n"
     "                      (the client runs with QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1)\n"
+    "  --file-manager 'COMMAND PATH'  what a file manager's menu entry sends\n"
+    "                      (ShareToInternal, ShareToExternal, ViewVersions)\n"
     "  --screenshot-menu FILE  draw the menu as read from the bus, as a panel\n"
     "                      would open it, and save a picture of it\n"
     "  --screenshot FILE   a PNG of the whole display\n"
@@ -109,6 +113,16 @@ int main(int argc, char** argv) {
       done = accessibilityConnected &&
              PumpUntil([&] { return (control = accessibility.Find(value)).has_value(); }, 60000) &&
              accessibility.Press(*control);
+    } else if (step == "--file-manager") {
+      std::cout << "file manager: " << value << std::endl;
+      const auto space = value.find(' ');
+      char* socket = cv_fm_socket_path();
+      CvFmClient* client = socket ? cv_fm_open(socket, 5000) : nullptr;
+      std::free(socket);
+      const std::string path = space == std::string::npos ? "" : value.substr(space + 1);
+      const char* paths[] = {path.c_str()};
+      done = client && !path.empty() && cv_fm_open_window(client, value.substr(0, space).c_str(), paths, 1) == 1;
+      if (client) cv_fm_close(client);
     } else if (step == "--run") {
       done = std::system(value.c_str()) == 0;
     } else if (step == "--screenshot") {

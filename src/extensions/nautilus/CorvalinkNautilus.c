@@ -179,7 +179,8 @@ static void on_share_activate(NautilusMenuItem *item, gpointer user_data) {
   g_debug("%s: %s", command, opened > 0 ? "window opened" : "refused");
 }
 
-/* "Share inside" and "Share outside", as far as the client opens their windows. */
+/* "Share inside", "Share outside" and, on one file, "Versions", as far as the
+ * client opens their windows. */
 static GList *share_items(GList *files) {
   g_auto(GStrv) paths = paths_to_share(files);
   const char *const *commands = NULL;
@@ -190,12 +191,15 @@ static GList *share_items(GList *files) {
   } kEntries[] = {
       {"ShareToInternal", "Share inside", "Share with people of your organisation"},
       {"ShareToExternal", "Share outside", "Share with anyone by e-mail"},
+      {"ViewVersions", "Versions", "The versions the server keeps of this file"},
   };
+  /* The server keeps versions of files alone. */
+  const gboolean one_file = files && !files->next && !nautilus_file_info_is_directory(files->data);
   GList *items = NULL;
   for (size_t e = 0; e < G_N_ELEMENTS(kEntries); ++e) {
     gboolean offered = FALSE;
     for (int i = 0; i < count; ++i) offered = offered || g_strcmp0(commands[i], kEntries[e].command) == 0;
-    if (!offered) continue;
+    if (!offered || (g_str_equal(kEntries[e].command, "ViewVersions") && !one_file)) continue;
     g_autofree char *id = g_strconcat("CorvalinkSync::", kEntries[e].command, NULL);
     NautilusMenuItem *item = nautilus_menu_item_new(id, kEntries[e].label, kEntries[e].tip, NULL);
     g_object_set_data(G_OBJECT(item), "cv-command", (gpointer)kEntries[e].command);

@@ -172,14 +172,14 @@ TEST_F(FileManagerBridgeTest, SendToCopiesIntoTheStorageRootAndNeverOverwrites) 
                                              "Files were sent to the root level of: Docs"}));
 }
 
-TEST_F(FileManagerBridgeTest, ShareWindowsOpenOnItemsOfAStorageAsThePolicyAllows) {
+TEST_F(FileManagerBridgeTest, WindowsOpenOnItemsOfAStorageAsThePolicyAllows) {
   Write(docs_ + "/a.txt", "a");
   Write(docs_ + "/Folder/b.txt", "b");
   Write(home_.path() + "/outside.txt", "o");
   CVConfiguration::Instance().Corvalink.ExternalSharing = false;
   const char* const* commands = nullptr;
-  ASSERT_EQ(cv_fm_windows(client_, &commands), 1);
-  EXPECT_EQ(std::string(commands[0]), "ShareToInternal");
+  ASSERT_EQ(cv_fm_windows(client_, &commands), 2);
+  EXPECT_EQ(std::string(commands[0]) + " " + commands[1], "ShareToInternal ViewVersions");
   const std::string a = docs_ + "/a.txt", folder = docs_ + "/Folder", outside = home_.path() + "/outside.txt";
   struct Case {
     std::string command;
@@ -194,7 +194,11 @@ TEST_F(FileManagerBridgeTest, ShareWindowsOpenOnItemsOfAStorageAsThePolicyAllows
       {"ShareToInternal", {docs_}, 0},  // a storage itself
       {"ShareToInternal", {docs_ + "/gone.txt"}, 0},
       {"ShareToInternal", {docs_ + "/Folder/../a.txt"}, 0},
-      {"ViewVersions", {a}, 0},
+      {"Versions", {a}, 0},
+      {"ViewVersions", {a}, 1},
+      {"ViewVersions", {folder}, 0},  // versions are kept of files
+      {"ViewVersions", {a, docs_ + "/Folder/b.txt"}, 0},
+      {"ViewVersions", {outside}, 0},
   };
   for (const auto& c : cases) {
     std::vector<const char*> items;
@@ -202,7 +206,7 @@ TEST_F(FileManagerBridgeTest, ShareWindowsOpenOnItemsOfAStorageAsThePolicyAllows
     EXPECT_EQ(cv_fm_open_window(client_, c.command.c_str(), items.data(), static_cast<int>(items.size())), c.result)
         << c.command << " " << (c.items.empty() ? "" : c.items.back());
   }
-  EXPECT_EQ(opened_, std::vector<std::string>{"ShareToInternal 2"});
+  EXPECT_EQ(opened_, (std::vector<std::string>{"ShareToInternal 2", "ViewVersions 1"}));
   // A client without windows offers none and opens none.
   FileManagerBridge headless(loop_, nullptr);
   EXPECT_EQ(headless.Answer({"WINDOWS"}), std::vector<std::string>{"WINDOWS"});
