@@ -323,6 +323,7 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
 
         sync->SetCurrentStorageName(name);
         server.ClearServerQueues();
+        bool handedWork = false;
         {
           std::lock_guard<std::mutex> lock(server.compareLock);
           server.Fill_NFQ_ForStorage(name);
@@ -334,12 +335,12 @@ void AppDelegate::SyncNowSeparatedSelector(std::shared_ptr<CancelFlag> pass) {
             // Handed over before the work list fills: the loop may take its first
             // items at once, and a local change among them must find the pass waiting.
             sync->SetSQInProcess();
-            server.FilterNFQ(name);
+            handedWork = server.FilterNFQ(name);
             if (server.siteOffline) sync->sqInProcess = false;  // nothing was handed over
           }
         }
         if (!server.siteOffline) {
-          if (server.HasWork()) passLines.Keep();
+          if (handedWork) passLines.Keep();
           // The loop woke at the hand-over and found the list still empty: it sleeps
           // until told that the list is there (or that there is nothing to do).
           sync->WakeUp();

@@ -198,7 +198,7 @@ void SERVER_Queues::Fill_NFQ_ForStorage(const std::string& storageName) {
   }
 }
 
-void SERVER_Queues::FilterNFQ(const std::string& storageName) {
+bool SERVER_Queues::FilterNFQ(const std::string& storageName) {
   {
     std::lock_guard<std::mutex> lock(SQ_FQ_Lock);
     SQ_ServerQueue.clear();
@@ -220,9 +220,12 @@ void SERVER_Queues::FilterNFQ(const std::string& storageName) {
     // Half a comparison could hold deletions that the rest would have undone.
     CVEventLogger::LogException(kClass, "FilterNFQ", exception.what());
   }
+  bool handed = false;
   if (usable) {
     std::lock_guard<std::mutex> lock(SQ_FQ_Lock);
     if (clearGeneration_ == generation) {
+      handed = std::any_of(work.begin(), work.end(),
+                           [](const CVFileWithAction& item) { return item.fileAction != FWA_Nothing; });
       SQ_ServerQueue.insert(SQ_ServerQueue.end(), std::make_move_iterator(work.begin()),
                             std::make_move_iterator(work.end()));
     } else {
@@ -236,6 +239,7 @@ void SERVER_Queues::FilterNFQ(const std::string& storageName) {
   }
   std::lock_guard<std::mutex> lock(SQ_NFQ_Lock);
   NFSQ_ServerQueue.clear();
+  return handed;
 }
 
 bool SERVER_Queues::Compare(const std::string& storageName, const std::vector<CVFileForCompare>& listing,
@@ -522,12 +526,6 @@ void SERVER_Queues::ClearServerQueues() {
   }
   std::lock_guard<std::mutex> lock(SQ_FQ_Lock);
   SQ_ServerQueue.clear();
-}
-
-bool SERVER_Queues::HasWork() {
-  std::lock_guard<std::mutex> lock(SQ_FQ_Lock);
-  return std::any_of(SQ_ServerQueue.begin(), SQ_ServerQueue.end(),
-                     [](const CVFileWithAction& item) { return item.fileAction != FWA_Nothing; });
 }
 
 std::size_t SERVER_Queues::ServerQueueSize() {

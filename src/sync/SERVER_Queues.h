@@ -56,7 +56,9 @@ class SERVER_Queues {
   // Fills SQ_ServerQueue from NFSQ_ServerQueue; only when siteOffline is clear.
   // In order: the lines of the listing, the local deletions, and, until the
   // first pass has ended, the uploads of items the record does not know.
-  virtual void FilterNFQ(const std::string& storageName);
+  // True when it handed the loop something to do (which the loop may have taken
+  // off the queue already by the time this returns).
+  virtual bool FilterNFQ(const std::string& storageName);
 
   // The recursive listing of a storage from the server (ManagerDownload), with
   // the loop's stop test. Tests list without a server here.
@@ -72,8 +74,6 @@ class SERVER_Queues {
   // which were made for a state that a local operation is changing.
   void ClearServerQueues();
   std::size_t ServerQueueSize();
-  // Whether the work list holds an item that is not already in step.
-  bool HasWork();
 
   std::vector<CVFileForCompare> NFSQ_ServerQueue;
   // Taken from the front one item at a time: a deque keeps that constant per item.

@@ -69,7 +69,7 @@ class FakeServerQueues : public SERVER_Queues {
     fills.push_back(name);
     siteOffline = listings.count(name) == 0;
   }
-  void FilterNFQ(const std::string& name) override {
+  bool FilterNFQ(const std::string& name) override {
     std::vector<CVFileWithAction> items;
     {
       std::lock_guard<std::mutex> lock(mutex);
@@ -77,6 +77,7 @@ class FakeServerQueues : public SERVER_Queues {
     }
     std::lock_guard<std::mutex> lock(SQ_FQ_Lock);
     for (auto& item : items) SQ_ServerQueue.push_back(item);
+    return !items.empty();
   }
   std::vector<std::string> Fills() {
     std::lock_guard<std::mutex> lock(mutex);
