@@ -12,13 +12,16 @@ namespace {
 
 // The text of a date in the form it was read from.
 std::string Text(const WSDate& date) {
+  // Whole seconds rounded down, so that dates before 1970 keep their milliseconds.
   auto ms = date->time_since_epoch().count();
-  std::time_t seconds = static_cast<std::time_t>(ms / 1000);
+  auto rest = ms % 1000;
+  if (rest < 0) rest += 1000;
+  std::time_t seconds = static_cast<std::time_t>((ms - rest) / 1000);
   std::tm t{};
   gmtime_r(&seconds, &t);
   char text[64];
   std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", t.tm_year + 1900, t.tm_mon + 1,
-                t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, static_cast<int>(ms % 1000));
+                t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, static_cast<int>(rest));
   return text;
 }
 
