@@ -18,7 +18,7 @@
 // Run on demand: e2e_bench [--benchmark_filter=...]. CV_BENCH_FILES lists the
 // counts of small files (default "1000,10000"; add 100000 for the largest run),
 // CV_BENCH_LARGE_MB the large file's size (1024), CV_BENCH_IDLE_SECONDS the idle
-// watch (60).
+// watch (60); with CV_BENCH_KEEP set the folders of the runs stay (their paths on stderr).
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -29,6 +29,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -306,7 +307,7 @@ std::vector<int> FileCounts() {
   return counts;
 }
 
-// One folder per benchmark, removed afterwards.
+// One folder per benchmark, removed afterwards (kept, and named, with CV_BENCH_KEEP set).
 struct Scratch {
   fs::path root;
   Scratch() {
@@ -315,6 +316,10 @@ struct Scratch {
     root = pattern;
   }
   ~Scratch() {
+    if (std::getenv("CV_BENCH_KEEP")) {
+      std::fprintf(stderr, "kept: %s\n", root.c_str());
+      return;
+    }
     std::error_code error;
     fs::remove_all(root, error);
   }

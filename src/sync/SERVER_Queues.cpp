@@ -532,3 +532,9 @@ std::size_t SERVER_Queues::ServerQueueSize() {
   std::lock_guard<std::mutex> lock(SQ_FQ_Lock);
   return SQ_ServerQueue.size();
 }
+
+std::vector<CVFileWithAction> SERVER_Queues::FirstItems(std::size_t most) {
+  std::lock_guard<std::mutex> lock(SQ_FQ_Lock);
+  const auto end = SQ_ServerQueue.begin() + static_cast<std::ptrdiff_t>(std::min(most, SQ_ServerQueue.size()));
+  return std::vector<CVFileWithAction>(SQ_ServerQueue.begin(), end);
+}

@@ -74,6 +74,8 @@ class SERVER_Queues {
   // which were made for a state that a local operation is changing.
   void ClearServerQueues();
   std::size_t ServerQueueSize();
+  // Copies of the first items of the work list, at most most of them.
+  std::vector<CVFileWithAction> FirstItems(std::size_t most);
 
   std::vector<CVFileForCompare> NFSQ_ServerQueue;
   // Taken from the front one item at a time: a deque keeps that constant per item.

@@ -117,7 +117,15 @@ std::int32_t SiteIndex(const std::string& name) {
 }  // namespace
 
 SmartSyncFileOperations::SmartSyncFileOperations(AppDelegate& app, ServerFileOperations& server)
-    : app_(app), server_(server) {}
+    : app_(app),
+      server_(server),
+      ahead_(
+          [this] {
+            auto downloader = std::make_shared<AsyncFileDownloader>(app_.sharedClock());
+            downloader->SetLanding(&landing_, /*onlyWherePathFree=*/true);
+            return downloader;
+          },
+          [](const CVFileWithAction& item, AsyncFileDownloader& downloader) { return downloader.DownloadFile(item); }) {}
 
 SmartSyncFileOperations::~SmartSyncFileOperations() = default;
 
@@ -703,6 +711,8 @@ std::int32_t SmartSyncFileOperations::PerformDownloadFromServer(SmartSync& sync,
       }
       Log("PerformDownloadFromServer", "Download folder not success: " + item.nFilePath);
     } else {
+      // The files after this one come over while it does.
+      ahead_.Start(sync.serverQueue().FirstItems(2 * DownloadAhead::kMostAhead));
       if (DownloadFile(item)) return SYNC_RETURN_OK;
       Log("PerformDownloadFromServer", "Download file not success: " + item.nFilePath);
     }
@@ -798,6 +808,11 @@ std::int32_t SmartSyncFileOperations::PerformRenameFileOnServer(SmartSync&, CVFi
 }
 
 bool SmartSyncFileOperations::DownloadFile(CVFileWithAction& item) {
+  if (auto fetched = ahead_.Take(item); fetched && fetched->arrived) {
+    app_.DiskHasRoom();
+    return true;
+  }
+  // Not fetched ahead, or that download failed: it runs here, with its attempts.
   // A fresh downloader for each download, kept where a stop from another thread finds it.
   auto downloader = std::make_shared<AsyncFileDownloader>(app_.sharedClock());
   downloader->SetLanding(&landing_);
@@ -821,11 +836,11 @@ bool SmartSyncFileOperations::DownloadFile(CVFileWithAction& item) {
 
 void SmartSyncFileOperations::LandDownloads() {
   if (landing_.empty()) return;
-  for (const auto& path : landing_.Paths()) app_.AddFileInProgress(path);
-  landing_.Land();
+  landing_.Land([this](const std::string& path) { app_.AddFileInProgress(path); });
 }
 
 void SmartSyncFileOperations::FinishPendingWork() {
+  ahead_.Finish();
   if (landing_.empty()) return;
   LandDownloads();
   app_.ReleaseFilesInProgress();
@@ -838,6 +853,7 @@ void SmartSyncFileOperations::StopDownloading() {
     downloader = cvAFD_;
   }
   if (downloader) downloader->StopDownloading();
+  ahead_.Stop();
 }
 
 void SmartSyncFileOperations::WriteState(const std::string& path, const std::string& state, bool isFolder) {

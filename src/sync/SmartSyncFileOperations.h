@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "DownloadAhead.h"
 #include "DownloadLanding.h"
 #include "FileOperationDispatcher.h"
 #include "HeldBackNames.h"
@@ -121,4 +122,6 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   FolderNames folderNames_;
   std::mutex downloaderLock_;
   std::shared_ptr<AsyncFileDownloader> cvAFD_;
+  // After landing_: what runs ahead hands its files to the landing until it has stopped.
+  DownloadAhead ahead_;
 };

@@ -274,7 +274,10 @@ bool AsyncFileDownloader::DownloadFile(const CVFileWithAction& file, const std::
 
       if (StartFileDownloadingAsync(file, spName)) {
         // A file waiting to land has its time already, under its temporary name.
-        if (!landing_ || fs::exists(file.nFilePath, error)) ChangeDate(file.dateModified, file.nFilePath);
+        // A file fetched where nothing stood may find the user's file there now.
+        if (!landing_ || (!onlyWherePathFree_ && fs::exists(file.nFilePath, error))) {
+          ChangeDate(file.dateModified, file.nFilePath);
+        }
         failDownloadsCount_ = 0;
         result = true;
         break;
@@ -760,7 +763,7 @@ void AsyncFileDownloader::FinishFileDownloading(const std::shared_ptr<Attempt>& 
         if (landing_ && ::fstat(attempt->fileHandle, &written) == 0 &&
             static_cast<std::int64_t>(written.st_size) == file.fileSize) {
           // Whole: it lands with others, its data made durable with theirs.
-          landing_->Add(attempt->fileHandle, temporaryPath, file);
+          landing_->Add(attempt->fileHandle, temporaryPath, file, onlyWherePathFree_);
           attempt->fileHandle = -1;
           EndAttemptLocked(*attempt, kReasonSuccess);
         }

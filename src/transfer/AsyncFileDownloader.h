@@ -60,8 +60,12 @@ class AsyncFileDownloader {
   AsyncFileDownloader& operator=(const AsyncFileDownloader&) = delete;
 
   // Whole downloads are handed to landing, which moves them into place later
-  // with others; without one each lands at once.
-  void SetLanding(DownloadLanding* landing) { landing_ = landing; }
+  // with others; without one each lands at once. A download begun where
+  // nothing stood lands only while nothing stands there (onlyWherePathFree).
+  void SetLanding(DownloadLanding* landing, bool onlyWherePathFree = false) {
+    landing_ = landing;
+    onlyWherePathFree_ = onlyWherePathFree;
+  }
 
   // The download of the sync: the storage's name from the path (or the upload
   // request), then DownloadFile with it. True when the file is in place.
@@ -143,6 +147,7 @@ class AsyncFileDownloader {
 
   std::shared_ptr<const Clock> clock_;
   DownloadLanding* landing_ = nullptr;
+  bool onlyWherePathFree_ = false;
 
   mutable std::mutex mutex_;  // guards the fields up to the atomics
   std::shared_ptr<ASIFormDataRequest> request_;

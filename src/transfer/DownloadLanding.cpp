@@ -1,6 +1,7 @@
 #include "DownloadLanding.h"
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,12 +17,13 @@ namespace fs = std::filesystem;
 
 DownloadLanding::~DownloadLanding() { Land(); }
 
-void DownloadLanding::Add(int fd, const std::string& temporaryPath, const CVFileWithAction& file) {
+void DownloadLanding::Add(int fd, const std::string& temporaryPath, const CVFileWithAction& file,
+                          bool onlyWherePathFree) {
   // The writeback starts now, so that the commit at landing finds the data on its way.
   ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
   std::lock_guard<std::mutex> lock(mutex_);
   if (waiting_.empty()) oldest_ = std::chrono::steady_clock::now();
-  waiting_.push_back(Arrived{fd, temporaryPath, file});
+  waiting_.push_back(Arrived{fd, temporaryPath, file, onlyWherePathFree});
   bytes_ += file.fileSize;
 }
 
@@ -35,16 +37,6 @@ bool DownloadLanding::Due(std::int64_t nextSize) const {
 bool DownloadLanding::empty() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return waiting_.empty();
-}
-
-std::vector<std::string> DownloadLanding::Paths() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  std::vector<std::string> paths;
-  for (const auto& arrived : waiting_) {
-    paths.push_back(arrived.temporaryPath);
-    paths.push_back(arrived.file.nFilePath);
-  }
-  return paths;
 }
 
 void DownloadLanding::MakeDurable(std::vector<Arrived>& batch) {
@@ -85,7 +77,7 @@ void DownloadLanding::MakeDurable(std::vector<Arrived>& batch) {
   }
 }
 
-void DownloadLanding::Land() {
+void DownloadLanding::Land(const std::function<void(const std::string&)>& own) {
   std::vector<Arrived> batch;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -93,12 +85,24 @@ void DownloadLanding::Land() {
     bytes_ = 0;
   }
   if (batch.empty()) return;
+  if (own) {
+    for (const auto& arrived : batch) {
+      own(arrived.temporaryPath);
+      own(arrived.file.nFilePath);
+    }
+  }
   MakeDurable(batch);
   for (const auto& arrived : batch) {
     if (arrived.fd == -2) continue;
     CrashPoint("download-temp-written");
     std::error_code error;
-    fs::rename(arrived.temporaryPath, arrived.file.nFilePath, error);
+    if (!arrived.onlyWherePathFree) {
+      fs::rename(arrived.temporaryPath, arrived.file.nFilePath, error);
+    } else if (::renameat2(AT_FDCWD, arrived.temporaryPath.c_str(), AT_FDCWD, arrived.file.nFilePath.c_str(),
+                           RENAME_NOREPLACE) != 0) {
+      // Something came to the path since the download began: it is compared next pass, never replaced.
+      error = std::error_code(errno, std::generic_category());
+    }
     if (error) {
       CVEventLogger::WriteMainLogMessage("DownloadLanding - Land -> " + arrived.temporaryPath +
                                          " could not be moved into place: " + error.message() +

@@ -9,11 +9,12 @@
 // its owner goes. Until then a file stands under its temporary name with its
 // broken record, which a crash leaves to be resumed (nothing left to fetch).
 //
-// Owned by the per-file operations; filled on a request's thread while the sync
-// thread waits, landed on the sync thread.
+// Owned by the per-file operations; filled on the requests' threads (also by
+// downloads that run ahead of the loop), landed on the sync thread.
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -32,22 +33,24 @@ class DownloadLanding {
   DownloadLanding& operator=(const DownloadLanding&) = delete;
 
   // Takes a finished temporary file, its descriptor open for writing, its size
-  // checked, its time set; the descriptor is closed here.
-  void Add(int fd, const std::string& temporaryPath, const CVFileWithAction& file);
+  // checked, its time set; the descriptor is closed here. A file fetched where
+  // nothing stood lands only while nothing stands there (onlyWherePathFree).
+  void Add(int fd, const std::string& temporaryPath, const CVFileWithAction& file, bool onlyWherePathFree = false);
   // True when the batch should land before a download of nextSize bytes.
   bool Due(std::int64_t nextSize = 0) const;
   bool empty() const;
-  // The temporary and final paths of what waits, for the watcher.
-  std::vector<std::string> Paths() const;
   // Moves everything into place: data durable, renamed, recorded. A file that
   // cannot land stays under its temporary name with its broken record (logged).
-  void Land();
+  // own learns the temporary and final paths of every file of the batch before
+  // anything moves, for the watcher; a file added meanwhile waits for the next.
+  void Land(const std::function<void(const std::string&)>& own = {});
 
  private:
   struct Arrived {
     int fd = -1;  // -2: not durable, stays under its temporary name
     std::string temporaryPath;
     CVFileWithAction file;
+    bool onlyWherePathFree = false;
   };
 
   // Closes every descriptor; one whose data could not be made durable is -2.
