@@ -116,7 +116,8 @@ bool IsLoopbackHost(const std::string& host) {
 }
 
 // The HTTP side: routes every POST to a SOAP endpoint or a handler by the last
-// segment of its path, applies faults, records requests.
+// segment of its path, applies faults, records requests and
+// notes the users' actions that succeeded.
 class DevServer::Routes {
  public:
   explicit Routes(ServerState& state) : state_(state) {
