@@ -55,6 +55,7 @@ echo "== The desktop client starts; the tray as the panel sees it:"
   --run "printf 'Quarterly figures, revised\\n' > '$home/Corvalink/Docs/Reports/Q3 results.txt'; sleep 2" \
   --file-manager "ViewVersions $home/Corvalink/Docs/Reports/Q3 results.txt" \
   --screenshot "$shots/version-window.png" --press 'Close' \
+  --click 'Activity…' --run 'sleep 1' --screenshot "$shots/activity-window.png" --press 'Close' \
   --click 'Pause sync' --wait-menu 'Start sync.*' \
   --click 'Start sync' --wait-menu 'Sync now.*' \
   --click 'Exit' > "$work/tray.out" 2>&1 &

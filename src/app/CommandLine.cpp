@@ -8,7 +8,8 @@ bool CommandLine::IsCommand(const std::string& word) {
                                                   "folders",  "select",  "sync-now",        "pause",
                                                   "resume",   "show",    "quit",            "share",
                                                   "shared",   "fetch",   "requests",        "request",
-                                                  "versions", "export-logs", "confirm-deletes", "decline-deletes"};
+                                                  "versions", "export-logs", "confirm-deletes", "decline-deletes",
+                                                  "activity"};
   return kCommands.count(word) > 0;
 }
 
@@ -114,6 +115,8 @@ std::string CommandLine::Usage() {
          "                 follows with the sync), --save writes it to DEST instead\n"
          "  export-logs [DEST]   the client's logs in one zip file, in the download\n"
          "                 folder or DEST (a folder or a file name)\n"
+         "  activity [--page N]   a page of your account's usage history (from 0), and\n"
+         "                 the files the sync newly created or updated here\n"
          "  sync-now | pause | resume | quit   the running client\n"
          "  show           bring the running client's window forward\n"
          "  confirm-deletes STORAGE   the running client holds the deletions of a pass\n"

@@ -16,6 +16,7 @@
 #include "SharedCommand.h"
 #include "TerminalCommand.h"
 #include "VersionsCommand.h"
+#include "ActivityCommand.h"
 #include "Version.h"
 
 int main(int argc, char** argv) {
@@ -43,6 +44,7 @@ int main(int argc, char** argv) {
   }
   if (options->command == "versions") return VersionsCommand(*options, std::cout, std::cerr).Run();
   if (options->command == "export-logs") return RunLogExportCommand(*options, std::cout, std::cerr);
+  if (options->command == "activity") return RunActivityCommand(*options, std::cout, std::cerr);
   if (!options->command.empty()) return TerminalCommand(*options, std::cin, std::cout, std::cerr).Run();
   if (!options->headless) {
 #ifdef CORVALINK_HAS_DESKTOP

@@ -526,6 +526,13 @@ std::string CVHandler::GetCompressedTypesStringForSite(const std::string& siteNa
   return SystemConfigField(siteName, 2, 3).value_or("");
 }
 
+std::optional<std::vector<WSUsageHistory>> CVHandler::GetUsageHistory(long pageNum) {
+  RegenWsURL();
+  return TwoRounds(kMainTokenKey, [&](const std::string& token) -> std::optional<std::vector<WSUsageHistory>> {
+    return CorvalinkWS().GetUsageHistory(token, std::to_string(pageNum)).GetUsageHistoryCollection();
+  });
+}
+
 bool CVHandler::isFileNeedToBeCompressed(const std::string& extension) {
   bool fetched;
   std::string types;

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "ShareRecords.h"
+
 struct CVTokenCollection {
   std::string TokenDesc;  // the key
   std::string Token;
@@ -92,6 +94,9 @@ class CVHandler {
   std::string GetCompressedTypesString();
   std::string GetCompressedTypesStringForSite(const std::string& siteName);
   bool isFileNeedToBeCompressed(const std::string& extension);
+  // One page (from 0) of the account's usage history; nothing when the main
+  // token was refused twice.
+  std::optional<std::vector<WSUsageHistory>> GetUsageHistory(long pageNum);
 
   // The application's version as the login tells the server.
   void SetAppVersion(const std::string& version);

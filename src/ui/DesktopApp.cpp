@@ -8,6 +8,8 @@
 #include <iostream>
 #include <memory>
 
+#include "ActivityService.h"
+#include "ActivityWindow.h"
 #include "AppDelegate.h"
 #include "CVConfiguration.h"
 #include "CVEventLogger.h"
@@ -84,7 +86,17 @@ int DesktopApp::Run(int argc, char** argv) {
     const auto index = static_cast<std::size_t>(std::max(0, lastProgress.currentSiteNumber));
     window->Draw(SyncProgressView::From(lastProgress, CVStaticHelpers::GetSiteNameByIndex(index)));
   };
+  // The activity window: made anew at each opening, from the history's first page.
+  ServerActivityService activity;
+  QPointer<ActivityWindow> activityWindow;
   auto openWindow = [&](TrayMenuModel::Window which, int tab) {
+    if (which == TrayMenuModel::Window::Activity) {
+      delete activityWindow.data();
+      activityWindow = new ActivityWindow(activity, loop);
+      activityWindow->setAttribute(Qt::WA_DeleteOnClose);
+      widgets::ShowInFront(*activityWindow);
+      return;
+    }
     if (which == TrayMenuModel::Window::SignIn) {
       if (!signInWindow) {
         signInWindow = std::make_unique<SignInWindow>(runtime->login(), runtime->settings(), loop,
@@ -131,7 +143,8 @@ int DesktopApp::Run(int argc, char** argv) {
                   held, [&commands, storage](bool confirm) { commands->AnswerDeletions(storage, confirm); });
             }
           }},
-      {TrayMenuModel::Window::SignIn, TrayMenuModel::Window::SyncManager, TrayMenuModel::Window::AccountTabs},
+      {TrayMenuModel::Window::SignIn, TrayMenuModel::Window::SyncManager, TrayMenuModel::Window::AccountTabs,
+       TrayMenuModel::Window::Activity},
       [&] { return runtime && runtime->app().IsSyncStarted(); });
   trayIcon.SetActivateHandler([&tray](const std::string& id) { tray.Activate(id); });
 
@@ -216,6 +229,7 @@ int DesktopApp::Run(int argc, char** argv) {
   // A sign-in waiting for its question is answered "No" before the workers are joined.
   signInWindow.reset();
   delete shareWindow.data();
+  delete activityWindow.data();
   commands.reset();
   runtime->Stop();
   // The sync reports to the tray to its very end: it goes before the tray does.

@@ -103,7 +103,7 @@ TEST_F(DesktopSuite, TheTrayFollowsTheSyncAndItsEntriesWork) {
   ASSERT_TRUE(item) << client.Output();
   EXPECT_EQ(item->Property("Id").toStdString(), "Corvalink Sync");
 
-  const std::string tail = "---\\|Sync status…\\|Settings…\\|Storages…\\|Open Corvalink folder\\|---\\|Exit\\|";
+  const std::string tail = "---\\|Sync status…\\|Settings…\\|Storages…\\|Activity…\\|Open Corvalink folder\\|---\\|Exit\\|";
   std::string menu;
   ASSERT_TRUE(WaitForMenu(*item, "Sync now \\(last update at .+\\)\\|Pause sync\\|" + tail, menu)) << menu;
   EXPECT_TRUE(PumpUntil([&] { return item->Property("IconName") == "corvalink-sync-state-2"; }, 20000))

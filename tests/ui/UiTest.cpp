@@ -1,5 +1,5 @@
 // The engine's main loop on Qt's event loop, the sync manager's progress tab, and
-// the info tab's log export, and the version window.
+// the info tab's log export, the version window and the activity window.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -17,6 +17,7 @@
 #include <fstream>
 #include <thread>
 
+#include "ActivityWindow.h"
 #include "CVConfiguration.h"
 #include "CVEventLogger.h"
 #include "HeldDeletionsBox.h"
@@ -140,6 +141,58 @@ TEST(UiTest, TheHeldDeletionsQuestionAnswersByItsButtons) {
     EXPECT_EQ(answers, c.answers) << c.button;
     EXPECT_TRUE(box.isNull()) << c.button;  // closed and gone
   }
+}
+
+// Page 0 of the history holds one record, page 1 none; two local records.
+class ScriptedActivity : public ActivityService {
+ public:
+  std::vector<CVFileForCompare> records{2};
+  ScriptedActivity() {
+    records[0].localPath = "/h/a.txt";
+    records[1].localPath = "/h/b.txt";
+    records[1].fileStatus = 1;
+  }
+  std::optional<std::vector<WSUsageHistory>> GetUsageHistory(long page) override {
+    WSUsageHistory record;
+    record.Action = "Uploaded";
+    record.FileURL = "\\\\devserver\\Docs\\a.txt";
+    return page == 0 ? std::vector<WSUsageHistory>{record} : std::vector<WSUsageHistory>{};
+  }
+  std::optional<std::vector<CVFileForCompare>> readDownloadedFiles() override { return records; }
+  bool SetNothingStatusForFile(const std::string& url) override {
+    std::erase_if(records, [&](const auto& r) { return r.localPath == url; });
+    return true;
+  }
+};
+
+TEST(UiTest, TheActivityWindowPagesTheHistoryAndMarksLocalRowsSeen) {
+  Clock clock;
+  QtMainLoop loop(clock);
+  ScriptedActivity service;
+  ActivityWindow window(service, loop);
+  window.show();
+  auto* table = window.findChild<QTreeWidget*>("tableView");
+  auto* next = window.findChild<QPushButton*>("nextButton");
+  auto* prev = window.findChild<QPushButton*>("prevButton");
+  auto* page = window.findChild<QLabel*>("textFieldPageNum");
+  auto idle = [&] { return !window.controller().inProgressNow && !window.controller().inProgressNowLocal; };
+  ASSERT_TRUE(QTest::qWaitFor([&] { return idle() && table->topLevelItemCount() == 1; }));
+  EXPECT_EQ(table->headerItem()->data(2, Qt::UserRole).toString().toStdString(), "fileurlcolumn");
+  EXPECT_EQ(table->topLevelItem(0)->text(2).toStdString(), "\\\\devserver\\Docs\\a.txt");
+  EXPECT_EQ(page->text().toStdString() + (prev->isEnabled() ? " prev" : "") + (next->isEnabled() ? " next" : ""), "0 next");
+  next->click();
+  ASSERT_TRUE(QTest::qWaitFor(idle));
+  EXPECT_EQ(page->text().toStdString() + (prev->isEnabled() ? " prev" : "") + (next->isEnabled() ? " next" : ""), "1 prev");
+  EXPECT_EQ(table->topLevelItemCount(), 0);
+
+  window.findChild<QTabWidget*>("tabs")->setCurrentIndex(1);
+  auto* local = window.findChild<QTreeWidget*>("tableViewLocalFiles");
+  ASSERT_TRUE(QTest::qWaitFor([&] { return idle() && local->topLevelItemCount() == 2; }));
+  EXPECT_EQ(local->topLevelItem(1)->text(0).toStdString() + " " + local->topLevelItem(1)->text(1).toStdString(),
+            "/h/b.txt Updated");
+  emit local->itemDoubleClicked(local->topLevelItem(0), 0);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return idle() && local->topLevelItemCount() == 1; }));
+  EXPECT_EQ(local->topLevelItem(0)->text(0).toStdString(), "/h/b.txt");
 }
 
 }  // namespace

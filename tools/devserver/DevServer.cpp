@@ -66,6 +66,44 @@ RecordedRequest BaseRecord(const httplib::Request& req, const std::string& endpo
   return record;
 }
 
+// The calls that count as a user's action in the usage history, when they
+// succeed: the action's name and the fields that hold the path and, for a
+// rename, the earlier one. A download counts once, not per resumed range; an
+// upload in parts counts when FinishPartialUpload assembles it.
+struct UsageRow {
+  const char* name;
+  const char* action;
+  const char* tokenField;
+  const char* pathField;
+  const char* subjectField;
+};
+constexpr UsageRow kUsageRows[] = {
+    {"FinishPartialUpload", "Uploaded", "Token", "Path", nullptr},
+    {"MoveFile", "Renamed", "Token", "NewFileName", "CurrentFileName"},
+    {"DeleteFile", "Deleted", "Token", "Path", nullptr},
+    {"DeleteFolder", "Deleted", "Token", "Path", nullptr},
+    {"CreateFolder", "Folder created", "Token", "Path", nullptr},
+    {"SwitchToVersion", "Version restored", "Token", "Path", nullptr},
+    {"UploadStorageFile.ashx", "Uploaded", "token", "path", nullptr},
+    {"DownloadStorageFile.ashx", "Downloaded", "token", "path", nullptr},
+};
+
+void NoteUsage(ServerState& state, const std::string& name, const RecordedRequest& request) {
+  for (const auto& row : kUsageRows) {
+    if (name != row.name) continue;
+    if (name == "UploadStorageFile.ashx" && !request.HasField("Length")) return;  // a part
+    if (name == "DownloadStorageFile.ashx") {
+      const std::string range = request.Header("Range");
+      if (!range.empty() && range.rfind("0-", 0) != 0) return;  // a resumed download
+    }
+    const auto user = state.TokenUser(request.Field(row.tokenField));
+    if (!user) return;
+    state.usage().Note({user->user, row.action, request.Field(row.pathField),
+                        row.subjectField ? request.Field(row.subjectField) : "", std::chrono::system_clock::now()});
+    return;
+  }
+}
+
 }  // namespace
 
 bool IsLoopbackHost(const std::string& host) {
@@ -78,7 +116,8 @@ bool IsLoopbackHost(const std::string& host) {
 }
 
 // The HTTP side: routes every POST to a SOAP endpoint or a handler by the last
-// segment of its path, applies faults, records requests.
+// segment of its path, applies faults, records requests and
+// notes the users' actions that succeeded.
 class DevServer::Routes {
  public:
   explicit Routes(ServerState& state) : state_(state) {
@@ -186,6 +225,7 @@ class DevServer::Routes {
     } else if (const auto* method = methods_.Find(endpoint, call.method)) {
       try {
         reply = (*method)(state_, call);
+        if (!reply.isFault && reply.text.rfind("0;", 0) == 0) NoteUsage(state_, call.method, record);
       } catch (const std::exception& e) {
         state_.Log(call.method + " failed: " + e.what());
         reply = SoapReply::ServerFault(e.what());
@@ -200,7 +240,7 @@ class DevServer::Routes {
              DropOf(fault));
   }
 
-  void RecordHandlerRequest(const std::string& name, const httplib::Request& req) {
+  RecordedRequest RecordHandlerRequest(const std::string& name, const httplib::Request& req) {
     auto record = BaseRecord(req, name);
     record.name = name;
     for (const auto& [field, value] : req.params) record.fields.emplace(field, value);
@@ -208,6 +248,7 @@ class DevServer::Routes {
     state_.requests().Record(record);
     state_.Log("POST " + name + " path=" + FormField(req, "path") +
                " Range=" + req.get_header_value(kRawRangeHeader));
+    return record;
   }
 
   void RouteWithBody(const httplib::Request& req, httplib::Response& res,
@@ -219,7 +260,7 @@ class DevServer::Routes {
       SendBody(res, 404, "", "text/plain", std::nullopt);
       return;
     }
-    RecordHandlerRequest(name, req);
+    const auto record = RecordHandlerRequest(name, req);
     const auto fault = state_.faults().Take(name, name);
     if (!Delay(fault)) return;
     if (fault && (fault->kind == Fault::Kind::Status || fault->kind == Fault::Kind::Result)) {
@@ -231,11 +272,12 @@ class DevServer::Routes {
       return;
     }
     (*handler)(state_, req, res, body, DropOf(fault));
+    if (res.status == 200) NoteUsage(state_, name, record);
   }
 
   void Handler(const std::string& name, const HttpHandler& handler, const httplib::Request& req,
                httplib::Response& res) {
-    RecordHandlerRequest(name, req);
+    const auto record = RecordHandlerRequest(name, req);
     const auto fault = state_.faults().Take(name, name);
     if (!Delay(fault)) return;
     if (fault && fault->kind == Fault::Kind::Status) {
@@ -248,6 +290,7 @@ class DevServer::Routes {
       return;
     }
     handler(state_, req, res, DropOf(fault));
+    if (res.status == 200) NoteUsage(state_, name, record);
   }
 
   ServerState& state_;

@@ -1,6 +1,7 @@
 #pragma once
 // ServerState: what every method and handler of the server works on: the
-// options, users, tokens, storages, restricted paths, upload requests, and the
+// options, users, tokens, storages, restricted paths, upload requests, the
+// usage log, and the
 // test hooks (faults and recorded requests). Owned by DevServer; shared by the
 // connection threads, so each part guards itself.
 
@@ -19,6 +20,7 @@
 #include "Storage.h"
 #include "TokenStore.h"
 #include "UploadRequestStore.h"
+#include "UsageLog.h"
 
 namespace devserver {
 
@@ -54,6 +56,7 @@ class ServerState {
   RequestRecorder& requests() { return requests_; }
   ShareStore& shares() { return shares_; }
   UploadRequestStore& uploadRequestStore() { return uploadRequestStore_; }
+  UsageLog& usage() { return usage_; }
 
   // The policy document of GetDefaultSettings2 for the user.
   std::string PolicyFor(const std::string& user) const;
@@ -89,6 +92,7 @@ class ServerState {
   RequestRecorder requests_;
   ShareStore shares_;
   UploadRequestStore uploadRequestStore_;
+  UsageLog usage_;
 
   mutable std::mutex mutex_;
   std::string versionReply_;

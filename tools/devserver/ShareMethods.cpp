@@ -1,6 +1,6 @@
 // Share service and sharing methods: GetSharedStorages, sharing items inside and
 // outside (both generations), extending, ending and re-sending shares, finding
-// users, and the lists of shared files and of their use.
+// users, and the lists of shared files and of the caller's actions.
 //
 // Choices where the client leaves the server open (chosen):
 // - Share calls take the main token only; ShareItems answers its codes alone in
@@ -14,6 +14,7 @@
 //   nowhere; they stay in the store.
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 #include <ctime>
@@ -31,6 +32,7 @@ namespace {
 
 constexpr long kNoExpiryHours = 876000;
 constexpr std::size_t kUsersPerPage = 20;
+constexpr std::size_t kHistoryPerPage = 20;
 
 
 // The value of one child of the Options record; "" when it is missing.
@@ -424,16 +426,25 @@ SoapMethod FileList(bool mine) {
   };
 }
 
-// Token, pageNum: one "Shared" record per share the caller made, all on page 1.
+// Token, pageNum: the caller's actions, newest first, kHistoryPerPage a page
+// from page 0: those of the usage log and one "Shared" per share the caller
+// made. A page past the end, or a pageNum that is no number, is empty (chosen).
 SoapReply GetUsageHistory(ServerState& state, const SoapCall& call) {
   const auto user = MainUser(state, call.Text("Token"));
   if (!user) return SoapReply::Text(kInvalidToken);
+  auto actions = state.usage().Of(*user);
+  for (const auto& share : state.shares().OwnedBy(*user, ShareClock::now())) {
+    actions.push_back({share.owner, "Shared", share.location, share.recipientEmail, share.sharedAt});
+  }
+  std::stable_sort(actions.begin(), actions.end(), [](const auto& a, const auto& b) { return a.at > b.at; });
+  const std::string page(TrimSpaces(call.Text("pageNum")));
   std::string records;
-  if (TrimSpaces(call.Text("pageNum")) == "1") {
-    for (const auto& share : state.shares().OwnedBy(*user, ShareClock::now())) {
-      records += "<UsageHistory>" + XmlElement("Action", "Shared") + XmlElement("Date", DateText(share.sharedAt)) +
-                 XmlElement("UserBy", AddressOf(state, share.owner)) + XmlElement("Subject", share.recipientEmail) +
-                 XmlElement("FileUrl", share.location) + "</UsageHistory>";
+  if (!page.empty() && page.size() < 6 && std::all_of(page.begin(), page.end(), [](unsigned char c) { return std::isdigit(c) != 0; })) {
+    const std::size_t first = std::stoul(page) * kHistoryPerPage;
+    for (std::size_t i = first; i < actions.size() && i < first + kHistoryPerPage; ++i) {
+      records += "<UsageHistory>" + XmlElement("Action", actions[i].action) + XmlElement("Date", DateText(actions[i].at)) +
+                 XmlElement("UserBy", AddressOf(state, *user)) + XmlElement("Subject", actions[i].subject) +
+                 XmlElement("FileUrl", actions[i].fileUrl) + "</UsageHistory>";
     }
   }
   return SoapReply::Xml(records);

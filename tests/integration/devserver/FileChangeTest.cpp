@@ -297,3 +297,32 @@ TEST_F(ShareNamesTest, AShareRefusesWhatWindowsRefusesUnlessLinuxNamesAreAsked) 
   EXPECT_EQ(Read("a.txt"), "alpha");
   EXPECT_EQ(Read("A.TXT"), "another file");
 }
+
+// Every action that succeeds is a row of the caller's usage history, newest
+// first, twenty a page from page 0; refusals and resumed downloads are none.
+TEST_F(FileChangeTest, UsageHistoryPagesTheCallersActions) {
+  ASSERT_EQ(Move("a.txt", "a2.txt"), "0;");
+  ASSERT_EQ(OnPath("DeleteFile", "gone.txt"), kNotFound);
+  ASSERT_EQ(OnPath("CreateFolder", "new"), "0;");
+  ASSERT_EQ(Download(token_, At("dir/b.txt"), {{"Range", "2-"}})->status, 200);
+  for (int i = 0; i < 19; ++i) ASSERT_EQ(Download(token_, At("dir/b.txt"))->status, 200);
+  ASSERT_EQ(OnPath("DeleteFolder", "dir/sub"), "0;");
+  const std::string alice = MainToken(), bob = MainToken("bob", "hunter2");
+  auto page = [&](const std::string& token, const std::string& number) {
+    return Post("/CorvalinkWS.asmx", "GetUsageHistory", {{"Token", token}, {"pageNum", number}}).body;
+  };
+  const auto first = page(alice, "0");
+  const auto actions = ElementTexts(first, "Action");
+  ASSERT_EQ(actions.size(), 20u) << first;
+  EXPECT_EQ(actions[0], "Deleted");
+  EXPECT_EQ(ElementTexts(first, "FileUrl")[0], At("dir/sub"));
+  EXPECT_EQ(std::count(actions.begin(), actions.end(), "Downloaded"), 19);
+  const auto second = page(alice, "1");
+  EXPECT_EQ(ElementTexts(second, "Action"), (std::vector<std::string>{"Folder created", "Renamed"})) << second;
+  EXPECT_EQ(ElementTexts(second, "Subject")[1], At("a.txt"));
+  EXPECT_EQ(ElementTexts(second, "UserBy")[1], "alice@devserver");
+  for (const auto& empty : {page(alice, "2"), page(alice, "x"), page(bob, "0")}) {
+    EXPECT_TRUE(ElementTexts(empty, "UsageHistory").empty()) << empty;
+  }
+  EXPECT_EQ(ElementText(page("bad", "0"), "GetUsageHistoryResult"), "-1;Invalid token");
+}

@@ -216,7 +216,7 @@ TEST_F(ShareCallsTest, TheLocalServerKeepsListsExtendsAndEndsShares) {
   auto received = ws.GetFileList(bobToken).GetFilePropertyCollection();
   ASSERT_EQ(received.size(), 1u);
   EXPECT_EQ(received[0].share_id, mine[0].share_id);
-  EXPECT_EQ(ws.GetUsageHistory(token, "1").GetUsageHistoryCollection().size(), 2u);
+  EXPECT_EQ(ws.GetUsageHistory(token, "0").GetUsageHistoryCollection().size(), 2u);
 
   EXPECT_EQ(ws.ShareFilesExtend2({mine[0].share_id}, CorvalinkWS::kNoExpiry, "", "", token), "0;");
   EXPECT_FALSE(ws.GetMyFileList(token, "", mine[0].share_id).GetFilePropertyCollection()[0].expire_at.has_value());
