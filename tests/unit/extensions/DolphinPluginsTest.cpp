@@ -25,9 +25,11 @@
 #include <QSignalSpy>
 #include <QTest>
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <utility>
 #include <thread>
 
 #include "LocalSocket.h"
@@ -38,59 +40,54 @@ void PrintTo(const QStringList& list, std::ostream* out) { *out << list.join(", 
 namespace {
 
 // The running client as the plug-ins see it: answers from its tables, or none
-// at all when silent; remembers the commands it is sent.
+// at all when silent; keeps every request after the greeting.
 class ScriptedClient {
  public:
   ScriptedClient(const std::string& path, bool silent) : path_(path), silent_(silent) {
-    listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
+    sockaddr_un address{AF_UNIX, {}};
     std::strcpy(address.sun_path, path.c_str());
     bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
     listen(listener_, 8);
     acceptor_ = std::thread([this] {
-      for (int fd; (fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-        std::lock_guard lock(mutex_);
-        connections_.push_back(fd);
-        threads_.emplace_back([this, fd] { Serve(fd); });
-      }
+      for (int fd; (fd = accept(listener_, nullptr, nullptr)) >= 0;) servers_.emplace_back([this, fd] { Serve(fd); });
     });
+  }
+  ~ScriptedClient() {
+    stop_ = true;
+    shutdown(listener_, SHUT_RDWR);  // ends accept()
+    acceptor_.join();
+    for (std::thread& server : servers_) server.join();
+    close(listener_);
+    unlink(path_.c_str());
   }
   template <typename F>
   auto Locked(F f) {
     std::lock_guard lock(mutex_);
     return f();
   }
-  ~ScriptedClient() {
-    shutdown(listener_, SHUT_RDWR);
-    acceptor_.join();
-    Locked([&] {
-      for (int fd : connections_) shutdown(fd, SHUT_RDWR);
-    });
-    for (std::thread& thread : threads_) thread.join();
-    close(listener_);
-    unlink(path_.c_str());
-  }
   void Push(const std::string& path) {
     Locked([&] {
       for (LineChannel* subscriber : subscribers_) subscriber->WriteLine({"CHANGED", path});
     });
   }
+  bool Heard(const std::vector<std::string>& request) {
+    return Locked([&] { return std::find(heard.begin(), heard.end(), request) != heard.end(); });
+  }
 
   std::map<std::string, std::string> states;
   std::string root;
-  std::vector<std::string> storages{"Docs", "Team"}, windows;
-  std::vector<std::vector<std::string>> heard;  // every request after the greeting
+  std::vector<std::string> windows;
+  std::vector<std::vector<std::string>> heard;
 
  private:
   void Serve(int fd) {
     LineChannel channel(fd);
-    for (bool first = true;; first = false) {
-      auto line = channel.ReadLine(std::chrono::seconds(30));
-      if (!line || line->empty()) break;
+    for (bool greeting = true; !stop_;) {
+      auto line = channel.ReadLine(std::chrono::milliseconds(20));
+      if (!line && !channel.timedOut()) break;
+      if (!line || line->empty()) continue;
       std::lock_guard lock(mutex_);
-      if (!first) heard.push_back(*line);
-      if (silent_) continue;
+      if (!std::exchange(greeting, false)) heard.push_back(*line);
       const std::string& word = (*line)[0];
       std::vector<std::string> answer;
       if (word == "file-manager-subscribe") {
@@ -99,29 +96,26 @@ class ScriptedClient {
       } else if (word == "STATE") {
         answer = {"STATE", (*line)[1], states.count((*line)[1]) ? states[(*line)[1]] : "none"};
       } else if (word == "STORAGES") {
-        answer = {"STORAGES", root};
-        answer.insert(answer.end(), storages.begin(), storages.end());
+        answer = {"STORAGES", root, "Docs", "Team"};
       } else if (word == "WINDOWS") {
-        answer = {"WINDOWS"};
-        answer.insert(answer.end(), windows.begin(), windows.end());
+        answer = windows;
+        answer.insert(answer.begin(), "WINDOWS");
       } else if (word == "OPEN" || word == "SEND") {
         answer = {word == "OPEN" ? "OPENED" : "SENT"};
       }
-      if (!answer.empty()) channel.WriteLine(answer);
+      if (!silent_ && !answer.empty()) channel.WriteLine(answer);
     }
-    std::lock_guard lock(mutex_);
-    std::erase(subscribers_, &channel);
-    std::erase(connections_, fd);
+    Locked([&] { return std::erase(subscribers_, &channel); });
   }
 
   std::string path_;
   bool silent_;
-  int listener_;
+  int listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::atomic<bool> stop_ = false;
   std::mutex mutex_;
-  std::vector<int> connections_;
   std::vector<LineChannel*> subscribers_;
   std::thread acceptor_;
-  std::vector<std::thread> threads_;
+  std::vector<std::thread> servers_;  // only the acceptor adds, before it is joined
 };
 
 constexpr const char* kInStep = "corvalink-cached_circle_tick-004";
@@ -141,14 +135,12 @@ class DolphinPluginsTest : public ::testing::Test {
   }
   // The one plug-in of a kind in Qt's plug-in path, as Dolphin looks it up.
   static KPluginMetaData Found(const char* folder, const char* serviceType) {
-    const auto found = KPluginMetaData::findPlugins(folder);
-    EXPECT_EQ(found.size(), 1);
-    EXPECT_TRUE(found.value(0).rawData()["KPlugin"].toObject()["ServiceTypes"].toArray().contains(serviceType));
-    return found.value(0);
+    const KPluginMetaData found = KPluginMetaData::findPlugins(folder).value(0);
+    EXPECT_TRUE(found.rawData()["KPlugin"].toObject()["ServiceTypes"].toArray().contains(serviceType)) << folder;
+    return found;
   }
   std::unique_ptr<KOverlayIconPlugin> Overlays() {
     QObject* instance = QPluginLoader(Found("kf5/overlayicon", "KOverlayIconPlugin").fileName()).instance();
-    EXPECT_NE(qobject_cast<KOverlayIconPlugin*>(instance), nullptr);
     return std::unique_ptr<KOverlayIconPlugin>(qobject_cast<KOverlayIconPlugin*>(instance));
   }
   std::unique_ptr<KAbstractFileItemActionPlugin> Actions() {
@@ -161,10 +153,8 @@ class DolphinPluginsTest : public ::testing::Test {
   KFileItemListProperties Selection(const std::vector<std::string>& paths) {
     KFileItemList items;
     for (const std::string& p : paths) {
-      const bool folder = p.back() == '/';
-      items.append(KFileItem(QUrl::fromLocalFile(QString::fromStdString(home_.path() + "/" + p)).adjusted(
-                                 QUrl::StripTrailingSlash),
-                             QString(), folder ? S_IFDIR : S_IFREG));
+      const QUrl url = QUrl::fromLocalFile(QString::fromStdString(home_.path() + "/" + p));
+      items.append(KFileItem(url.adjusted(QUrl::StripTrailingSlash), QString(), p.back() == '/' ? S_IFDIR : S_IFREG));
     }
     return KFileItemListProperties(items);
   }
@@ -184,6 +174,7 @@ TEST_F(DolphinPluginsTest, BadgesFollowTheStatesAndThePushedChanges) {
       {"Docs/b.txt", "in-work"}, {"Team/c.txt", "failed"}};
   for (const auto& [relative, state] : cases) client_->states[Path(relative)] = state;
   auto plugin = Overlays();
+  ASSERT_NE(plugin, nullptr);
   QSignalSpy changed(plugin.get(), &KOverlayIconPlugin::overlaysChanged);
   auto overlays = [&](const std::string& path) { return plugin->getOverlays(QUrl::fromLocalFile(path.c_str())); };
   const std::string outside = home_.path() + "/elsewhere.txt";
@@ -194,12 +185,7 @@ TEST_F(DolphinPluginsTest, BadgesFollowTheStatesAndThePushedChanges) {
       {"Docs", {}}, {"Docs/new.txt", {}}, {"Docs/a.txt", {kInStep}}, {"Docs/b.txt", {kInWork}}, {"Team/c.txt", {kFailed}}};
   for (const auto& [relative, shown] : expected) EXPECT_EQ(overlays(Path(relative)), shown) << relative;
   EXPECT_TRUE(overlays(outside).isEmpty());
-  const auto asked = [&](const std::string& path) {
-    return client_->Locked([&] {
-      return std::count(client_->heard.begin(), client_->heard.end(), std::vector<std::string>{"STATE", path});
-    });
-  };
-  EXPECT_EQ(asked(outside), 0) << "paths outside the storages are not asked";
+  EXPECT_FALSE(client_->Heard({"STATE", outside})) << "paths outside the storages are not asked";
 
   // A pushed change has the path asked again and redrawn; a path never shown is not asked.
   client_->Locked([&] { return client_->states[Path("Docs/a.txt")] = "in-work"; });
@@ -209,7 +195,7 @@ TEST_F(DolphinPluginsTest, BadgesFollowTheStatesAndThePushedChanges) {
   EXPECT_EQ(changed.last()[0].toUrl().toLocalFile().toStdString(), Path("Docs/a.txt"));
   EXPECT_EQ(changed.last()[1].toStringList(), QStringList{kInWork});
   EXPECT_EQ(overlays(Path("Docs/a.txt")), QStringList{kInWork});
-  EXPECT_EQ(asked(Path("Docs/unseen.txt")), 0);
+  EXPECT_FALSE(client_->Heard({"STATE", Path("Docs/unseen.txt")}));
 
   // The client stops: every badge goes.
   client_.reset();
@@ -239,7 +225,7 @@ TEST_F(DolphinPluginsTest, MenuEntriesFollowTheSelectionAndThePolicyAndSendTheir
   };
   for (const Case& c : cases) {
     client_->Locked([&] { return client_->windows = c.windows; });
-    QWidget parent;
+    QWidget parent;  // owns the entries
     QStringList entries;
     for (QAction* action : plugin->actions(Selection(c.selection), &parent)) entries << action->text();
     EXPECT_EQ(entries, c.entries) << c.selection[0] << " " << c.selection.size();
@@ -255,15 +241,8 @@ TEST_F(DolphinPluginsTest, MenuEntriesFollowTheSelectionAndThePolicyAndSendTheir
   for (QAction* storage : sendTo[0]->menu()->actions()) storages << storage->text();
   EXPECT_EQ(storages, (QStringList{"Docs", "Team"}));
   sendTo[0]->menu()->actions().value(1)->trigger();
-  const std::vector<std::string> opened{"OPEN", "ShareToInternal", Path("Docs/a.txt")};
-  const std::vector<std::string> sent{"SEND", "Team", home_.path() + "/elsewhere.txt"};
-  EXPECT_TRUE(QTest::qWaitFor([&] {
-    return client_->Locked([&] {
-      const auto& heard = client_->heard;
-      return std::find(heard.begin(), heard.end(), opened) != heard.end() &&
-             std::find(heard.begin(), heard.end(), sent) != heard.end();
-    });
-  }));
+  EXPECT_TRUE(client_->Heard({"OPEN", "ShareToInternal", Path("Docs/a.txt")}));
+  EXPECT_TRUE(QTest::qWaitFor([&] { return client_->Heard({"SEND", "Team", home_.path() + "/elsewhere.txt"}); }));
 }
 
 TEST_F(DolphinPluginsTest, AClientAwayOrSilentNeverHoldsDolphin) {
