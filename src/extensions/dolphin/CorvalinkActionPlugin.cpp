@@ -43,10 +43,11 @@ CorvalinkActionPlugin::CorvalinkActionPlugin(QObject* parent, const QVariantList
 }
 
 QList<QAction*> CorvalinkActionPlugin::actions(const KFileItemListProperties& items, QWidget* parentWidget) {
+  // Local files only; an item of "desktop:/" still has its path on disk.
   std::vector<std::string> paths;
-  for (const QUrl& url : items.urlList()) {
-    if (!url.isLocalFile()) return {};
-    paths.push_back(url.toLocalFile().toStdString());
+  for (const KFileItem& item : items.items()) {
+    if (item.localPath().isEmpty()) return {};
+    paths.push_back(item.localPath().toStdString());
   }
   CvFmClient* session = cv_fm_open(socketPath_.c_str(), kAnswerTimeoutMs);
   const char* root = nullptr;

@@ -137,6 +137,7 @@ void CorvalinkOverlayPlugin::OnChangedInput() {
   };
   if (cv_fm_read_changed(subscription_, changed, this) == 0) return;
   // The client stopped: no badge stays, and it is looked for again.
+  qCDebug(cvOverlay) << "client gone: badges taken off";
   EndSubscription();
   for (auto known = states_.begin(); known != states_.end(); ++known) {
     if (!Overlays(*known).isEmpty()) emit overlaysChanged(QUrl::fromLocalFile(known.key()), {});
