@@ -5,6 +5,7 @@
 #include <QUrl>
 #include <chrono>
 #include <cstdlib>
+#include <utility>
 
 #include "corvalink_fm_client.h"
 #include "corvalink_fm_menu.h"
@@ -87,7 +88,14 @@ void CorvalinkOverlayPlugin::AskLoop() {
     if (stopping_) break;
     const std::string path = std::move(asked_.front());
     asked_.pop_front();
+    const bool reconnect = std::exchange(reconnect_, false);
     lock.unlock();
+    if (reconnect) {
+      // The session of a client that has since restarted would fail the next question.
+      cv_fm_close(session);
+      session = nullptr;
+      retryAt = std::chrono::steady_clock::now();
+    }
     if (!session && std::chrono::steady_clock::now() >= retryAt) {
       session = cv_fm_open(socketPath_.c_str(), kAnswerTimeoutMs);
       const char* told = nullptr;
@@ -124,7 +132,12 @@ void CorvalinkOverlayPlugin::Subscribe() {
   }
   changedInput_ = new QSocketNotifier(cv_fm_fd(subscription_), QSocketNotifier::Read, this);
   connect(changedInput_, &QSocketNotifier::activated, this, &CorvalinkOverlayPlugin::OnChangedInput);
-  // Whatever was asked while the client was away is asked again.
+  // Whatever was asked while the client was away is asked again, of the client
+  // that answers now.
+  {
+    std::lock_guard lock(mutex_);
+    reconnect_ = true;
+  }
   for (auto known = states_.constBegin(); known != states_.constEnd(); ++known) Ask(known.key());
 }
 

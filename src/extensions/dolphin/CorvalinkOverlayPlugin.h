@@ -50,5 +50,6 @@ class CorvalinkOverlayPlugin : public KOverlayIconPlugin {
   std::condition_variable wake_;
   std::deque<std::string> asked_;
   bool stopping_ = false;
+  bool reconnect_ = false;  // a new subscription: open a new session too
   std::thread asker_;
 };
