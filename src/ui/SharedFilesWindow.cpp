@@ -18,7 +18,7 @@
 namespace {
 
 using Controller = ViewSharedFilesController;
-using Clock = Controller::Clock;
+using WallClock = Controller::Clock;
 
 QString Q(const std::string& text) { return QString::fromStdString(text); }
 
@@ -27,7 +27,7 @@ QString DateText(const WSDate& date) {
   return QDateTime::fromMSecsSinceEpoch(date->time_since_epoch().count()).toString("yyyy-MM-dd HH:mm");
 }
 
-QDateTime ToQt(Clock::time_point time) {
+QDateTime ToQt(WallClock::time_point time) {
   return QDateTime::fromSecsSinceEpoch(std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count());
 }
 
@@ -207,8 +207,8 @@ void SharedFilesWindow::BuildExpirySheet() {
   connect(&expiresCheckBox_, &QCheckBox::toggled, &datePicker_, &QWidget::setEnabled);
   connect(&cancelExpiryButton_, &QPushButton::clicked, &expirySheet_, &QDialog::reject);
   connect(&saveExpiryButton_, &QPushButton::clicked, this, [this] {
-    std::optional<Clock::time_point> until;
-    if (expiresCheckBox_.isChecked()) until = Clock::time_point(std::chrono::seconds(datePicker_.dateTime().toSecsSinceEpoch()));
+    std::optional<WallClock::time_point> until;
+    if (expiresCheckBox_.isChecked()) until = WallClock::time_point(std::chrono::seconds(datePicker_.dateTime().toSecsSinceEpoch()));
     controller_.ExtendShare(SelectedItems(), until);
     expirySheet_.accept();
   });
@@ -346,9 +346,9 @@ void SharedFilesWindow::Locate() {
 void SharedFilesWindow::OpenExpirySheet() {
   const auto items = SelectedItems();
   if (items.empty()) return;
-  std::optional<Clock::time_point> sharedAt;
-  if (items.front().shared_at) sharedAt = Clock::time_point(*items.front().shared_at);
-  const auto range = InternalShare51WindowController::ExpiryDates(Clock::now(), sharedAt, policy_.DefaultShareDuration,
+  std::optional<WallClock::time_point> sharedAt;
+  if (items.front().shared_at) sharedAt = WallClock::time_point(*items.front().shared_at);
+  const auto range = InternalShare51WindowController::ExpiryDates(WallClock::now(), sharedAt, policy_.DefaultShareDuration,
                                                                   policy_.MaxDuration);
   datePicker_.setMinimumDateTime(ToQt(range.min));
   datePicker_.setMaximumDateTime(range.max ? ToQt(*range.max) : QDateTime(QDate(9999, 12, 31), QTime(23, 59)));

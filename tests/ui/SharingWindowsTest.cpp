@@ -80,6 +80,7 @@ TEST(SharingWindows, SharedFilesOpenDownloadClearAndChangeTheirShares) {
   EXPECT_EQ(Message(window, "sharedFilesMessage"), ViewSharedFilesController::kExtended);
   ASSERT_EQ(service.extended.size(), 1u);
   EXPECT_EQ(service.extended[0].second, CorvalinkWS::kNoExpiry);
+  settle();  // the list is read again
 
   // Shared In: the file into the cache, then the whole cache away after the question.
   window.findChild<QPushButton*>("sharedInButton")->click();
@@ -89,6 +90,7 @@ TEST(SharingWindows, SharedFilesOpenDownloadClearAndChangeTheirShares) {
   table->topLevelItem(1)->setSelected(true);
   Press(window, "downloadButton");
   EXPECT_EQ(Message(window, "sharedFilesMessage"), "1 downloaded to " + SharedCache::SharedInRoot());
+  settle();
   EXPECT_EQ(table->topLevelItem(1)->text(4).toStdString(), "yes");
   table->clearSelection();
   EXPECT_EQ(Press(window, "clearCacheButton", QMessageBox::Yes), ViewSharedFilesController::kClearQuestion);
