@@ -5,9 +5,11 @@
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLocale>
+#include <QTimer>
 #include <QUrl>
 #include <QVBoxLayout>
 #include <filesystem>
+#include <utility>
 
 #include "InternalShare51WindowController.h"
 #include "MainLoop.h"
@@ -61,8 +63,7 @@ SharedFilesWindow::~SharedFilesWindow() {
 }
 
 void SharedFilesWindow::Build() {
-  widgets::Name(sharedInButton_, "sharedInButton", "Shared In");
-  widgets::Name(sharedOutButton_, "sharedOutButton", "Shared Out");
+  widgets::Name(tabs_, "tabs", "Shared In or Shared Out");
   widgets::Name(labelTitleTable_, "labelTitleTable", "List");
   widgets::Name(backButton_, "backButton", "Back");
   widgets::Name(searchField_, "searchField", "Search the list");
@@ -86,9 +87,8 @@ void SharedFilesWindow::Build() {
   connect(&closeButton_, &QPushButton::clicked, this, &QWidget::close);
   widgets::Name(lastUpdateLabel_, "lastUpdateLabel", "Last update");
 
-  for (QPushButton* tab : {&sharedInButton_, &sharedOutButton_}) tab->setCheckable(true);
-  sharedInButton_.setText("Shared In");
-  sharedOutButton_.setText("Shared Out");
+  tabs_.addTab("Shared In");
+  tabs_.addTab("Shared Out");
   backButton_.setText("Back");
   searchField_.setPlaceholderText("Search");
   searchField_.setClearButtonEnabled(true);
@@ -114,8 +114,7 @@ void SharedFilesWindow::Build() {
   table_.header()->setSectionResizeMode(kName, QHeaderView::Stretch);
 
   auto* tabs = new QHBoxLayout;
-  tabs->addWidget(&sharedInButton_);
-  tabs->addWidget(&sharedOutButton_);
+  tabs->addWidget(&tabs_);
   tabs->addStretch(1);
   tabs->addWidget(&searchField_, 1);
   tabs->addWidget(&sortButton_);
@@ -145,8 +144,8 @@ void SharedFilesWindow::Build() {
   layout->addLayout(status);
   resize(760, 480);
 
-  connect(&sharedInButton_, &QPushButton::clicked, this, [this] { controller_.SelectTab(Controller::kSharedIn); });
-  connect(&sharedOutButton_, &QPushButton::clicked, this, [this] { controller_.SelectTab(Controller::kSharedOut); });
+  connect(&tabs_, &QTabBar::currentChanged, this,
+          [this](int tab) { SelectTab(tab == 0 ? Controller::kSharedIn : Controller::kSharedOut); });
   connect(&backButton_, &QPushButton::clicked, this, [this] { controller_.DoubleClickGoUp(); });
   connect(&searchField_, &QLineEdit::textChanged, this,
           [this](const QString& text) { controller_.SearchBoxAction(text.toStdString()); });
@@ -217,14 +216,29 @@ void SharedFilesWindow::BuildExpirySheet() {
 void SharedFilesWindow::Open() {
   widgets::ShowInFront(*this);
   table_.setFocus();
-  controller_.SelectTab(static_cast<Controller::WindowState>(controller_.currentWindowState));
+  SelectTab(static_cast<Controller::WindowState>(controller_.currentWindowState));
+}
+
+// A tab chosen while a list loads or files come in is shown once that is through.
+void SharedFilesWindow::SelectTab(Controller::WindowState tab) {
+  if (!controller_.isBusy) return controller_.SelectTab(tab);
+  pendingTab_ = tab;
+  Draw();
 }
 
 void SharedFilesWindow::Draw() {
   const Controller& c = controller_;
-  const bool in = c.currentWindowState == Controller::kSharedIn;
-  sharedInButton_.setChecked(in);
-  sharedOutButton_.setChecked(!in);
+  if (pendingTab_ && !c.isBusy) {
+    // Not from inside the controller's own change.
+    QTimer::singleShot(0, this, [this] {
+      if (auto tab = std::exchange(pendingTab_, std::nullopt)) SelectTab(*tab);
+    });
+  }
+  const bool in = pendingTab_.value_or(static_cast<Controller::WindowState>(c.currentWindowState)) == Controller::kSharedIn;
+  {
+    QSignalBlocker quiet(tabs_);
+    tabs_.setCurrentIndex(in ? 0 : 1);
+  }
   QString place = Q(c.labelTitleTable);
   if (c.level != Controller::Level::People) place = Q(c.currentRecipientName);
   if (c.level == Controller::Level::Folder && !c.currentFolderPath.empty()) {
@@ -295,8 +309,8 @@ void SharedFilesWindow::UpdateButtons() {
                                                           &editShareButton_, &locateButton_}) {
     control->setEnabled(idle && chosen);
   }
-  for (QWidget* control : std::initializer_list<QWidget*>{&clearCacheButton_, &sharedInButton_, &sharedOutButton_,
-                                                          &refreshButton_, &sortButton_, &openButton_}) {
+  for (QWidget* control : std::initializer_list<QWidget*>{&clearCacheButton_, &refreshButton_, &sortButton_,
+                                                          &openButton_}) {
     control->setEnabled(idle);
   }
   backButton_.setEnabled(idle && controller_.level != Controller::Level::People);

@@ -15,8 +15,10 @@
 #include <QLineEdit>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QTabBar>
 #include <QTreeWidget>
 #include <QWidget>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,6 +44,7 @@ class SharedFilesWindow : public QWidget {
  private:
   void Build();
   void BuildExpirySheet();
+  void SelectTab(Controller::WindowState tab);
   void Draw();
   void UpdateButtons();
   std::vector<Controller::Row> SelectedRows() const;
@@ -54,9 +57,9 @@ class SharedFilesWindow : public QWidget {
   Controller controller_;
   CVConnection policy_;
   std::vector<Controller::Row> shown_;  // the rows of the page as drawn
+  std::optional<Controller::WindowState> pendingTab_;
 
-  QPushButton sharedInButton_;
-  QPushButton sharedOutButton_;
+  QTabBar tabs_;  // Shared In, Shared Out
   QLabel labelTitleTable_;
   QPushButton backButton_;
   QLineEdit searchField_;

@@ -6,6 +6,7 @@
 
 #include <QMessageBox>
 #include <QPushButton>
+#include <QTabBar>
 #include <QTest>
 #include <QTreeWidget>
 #include <filesystem>
@@ -83,7 +84,7 @@ TEST(SharingWindows, SharedFilesOpenDownloadClearAndChangeTheirShares) {
   settle();  // the list is read again
 
   // Shared In: the file into the cache, then the whole cache away after the question.
-  window.findChild<QPushButton*>("sharedInButton")->click();
+  window.findChild<QTabBar*>("tabs")->setCurrentIndex(0);
   settle();
   Press(window, "openButton");
   settle();
