@@ -212,8 +212,8 @@ int DesktopApp::Run(int argc, char** argv) {
   openSharingWindow = [&](TrayMenuModel::Window which) {
     if (which == TrayMenuModel::Window::SharedFiles) {
       CVEventLogger::WriteMainLogMessage("View shared files button pressed");
-      if (!sharedFilesWindow) sharedFilesWindow = std::make_unique<SharedFilesWindow>(sharedFiles, loop, CurrentAccount());
-      sharedFilesWindow->Open();
+      if (!sharedFilesWindow) sharedFilesWindow = std::make_unique<SharedFilesWindow>(sharedFiles, loop);
+      sharedFilesWindow->Open(CurrentAccount());
     } else if (which == TrayMenuModel::Window::UploadRequests) {
       CVEventLogger::WriteMainLogMessage("View upload request button pressed");
       if (!uploadRequestsWindow) {

@@ -42,11 +42,9 @@ enum Column { kName, kSize, kShared, kExpires, kCached };
 
 }  // namespace
 
-SharedFilesWindow::SharedFilesWindow(SharedFilesService& service, MainLoop& loop, CVConnection policy,
-                                     QWidget* parent)
+SharedFilesWindow::SharedFilesWindow(SharedFilesService& service, MainLoop& loop, QWidget* parent)
     : QWidget(parent),
       controller_(service, [&loop](std::function<void()> callback) { loop.Post(std::move(callback)); }),
-      policy_(std::move(policy)),
       expirySheet_(this) {
   widgets::Name(*this, "sharedFilesWindow", "Shared files");
   setWindowTitle("Shared files");
@@ -213,7 +211,8 @@ void SharedFilesWindow::BuildExpirySheet() {
   });
 }
 
-void SharedFilesWindow::Open() {
+void SharedFilesWindow::Open(CVConnection policy) {
+  policy_ = std::move(policy);
   widgets::ShowInFront(*this);
   table_.setFocus();
   SelectTab(static_cast<Controller::WindowState>(controller_.currentWindowState));

@@ -32,11 +32,12 @@ class SharedFilesWindow : public QWidget {
  public:
   using Controller = ViewSharedFilesController;
 
-  SharedFilesWindow(SharedFilesService& service, MainLoop& loop, CVConnection policy, QWidget* parent = nullptr);
+  SharedFilesWindow(SharedFilesService& service, MainLoop& loop, QWidget* parent = nullptr);
   ~SharedFilesWindow() override;
 
-  // In front, on the list of people of the tab shown, read again.
-  void Open();
+  // In front, on the list of people of the tab shown, read again; policy: the
+  // account's limits on an expiry as they stand now.
+  void Open(CVConnection policy);
   Controller& controller() { return controller_; }
   // The sheet that changes the expiry of the selected shares.
   QDialog& expirySheet() { return expirySheet_; }

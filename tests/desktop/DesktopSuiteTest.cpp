@@ -277,11 +277,7 @@ TEST_F(DesktopSuite, TheShareWindowOpensOnAFileAndSharesInsideAndOutside) {
 TEST_F(DesktopSuite, AShareFromAliceShowsInBobsSharedInWindowAndDownloads) {
   StartServer({"--user", "bob:pw"});
   const std::string alice = MakeClientHome("alice");
-  const std::string bob = MakeClientHome("bob");
-  const auto configuration = std::filesystem::path(bob) / "Corvalink/.Settings/Configuration.xml";
-  std::string text = Read(configuration);
-  text.replace(text.find("<UserName>alice</UserName><Password>secret"), 42, "<UserName>bob</UserName><Password>pw");
-  Write(configuration, text);
+  const std::string bob = MakeClientHomeAs("bob", "bob", "pw");
   Write(ServerDocs() / "report.txt", "numbers");
   Write(ClientDocs(alice) / "report.txt", "numbers");
   auto shared = RunCommand(alice, {"share", (ClientDocs(alice) / "report.txt").string(), "--to", "bob"});

@@ -54,14 +54,14 @@ TEST(SharingWindows, SharedFilesOpenDownloadClearAndChangeTheirShares) {
   QtMainLoop loop(clock);
   FakeSharedFilesService service;
   service.top = {Item("1", "report.txt", false, "alice@x", "Alice"), Item("2", "Plans", true, "alice@x", "Alice")};
-  SharedFilesWindow window(service, loop, CVConnection{});
+  SharedFilesWindow window(service, loop);
   auto& view = window.controller();
   auto* table = window.findChild<QTreeWidget*>("sharedTable");
   auto settle = [&] { ASSERT_TRUE(QTest::qWaitFor([&] { return !view.isBusy; })); };
   const std::string alice = "Alice" + std::string(ViewSharedFilesController::kPersonMark) + "(alice@x)";
   for (const auto tab : {ViewSharedFilesController::kSharedIn, ViewSharedFilesController::kSharedOut}) {
     view.currentWindowState = tab;
-    window.Open();
+    window.Open(CVConnection{});
     settle();
     EXPECT_EQ(Texts(*table), (std::vector<std::string>{"A", alice}));
     Press(window, "openButton");  // on the first row that opens: the person
