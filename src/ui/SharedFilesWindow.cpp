@@ -8,6 +8,7 @@
 #include <QTimer>
 #include <QUrl>
 #include <QVBoxLayout>
+#include <algorithm>
 #include <filesystem>
 #include <utility>
 
@@ -233,10 +234,10 @@ void SharedFilesWindow::Draw() {
       if (auto tab = std::exchange(pendingTab_, std::nullopt)) SelectTab(*tab);
     });
   }
-  const bool in = pendingTab_.value_or(static_cast<Controller::WindowState>(c.currentWindowState)) == Controller::kSharedIn;
+  const bool in = c.currentWindowState == Controller::kSharedIn;
   {
     QSignalBlocker quiet(tabs_);
-    tabs_.setCurrentIndex(in ? 0 : 1);
+    tabs_.setCurrentIndex(pendingTab_.value_or(static_cast<Controller::WindowState>(c.currentWindowState)));
   }
   QString place = Q(c.labelTitleTable);
   if (c.level != Controller::Level::People) place = Q(c.currentRecipientName);
@@ -252,11 +253,14 @@ void SharedFilesWindow::Draw() {
   lastUpdateLabel_.setText(Q(c.lastUpdate));
   progressIndicator_.setVisible(c.isBusy);
 
-  // The rows again; the selection stays by place when the page keeps its length.
+  // The rows again; the selection stays when the same rows come back.
   std::vector<int> selected;
   for (const auto* item : table_.selectedItems()) selected.push_back(table_.indexOfTopLevelItem(const_cast<QTreeWidgetItem*>(item)));
   const auto rows = c.PageRows();
-  const bool samePlaces = rows.size() == shown_.size();
+  const bool samePlaces = std::equal(rows.begin(), rows.end(), shown_.begin(), shown_.end(),
+                                     [](const Controller::Row& a, const Controller::Row& b) {
+                                       return a.kind == b.kind && a.name == b.name && a.item.share_id == b.item.share_id;
+                                     });
   shown_ = rows;
   {
     QSignalBlocker quiet(table_);
