@@ -288,6 +288,11 @@ TEST_F(DesktopSuite, AShareFromAliceShowsInBobsSharedInWindowAndDownloads) {
   ChildProcess& client = StartDesktop(bob);
   auto item = WaitForItem();
   ASSERT_TRUE(item) << client.Output();
+  // Once bob's own sync is in step, so that the window's download runs alone.
+  ASSERT_TRUE(PumpUntil(
+      [&] { return Read(ClientDocs(bob) / "report.txt") == "numbers" && item->Property("IconName") == "corvalink-sync-state-2"; },
+      60000))
+      << client.Output();
   std::string menu;
   ASSERT_TRUE(WaitForMenu(*item, ".*Shared files….*", menu)) << menu;
   ASSERT_TRUE(item->Click("Shared files…"));
@@ -300,7 +305,7 @@ TEST_F(DesktopSuite, AShareFromAliceShowsInBobsSharedInWindowAndDownloads) {
   ASSERT_TRUE(accessibility_.Press(*file));  // a row's action chooses it
   ASSERT_TRUE(accessibility_.Press(*WaitForControl("Download")));
   const auto cached = std::filesystem::path(bob) / "Corvalink" / "Shared In" / "1_report.txt";
-  EXPECT_TRUE(PumpUntil([&] { return Read(cached) == "numbers"; }, 30000)) << client.Output() << Controls();
+  EXPECT_TRUE(PumpUntil([&] { return Read(cached) == "numbers"; }, 30000)) << client.Output() << MainLog(bob);
   EXPECT_NE(MainLog(bob).find("View shared files button pressed"), std::string::npos);
 }
 
