@@ -34,7 +34,7 @@ for i in 1 2 3 4 5; do head -c 3000000 /dev/urandom > "$storage/Reports/scan $i.
 printf 'Quarterly figures\n' > "$storage/Reports/Q3 results.txt"
 
 echo "== Local server, storage Docs in $storage"
-start_devserver "$work/server.out" "$work/server.err" --user alice:secret --storage "Docs=$storage"
+start_devserver "$work/server.out" "$work/server.err" --user alice:secret --user bob:pw --storage "Docs=$storage"
 
 export HOME="$home" XDG_RUNTIME_DIR="$home/run" XDG_DATA_DIRS="$PWD/$build/share:/usr/share"
 mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
@@ -56,6 +56,11 @@ echo "== The desktop client starts; the tray as the panel sees it:"
   --file-manager "ViewVersions $home/Corvalink/Docs/Reports/Q3 results.txt" \
   --screenshot "$shots/version-window.png" --press 'Close' \
   --click 'Activity…' --run 'sleep 1' --screenshot "$shots/activity-window.png" --press 'Close' \
+  --run "'$client' share '$home/Corvalink/Docs/Reports/Q3 results.txt' --to bob > /dev/null && '$client' request create 'Tax 2026' --to ann@example.com joe@example.com --days 5 > /dev/null" \
+  --click 'Shared files…' --press 'Shared Out' --press "$(printf 'bob\xe2\xa0\x80(bob@devserver)')" --press 'Open' \
+  --press 'Q3 results.txt' --screenshot "$shots/shared-files-window.png" --press 'Close shared files' \
+  --click 'Upload requests…' --press 'Tax 2026' --press 'Open' --press 'ann@example.com' \
+  --screenshot "$shots/upload-requests-window.png" --press 'Close upload requests' \
   --click 'Pause sync' --wait-menu 'Start sync.*' \
   --click 'Start sync' --wait-menu 'Sync now.*' \
   --click 'Exit' > "$work/tray.out" 2>&1 &
@@ -95,7 +100,7 @@ HOME="$fresh" XDG_RUNTIME_DIR="$fresh/run" timeout 60 "$client" 2>&1 | sed 's/^/
 wait $fresh_watch || watch_code=1
 echo
 echo "== The client's files: $(find "$home/Corvalink/Docs" -type f | wc -l) of $(find "$storage" -type f | wc -l) from the server"
-echo "== Pictures of the tray menu, the sync manager's tabs, its sheets, the share and version windows and the sign-in window in $shots"
+echo "== Pictures of the tray menu, the sync manager's tabs, its sheets, the share, version, shared files and upload request windows and the sign-in window in $shots"
 echo "== The client's main log, its tray and window lines:"
 grep -h -E "DesktopApp|paused|resumed|Sync now pressed|Main loop" "$home"/Corvalink/.Settings/CVLogger/CVMainLogs/*/* | sed 's/^/   /' | tail -12
 [ "$watch_code" -eq 0 ] && [ "$client_code" -eq 0 ]

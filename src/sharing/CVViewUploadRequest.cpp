@@ -87,8 +87,9 @@ void CVViewUploadRequest::GetFilesListForUser(const std::string& guid) {
       LevelView = 3;
       arrayFileForDownload = files;
       std::vector<Row> list;
-      for (const auto& file : files) {
-        list.push_back({file.localPath.substr(file.localPath.rfind('/') + 1), "", currentGuid, "", ""});
+      for (std::size_t i = 0; i < files.size(); ++i) {
+        const std::string& path = files[i].localPath;
+        list.push_back({path.substr(path.rfind('/') + 1), std::to_string(i), currentGuid, "", ""});
       }
       Show(std::move(list));
     };
@@ -169,6 +170,42 @@ void CVViewUploadRequest::ClearCBCheckedAndShowMessage(const std::vector<std::si
   if (!paths.empty()) SharedCache::Remove(SharedCache::UploadsRoot(), paths);
   Tell(kCleared);
   Changed();
+}
+
+void CVViewUploadRequest::SetChecked(std::size_t row, bool on) {
+  if (row >= rows.size()) return;
+  rows[row].checkBox = on;
+  // The whole list keeps the mark across searches.
+  for (auto& kept : arraySearchTemp) {
+    if (kept.ids == rows[row].ids && kept.labelText == rows[row].labelText) kept.checkBox = on;
+  }
+}
+
+std::vector<std::string> CVViewUploadRequest::CheckedRequestIds() const {
+  std::vector<std::string> ids;
+  auto add = [&ids](const std::string& id) {
+    if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(id);
+  };
+  for (const auto& row : rows) {
+    if (!row.checkBox) continue;
+    for (const auto& request : arrayData) {
+      // A session stands for all of its requests, a file for the request it came through.
+      const bool match = LevelView == 1   ? request.reqSessionID == row.ids
+                         : LevelView == 2 ? request.reqID == row.ids
+                                          : request.reqGuid == row.goid;
+      if (match) add(request.reqID);
+    }
+  }
+  return ids;
+}
+
+std::vector<std::size_t> CVViewUploadRequest::CheckedFiles() const {
+  std::vector<std::size_t> files;
+  if (LevelView != 3) return files;
+  for (const auto& row : rows) {
+    if (row.checkBox) files.push_back(std::stoul(row.ids));
+  }
+  return files;
 }
 
 void CVViewUploadRequest::Show(std::vector<Row> list) {

@@ -29,7 +29,7 @@ class CVViewUploadRequest {
   static constexpr const char* kNoConnection = "The server cannot be reached now, please try again later.";
   static constexpr const char* kTitles[] = {"Sessions", "Uploads", "Files"};
 
-  // One line of the list.
+  // One line of the list; at level 3 ids is the file's place in arrayFileForDownload.
   struct Row {
     std::string labelText, ids, goid, uname, expir;
     bool checkBox = false;
@@ -53,6 +53,14 @@ class CVViewUploadRequest {
   // not being fetched; the message tells the count.
   void methodDownload(const std::vector<std::size_t>& rows);
   void ClearCBCheckedAndShowMessage(const std::vector<std::size_t>& rows);
+
+  // The check box of a row of the list as shown.
+  void SetChecked(std::size_t row, bool on);
+  // The requests the checked rows stand for: a session's all, a person's one,
+  // a file's the request it came through.
+  std::vector<std::string> CheckedRequestIds() const;
+  // At level 3, the places in arrayFileForDownload of the checked files.
+  std::vector<std::size_t> CheckedFiles() const;
 
   // "Expires On: dd.MM.yy HH:mm:ss" of "yyyy-MM-ddTHH:mm:ss" in UTC; an
   // expiry of another form as it stands.

@@ -136,20 +136,29 @@ void InternalShare51WindowController::DefaultSettingsUploadRequest() {
   SetExpiryRange(request.DefaultURDuration, 0);
 }
 
-void InternalShare51WindowController::SetExpiryRange(std::int64_t defaultDays, std::int64_t maxDays) {
+InternalShare51WindowController::ExpiryRange InternalShare51WindowController::ExpiryDates(
+    Clock::time_point now, std::optional<Clock::time_point> base, std::int64_t defaultDays, std::int64_t maxDays) {
   // Today at 23:59 on the user's clock is the earliest expiry.
-  std::time_t now = Clock::to_time_t(now_());
+  std::time_t seconds = Clock::to_time_t(now);
   std::tm day{};
-  localtime_r(&now, &day);
+  localtime_r(&seconds, &day);
   day.tm_hour = 23;
   day.tm_min = 59;
   day.tm_sec = 0;
   day.tm_isdst = -1;
-  minDate = Clock::from_time_t(std::mktime(&day));
-  dateForExpires = minDate;
-  if (defaultDays >= 1) dateForExpires += std::chrono::seconds(defaultDays * kDay);
-  maxDate.reset();
-  if (maxDays >= 1) maxDate = minDate + std::chrono::seconds(maxDays * kDay);
+  ExpiryRange range;
+  range.min = range.start = Clock::from_time_t(std::mktime(&day));
+  const Clock::time_point from = base.value_or(range.min);
+  if (defaultDays >= 1) range.start = std::max(range.min, from + std::chrono::seconds(defaultDays * kDay));
+  if (maxDays >= 1) range.max = std::max(range.min, from + std::chrono::seconds(maxDays * kDay));
+  return range;
+}
+
+void InternalShare51WindowController::SetExpiryRange(std::int64_t defaultDays, std::int64_t maxDays) {
+  const ExpiryRange range = ExpiryDates(now_(), std::nullopt, defaultDays, maxDays);
+  minDate = range.min;
+  dateForExpires = range.start;
+  maxDate = range.max;
 }
 
 void InternalShare51WindowController::setDateForExpires(Clock::time_point date) {

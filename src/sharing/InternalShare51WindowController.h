@@ -80,6 +80,16 @@ class InternalShare51WindowController {
   void setDateForExpires(Clock::time_point date);
   void Share();
 
+  // The expiry picker's range: at the earliest today at 23:59; it starts
+  // defaultDays after base (or that earliest date) and ends maxDays after it,
+  // neither before the earliest. Days under 1 set nothing.
+  struct ExpiryRange {
+    Clock::time_point min, start;
+    std::optional<Clock::time_point> max;
+  };
+  static ExpiryRange ExpiryDates(Clock::time_point now, std::optional<Clock::time_point> base,
+                                 std::int64_t defaultDays, std::int64_t maxDays);
+
   // Whole minutes (flag) or hours (at least 1) to dateForExpires; kNoExpiry when
   // the expiry box is off.
   long getIntervalTimeForPickerInMinutes(bool flag) const;

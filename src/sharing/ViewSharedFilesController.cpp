@@ -373,14 +373,18 @@ void ViewSharedFilesController::ExtendShare(const std::vector<WSFileProperty>& i
   for (const auto& item : items) ids.push_back(item.share_id);
   worker_.Run([this, ids, validity](const std::string& token) -> std::function<void()> {
     const std::string result = service_.ShareFilesExtend2(ids, validity, token);
-    // Only a result that says done counts: "-200", "err..." and the codes of a refusal do not.
-    const bool done = result.rfind('0', 0) == 0;
+    const bool done = ExtendSucceeded(result);
     if (!done) CVEventLogger::WriteMainLogMessage("View Shared Files Window -> ExtendShare: " + result);
     return [this, done] {
       Tell(done ? kExtended : kUnshareError);
       Refresh();
     };
   });
+}
+
+bool ViewSharedFilesController::ExtendSucceeded(const std::string& result) {
+  // The server refuses with "-1;..."; a call that failed on its way says "err..." or nothing.
+  return !result.empty() && result.rfind("-1;", 0) != 0 && result.rfind("err", 0) != 0;
 }
 
 // --- Plumbing ---

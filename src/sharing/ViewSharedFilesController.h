@@ -83,6 +83,8 @@ class ViewSharedFilesController {
   // Shared Out only.
   void UnshareSlectedFiles(const std::vector<WSFileProperty>& items, const Ask& ask);
   void ResendEmail(const std::vector<WSFileProperty>& items);
+  // Whether ShareFilesExtend2's answer means the shares were extended.
+  static bool ExtendSucceeded(const std::string& result);
   // A new expiry for the items' shares; nothing: no expiry.
   void ExtendShare(const std::vector<WSFileProperty>& items, std::optional<Clock::time_point> until);
 

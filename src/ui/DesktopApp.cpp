@@ -25,6 +25,7 @@
 #include "ProgressWatch.h"
 #include "QtMainLoop.h"
 #include "SettingsTab.h"
+#include "SharedFilesWindow.h"
 #include "ShareWindow.h"
 #include "SharingService.h"
 #include "SignInWindow.h"
@@ -34,6 +35,7 @@
 #include "TrayController.h"
 #include "WidgetHelpers.h"
 #include "TrayIcon.h"
+#include "UploadRequestsWindow.h"
 #include "VersionService.h"
 #include "VersionWindow.h"
 #include "Version.h"
@@ -42,6 +44,13 @@ namespace {
 bool HasDisplay() {
   auto set = [](const char* name) { return std::getenv(name) != nullptr && *std::getenv(name) != '\0'; };
   return set("DISPLAY") || set("WAYLAND_DISPLAY") || set("QT_QPA_PLATFORM");
+}
+
+// The account's switches and limits as the last sign-in left them.
+CVConnection CurrentAccount() {
+  CVConfiguration& config = CVConfiguration::Instance();
+  std::lock_guard<std::recursive_mutex> lock(config.fSpSitesLock);
+  return config.Corvalink;
 }
 
 }  // namespace
@@ -89,6 +98,8 @@ int DesktopApp::Run(int argc, char** argv) {
   // The activity window: made anew at each opening, from the history's first page.
   ServerActivityService activity;
   QPointer<ActivityWindow> activityWindow;
+  // The sharing windows' openings, set once their services are made below.
+  std::function<bool(TrayMenuModel::Window)> openSharingWindow;
   auto openWindow = [&](TrayMenuModel::Window which, int tab) {
     if (which == TrayMenuModel::Window::Activity) {
       delete activityWindow.data();
@@ -97,6 +108,7 @@ int DesktopApp::Run(int argc, char** argv) {
       widgets::ShowInFront(*activityWindow);
       return;
     }
+    if (openSharingWindow && openSharingWindow(which)) return;
     if (which == TrayMenuModel::Window::SignIn) {
       if (!signInWindow) {
         signInWindow = std::make_unique<SignInWindow>(runtime->login(), runtime->settings(), loop,
@@ -144,7 +156,8 @@ int DesktopApp::Run(int argc, char** argv) {
             }
           }},
       {TrayMenuModel::Window::SignIn, TrayMenuModel::Window::SyncManager, TrayMenuModel::Window::AccountTabs,
-       TrayMenuModel::Window::Activity},
+       TrayMenuModel::Window::Activity, TrayMenuModel::Window::SharedFiles, TrayMenuModel::Window::UploadRequests,
+       TrayMenuModel::Window::RequestFiles},
       [&] { return runtime && runtime->app().IsSyncStarted(); });
   trayIcon.SetActivateHandler([&tray](const std::string& id) { tray.Activate(id); });
 
@@ -192,6 +205,41 @@ int DesktopApp::Run(int argc, char** argv) {
       closed();
     }
   });
+  // Shared files and upload requests: made at the first opening, kept for the
+  // run; a request for files opens the share window, one at a time as above.
+  ServerSharedFilesService sharedFiles;
+  ServerUploadRequestService uploadRequests;
+  std::unique_ptr<SharedFilesWindow> sharedFilesWindow;
+  std::unique_ptr<UploadRequestsWindow> uploadRequestsWindow;
+  auto openRequestWindow = [&] {
+    CVEventLogger::WriteMainLogMessage("Request for file upload button pressed");
+    if (shareWindow && shareWindow->isVisible()) return shareWindow->ShowInFront();
+    shareWindow = new ShareWindow(sharing, loop, CurrentAccount());
+    QPointer<ShareWindow> opened = shareWindow;
+    auto closed = [opened] {
+      if (opened) opened->deleteLater();
+    };
+    if (!shareWindow->Open({}, ShareWindow::Controller::kUploadRequest, closed)) return closed();
+    shareWindow->ShowInFront();
+  };
+  openSharingWindow = [&](TrayMenuModel::Window which) {
+    if (which == TrayMenuModel::Window::SharedFiles) {
+      CVEventLogger::WriteMainLogMessage("View shared files button pressed");
+      if (!sharedFilesWindow) sharedFilesWindow = std::make_unique<SharedFilesWindow>(sharedFiles, loop);
+      sharedFilesWindow->Open(CurrentAccount());
+    } else if (which == TrayMenuModel::Window::UploadRequests) {
+      CVEventLogger::WriteMainLogMessage("View upload request button pressed");
+      if (!uploadRequestsWindow) {
+        uploadRequestsWindow = std::make_unique<UploadRequestsWindow>(uploadRequests, loop, openRequestWindow);
+      }
+      uploadRequestsWindow->Open();
+    } else if (which == TrayMenuModel::Window::RequestFiles) {
+      openRequestWindow();
+    } else {
+      return false;
+    }
+    return true;
+  };
   runtime->SetShowHandler([&] {
     openWindow(TrayMenuModel::Window::SyncManager, 0);
     std::cout << "The sync manager window is shown." << std::endl;
@@ -230,6 +278,8 @@ int DesktopApp::Run(int argc, char** argv) {
   signInWindow.reset();
   delete shareWindow.data();
   delete activityWindow.data();
+  sharedFilesWindow.reset();
+  uploadRequestsWindow.reset();
   commands.reset();
   runtime->Stop();
   // The sync reports to the tray to its very end: it goes before the tray does.

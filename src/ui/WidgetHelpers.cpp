@@ -34,6 +34,25 @@ QIcon StorageStateIcon(const std::string& iconStorage) {
   return QIcon(dot);
 }
 
+void AskFirst(QWidget& parent, const char* objectName, const std::function<void(const Ask&)>& action) {
+  std::string title, question;
+  action([&](const std::string& t, const std::string& q) {
+    title = t;
+    question = q;
+    return false;
+  });
+  if (question.empty()) return;
+  auto* box = new QMessageBox(QMessageBox::Question, QString::fromStdString(title.empty() ? "Corvalink Sync" : title),
+                              QString::fromStdString(question), QMessageBox::Yes | QMessageBox::No, &parent);
+  box->setObjectName(objectName);
+  box->setDefaultButton(QMessageBox::No);
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  QObject::connect(box, &QMessageBox::finished, &parent, [action](int button) {
+    if (button == QMessageBox::Yes) action([](const std::string&, const std::string&) { return true; });
+  });
+  box->open();
+}
+
 void ShowInFront(QWidget& window) {
   window.show();
   window.raise();

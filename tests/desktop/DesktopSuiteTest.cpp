@@ -103,7 +103,9 @@ TEST_F(DesktopSuite, TheTrayFollowsTheSyncAndItsEntriesWork) {
   ASSERT_TRUE(item) << client.Output();
   EXPECT_EQ(item->Property("Id").toStdString(), "Corvalink Sync");
 
-  const std::string tail = "---\\|Sync status…\\|Settings…\\|Storages…\\|Activity…\\|Open Corvalink folder\\|---\\|Exit\\|";
+  const std::string tail =
+      "---\\|Sync status…\\|Settings…\\|Storages…\\|Activity…\\|Shared files…\\|Upload requests…\\|Request "
+      "files…\\|Open Corvalink folder\\|---\\|Exit\\|";
   std::string menu;
   ASSERT_TRUE(WaitForMenu(*item, "Sync now \\(last update at .+\\)\\|Pause sync\\|" + tail, menu)) << menu;
   EXPECT_TRUE(PumpUntil([&] { return item->Property("IconName") == "corvalink-sync-state-2"; }, 20000))
@@ -268,6 +270,45 @@ TEST_F(DesktopSuite, TheShareWindowOpensOnAFileAndSharesInsideAndOutside) {
     EXPECT_TRUE(PumpUntil([&] { return MainLog(home).find(c.logged) != std::string::npos; }, 30000))
         << MainLog(home);
   }
+}
+
+// Two accounts on the local server: what alice shares shows in bob's Shared In
+// window, opened from his tray, and comes into his cache from there. Off for now:
+// about one run in three the window's download starts and never ends (its
+// request waits on the engine's shared queue), which the engine must mend first.
+TEST_F(DesktopSuite, DISABLED_AShareFromAliceShowsInBobsSharedInWindowAndDownloads) {
+  StartServer({"--user", "bob:pw"});
+  const std::string alice = MakeClientHome("alice");
+  const std::string bob = MakeClientHomeAs("bob", "bob", "pw");
+  Write(ServerDocs() / "report.txt", "numbers");
+  Write(ClientDocs(alice) / "report.txt", "numbers");
+  auto shared = RunCommand(alice, {"share", (ClientDocs(alice) / "report.txt").string(), "--to", "bob"});
+  ASSERT_EQ(shared.code, 0) << shared.output;
+
+  ASSERT_TRUE(host_.Start());
+  ASSERT_TRUE(accessibility_.Connect()) << "no accessibility bus on the session bus";
+  ChildProcess& client = StartDesktop(bob);
+  auto item = WaitForItem();
+  ASSERT_TRUE(item) << client.Output();
+  // Once bob's own sync is in step, so that the window's download runs alone.
+  ASSERT_TRUE(PumpUntil(
+      [&] { return Read(ClientDocs(bob) / "report.txt") == "numbers" && item->Property("IconName") == "corvalink-sync-state-2"; },
+      60000))
+      << client.Output();
+  std::string menu;
+  ASSERT_TRUE(WaitForMenu(*item, ".*Shared files….*", menu)) << menu;
+  ASSERT_TRUE(item->Click("Shared files…"));
+  // The person's row stands first for the keyboard: "Open" shows alice's items.
+  const std::string alicesRow = "alice\xE2\xA0\x80(alice@devserver)";
+  ASSERT_TRUE(WaitForControl(alicesRow)) << client.Output() << Controls();
+  ASSERT_TRUE(accessibility_.Press(*WaitForControl("Open")));
+  const auto file = WaitForControl("report.txt");
+  ASSERT_TRUE(file) << Controls();
+  ASSERT_TRUE(accessibility_.Press(*file));  // a row's action chooses it
+  ASSERT_TRUE(accessibility_.Press(*WaitForControl("Download")));
+  const auto cached = std::filesystem::path(bob) / "Corvalink" / "Shared In" / "1_report.txt";
+  EXPECT_TRUE(PumpUntil([&] { return Read(cached) == "numbers"; }, 30000)) << client.Output() << MainLog(bob);
+  EXPECT_NE(MainLog(bob).find("View shared files button pressed"), std::string::npos);
 }
 
 TEST_F(DesktopSuite, WithoutATrayHostTheWindowOpensAndASecondStartShowsIt) {

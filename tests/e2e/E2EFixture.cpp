@@ -66,6 +66,16 @@ std::string E2ETest::MakeClientHome(const std::string& name, const std::vector<s
   return home.string();
 }
 
+std::string E2ETest::MakeClientHomeAs(const std::string& name, const std::string& user, const std::string& password) {
+  const std::string home = MakeClientHome(name);
+  const auto configuration = fs::path(home) / "Corvalink" / ".Settings" / "Configuration.xml";
+  std::string text = Read(configuration);
+  const std::string alice = "<UserName>alice</UserName><Password>secret</Password>";
+  text.replace(text.find(alice), alice.size(), "<UserName>" + user + "</UserName><Password>" + password + "</Password>");
+  Write(configuration, text);
+  return home;
+}
+
 std::unique_ptr<ChildProcess> E2ETest::StartClient(const std::string& home, bool once,
                                                    const std::string& timeScale) {
   std::vector<std::string> arguments{"--headless", "--time-scale", timeScale};

@@ -26,6 +26,8 @@ class E2ETest : public ::testing::Test {
   // Makes a client home with the account and the storage Docs synced whole,
   // except the given folders (relative to the storage) left unticked.
   std::string MakeClientHome(const std::string& name, const std::vector<std::string>& unticked = {});
+  // The same for another user of the server (started with --user USER:PASSWORD).
+  std::string MakeClientHomeAs(const std::string& name, const std::string& user, const std::string& password);
   // timeScale: the client's clock; 1 keeps its time-outs as long as the user's.
   std::unique_ptr<ChildProcess> StartClient(const std::string& home, bool once = false,
                                             const std::string& timeScale = "0.01");

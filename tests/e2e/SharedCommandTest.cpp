@@ -13,11 +13,7 @@ class SharedCommandTest : public E2ETest {};
 TEST_F(SharedCommandTest, BobSeesAndFetchesWhatAliceShared) {
   StartServer({"--user", "bob:pw"});
   const std::string alice = MakeClientHome("alice");
-  const std::string bob = MakeClientHome("bob");
-  const auto configuration = std::filesystem::path(bob) / "Corvalink/.Settings/Configuration.xml";
-  std::string text = Read(configuration);
-  text.replace(text.find("<UserName>alice</UserName><Password>secret"), 42, "<UserName>bob</UserName><Password>pw");
-  Write(configuration, text);
+  const std::string bob = MakeClientHomeAs("bob", "bob", "pw");
   for (const auto& [path, content] : std::map<std::string, std::string>{
            {"report.txt", "numbers"}, {"Plans/q1.txt", "first"}, {"Plans/Later/q2.txt", "second"}}) {
     Write(ServerDocs() / path, content);

@@ -5,10 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
 
+#include "FakeSharedFilesService.h"
+#include "InternalShare51WindowController.h"
 #include "MainQueue.h"
 #include "SharedCache.h"
 #include "TempHome.h"
@@ -20,48 +21,9 @@ namespace {
 
 using View = ViewSharedFilesController;
 
-WSFileProperty Item(std::string id, std::string name, bool folder = false, std::string owner = "a@x",
-                    std::string full = "") {
-  WSFileProperty item;
-  item.share_id = std::move(id);
-  item.file_name = std::move(name);
-  item.isFolder = folder;
-  item.owner = std::move(owner);
-  item.ownerFullName = std::move(full);
-  item.file_size = 3;
-  return item;
-}
-
-// Lists what it is given, per (share id, path); a download writes "abc" where it is told.
-class FakeService : public SharedFilesService {
- public:
-  std::vector<WSFileProperty> top;
-  std::map<std::pair<std::string, std::string>, std::vector<WSFileProperty>> inside;
-  std::vector<std::string> downloads, deleted;
-  bool result = true;
-  std::string CheckConnectionAndGetWSToken() override { return "tok"; }
-  std::vector<WSFileProperty> GetFileList(bool, const std::string&, const std::string& path,
-                                          const std::optional<std::string>& id) override {
-    return id ? inside[{*id, path}] : top;
-  }
-  bool DeleteSharedLink(const std::string&, const std::string& ids) override {
-    deleted.push_back(ids);
-    return result;
-  }
-  bool ResendEmailShared(const std::string&, const std::string&) override { return result; }
-  std::string ShareFilesExtend2(const std::vector<std::string>&, long, const std::string&) override { return "0;"; }
-  bool DownloadSharing(const std::string& localPath, const std::string&, bool, const std::optional<std::string>&,
-                       const std::string&, const AsyncSharedDownloader::Expected&) override {
-    downloads.push_back(localPath);
-    std::ofstream(localPath) << "abc";
-    return true;
-  }
-  void StopDownloading() override {}
-};
-
 struct Fixture {
   TempHome home;
-  FakeService service;
+  FakeSharedFilesService service;
   MainQueue main;
   View view{service, main.Post()};
   std::vector<std::string> messages;
@@ -209,4 +171,36 @@ TEST(SharedFilesView, QuestionsGuardWhatGoes) {
   f.Settle();
   EXPECT_EQ(f.service.deleted, std::vector<std::string>{"1;2"});
   EXPECT_EQ(f.messages.back(), View::kUnshared);
+}
+
+TEST(SharedFilesView, ExtendingAndItsDates) {
+  // Only the server's refusal, or a call that never got an answer, is a failure.
+  for (const auto& [result, done] : std::vector<std::pair<std::string, bool>>{
+           {"0", true}, {"0;", true}, {"1;", true}, {"2;extended", true}, {"-1;", false}, {"-1;denied", false},
+           {"err timeout", false}, {"", false}}) {
+    EXPECT_EQ(View::ExtendSucceeded(result), done) << result;
+  }
+  // The edit sheet's dates count from the share's own date, never before today at 23:59.
+  using Share = InternalShare51WindowController;
+  using std::chrono::hours;
+  const auto now = Share::Clock::now();
+  const auto min = Share::ExpiryDates(now, std::nullopt, 0, 0).min;
+  const auto old = min - hours(24 * 10);
+  struct Case {
+    std::optional<Share::Clock::time_point> base;
+    std::int64_t defaultDays, maxDays;
+    Share::Clock::time_point start;
+    std::optional<Share::Clock::time_point> max;
+  } cases[] = {
+      {std::nullopt, 0, 0, min, std::nullopt},
+      {std::nullopt, 3, 10, min + hours(72), min + hours(240)},
+      {old, 3, 5, min, min},
+      {old, 12, 30, old + hours(24 * 12), old + hours(24 * 30)},
+  };
+  for (const auto& c : cases) {
+    const auto range = Share::ExpiryDates(now, c.base, c.defaultDays, c.maxDays);
+    EXPECT_EQ(range.min, min);
+    EXPECT_EQ(range.start, c.start) << c.defaultDays;
+    EXPECT_EQ(range.max, c.max) << c.maxDays;
+  }
 }
