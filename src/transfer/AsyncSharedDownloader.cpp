@@ -204,12 +204,18 @@ bool AsyncSharedDownloader::Download(const std::string& url, const std::string& 
 void AsyncSharedDownloader::Wait(Run& run, ASIHTTPRequest& request) {
   std::shared_ptr<const Clock> clock = clock_ ? clock_ : ASIHTTPRequest::GetClock();
   const auto interval = std::max<std::chrono::nanoseconds>(clock->Scaled(kPollInterval), std::chrono::milliseconds(1));
-  std::unique_lock<std::mutex> lock(run.progressLock);
-  while (!run.ended) {
-    run.endedCondition.wait_for(lock, interval);
-    if (!run.ended && request.isFinished()) {
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(run.progressLock);
+      if (run.endedCondition.wait_for(lock, interval, [&run] { return run.ended; })) return;
+    }
+    // Asked without the run's lock: the request delivers its events under its
+    // own lock and they take the run's, so the other order would deadlock.
+    if (request.isFinished()) {
       // Its last event comes before it counts as finished: none came.
+      std::lock_guard<std::mutex> lock(run.progressLock);
       EndLocked(run, stopRequested_ ? kReasonStopped : kReasonRequestFailed);
+      return;
     }
   }
 }

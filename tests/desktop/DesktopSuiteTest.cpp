@@ -273,10 +273,8 @@ TEST_F(DesktopSuite, TheShareWindowOpensOnAFileAndSharesInsideAndOutside) {
 }
 
 // Two accounts on the local server: what alice shares shows in bob's Shared In
-// window, opened from his tray, and comes into his cache from there. Off for now:
-// about one run in three the window's download starts and never ends (its
-// request waits on the engine's shared queue), which the engine must mend first.
-TEST_F(DesktopSuite, DISABLED_AShareFromAliceShowsInBobsSharedInWindowAndDownloads) {
+// window, opened from his tray, and comes into his cache from there.
+TEST_F(DesktopSuite, AShareFromAliceShowsInBobsSharedInWindowAndDownloads) {
   StartServer({"--user", "bob:pw"});
   const std::string alice = MakeClientHome("alice");
   const std::string bob = MakeClientHomeAs("bob", "bob", "pw");
