@@ -13,6 +13,7 @@ packages=(
   xvfb xauth dbus dbus-x11 at-spi2-core desktop-file-utils appstream
   gnome-keyring libsecret-tools
   libnautilus-extension-dev
+  nautilus bubblewrap
   clang libclang-rt-dev
 )
 

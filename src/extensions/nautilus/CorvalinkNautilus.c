@@ -19,7 +19,7 @@
 
 #define CV_EXPORT __attribute__((visibility("default")))
 
-enum { kAnswerTimeoutMs = 200, kRetrySeconds = 5, kSendTimeoutMs = 10 * 60 * 1000 };
+enum { kAnswerTimeoutMs = 200, kRetrySeconds = 5, kSendTimeoutMs = 10 * 60 * 1000, kRememberedLimit = 100000 };
 
 typedef struct {
   GObject parent;
@@ -44,6 +44,12 @@ static GPtrArray *storage_names;
 static CvFmClient *subscription;
 static guint subscription_watch;
 static guint subscription_retry;
+/* Files shown with a badge, and files asked about while the client was away or
+ * slow: when the client goes or comes back they are asked again, so that badges
+ * never stay stale and files already on screen get theirs. */
+static GHashTable *badged;
+static GHashTable *unanswered;
+static guint ask_again_source;
 
 static const char *const kEmblems[] = {
     [CV_FM_STATE_IN_STEP] = "corvalink-cached_circle_tick-004",
@@ -69,11 +75,49 @@ static gboolean refresh_storages(void) {
   return TRUE;
 }
 
+static void remember(GHashTable *paths, const char *path) {
+  if (g_hash_table_size(paths) < kRememberedLimit) g_hash_table_add(paths, g_strdup(path));
+}
+
+/* Has the file manager ask again about each of paths it still shows. */
+static void invalidate_all(GHashTable *paths) {
+  GHashTableIter iter;
+  gpointer path;
+  g_hash_table_iter_init(&iter, paths);
+  while (g_hash_table_iter_next(&iter, &path, NULL)) {
+    g_autoptr(GFile) location = g_file_new_for_path(path);
+    NautilusFileInfo *file = nautilus_file_info_lookup(location);
+    if (!file) continue;  // no longer shown
+    nautilus_file_info_invalidate_extension_info(file);
+    g_object_unref(file);
+  }
+}
+
+static gboolean ask_again(gpointer data) {
+  ask_again_source = 0;
+  GHashTable *paths = unanswered;
+  unanswered = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, NULL);
+  g_debug("asking again about %u files", g_hash_table_size(paths));
+  invalidate_all(paths);
+  g_hash_table_unref(paths);
+  return G_SOURCE_REMOVE;
+}
+
+/* Out of the provider's call: the file manager is asked from its main loop. */
+static void schedule_ask_again(void) {
+  if (!ask_again_source && g_hash_table_size(unanswered) > 0) ask_again_source = g_idle_add(ask_again, NULL);
+}
+
 /* The session, or NULL while the client is away. */
 static CvFmClient *ensure_session(void) {
   if (session || g_get_monotonic_time() < session_retry_at) return session;
   session = cv_fm_open(socket_path, kAnswerTimeoutMs);
-  if (!session || !refresh_storages()) drop_session();
+  if (!session || !refresh_storages()) {
+    g_debug("no client answers on %s", socket_path);
+    drop_session();
+  } else {
+    schedule_ask_again();
+  }
   return session;
 }
 
@@ -94,14 +138,22 @@ static char *path_of(NautilusFileInfo *file) {
 static NautilusOperationResult cv_update_file_info(NautilusInfoProvider *provider, NautilusFileInfo *file,
                                                    GClosure *update_complete, NautilusOperationHandle **handle) {
   g_autofree char *path = path_of(file);
-  if (!path || !ensure_session() || !in_storages(path)) return NAUTILUS_OPERATION_COMPLETE;
+  if (!path) return NAUTILUS_OPERATION_COMPLETE;
+  /* Without a session the storages may not be known yet: any local file may be one. */
+  if (!ensure_session()) {
+    if (!storages_root || in_storages(path)) remember(unanswered, path);
+    return NAUTILUS_OPERATION_COMPLETE;
+  }
+  if (!in_storages(path)) return NAUTILUS_OPERATION_COMPLETE;
   int state = cv_fm_state(session, path);
   if (state < 0) {
     drop_session();
+    remember(unanswered, path);
     return NAUTILUS_OPERATION_COMPLETE;
   }
   if (state < (int)G_N_ELEMENTS(kEmblems) && kEmblems[state]) {
     nautilus_file_info_add_emblem(file, kEmblems[state]);
+    remember(badged, path);
     g_debug("emblem %s on %s", kEmblems[state], path);
   }
   return NAUTILUS_OPERATION_COMPLETE;
@@ -277,6 +329,11 @@ static gboolean on_subscription_input(gint fd, GIOCondition condition, gpointer 
   subscription_watch = 0;  // removed by the return below
   cv_fm_close(subscription);
   subscription = NULL;
+  /* The client went: its badges are no longer true. */
+  g_debug("the client went; %u badges taken off", g_hash_table_size(badged));
+  drop_session();
+  invalidate_all(badged);
+  g_hash_table_remove_all(badged);
   subscription_retry = g_timeout_add_seconds(kRetrySeconds, retry_subscribe, NULL);
   return G_SOURCE_REMOVE;
 }
@@ -284,6 +341,10 @@ static gboolean on_subscription_input(gint fd, GIOCondition condition, gpointer 
 static void subscribe(void) {
   subscription = cv_fm_subscribe(socket_path, kAnswerTimeoutMs);
   if (subscription) {
+    /* The client is (back) up: what was asked while it was away is asked now. */
+    g_debug("subscribed on %s", socket_path);
+    session_retry_at = 0;
+    schedule_ask_again();
     subscription_watch = g_unix_fd_add(cv_fm_fd(subscription), G_IO_IN | G_IO_HUP | G_IO_ERR, on_subscription_input, NULL);
   } else {
     subscription_retry = g_timeout_add_seconds(kRetrySeconds, retry_subscribe, NULL);
@@ -297,6 +358,8 @@ CV_EXPORT void nautilus_module_initialize(GTypeModule *module) {
   provider_types[0] = cv_nautilus_provider_get_type();
   socket_path = cv_fm_socket_path();
   storage_names = g_ptr_array_new_with_free_func(g_free);
+  badged = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, NULL);
+  unanswered = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, NULL);
   subscribe();
 }
 
@@ -304,6 +367,10 @@ CV_EXPORT void nautilus_module_shutdown(void) {
   end_subscription();
   if (subscription_retry) g_source_remove(subscription_retry);
   subscription_retry = 0;
+  if (ask_again_source) g_source_remove(ask_again_source);
+  ask_again_source = 0;
+  g_clear_pointer(&badged, g_hash_table_unref);
+  g_clear_pointer(&unanswered, g_hash_table_unref);
   cv_fm_close(session);
   session = NULL;
   session_retry_at = 0;
