@@ -92,6 +92,30 @@ until grep -q "tray host ready" "$work/tray-fresh.out" 2>/dev/null; do
 done
 HOME="$fresh" XDG_RUNTIME_DIR="$fresh/run" timeout 60 "$client" 2>&1 | sed 's/^/   /'
 wait $fresh_watch || watch_code=1
+
+echo "== GNOME Files with this build's extension, on the synced storage:"
+extension="$PWD/$build/extensions/nautilus"
+if [ -f "$extension/libcorvalink-nautilus.so" ] && command -v nautilus > /dev/null; then
+  files_log="$work/nautilus.out"
+  # GNOME Files opens on the storage, and the picture is taken once its folders have their badges.
+  open_files="XDG_DATA_DIRS='$XDG_DATA_DIRS' G_MESSAGES_DEBUG=CorvalinkNautilus \
+    '$PWD/scripts/nautilus-with-extension.sh' '$extension' '$(pkg-config --variable=extensiondir libnautilus-extension-4)' \
+    --new-window '$home/Corvalink/Docs' > '$files_log' 2>&1 &
+    for _ in \$(seq 1 300); do grep -q 'emblem .* on $home/Corvalink/Docs/Reports\$' '$files_log' && exit 0; sleep 0.2; done; exit 1"
+  "$traywatch" --wait-menu 'Sync now.*' --run "$open_files" --screenshot "$shots/file-manager-badges.png" \
+    --run "GSETTINGS_BACKEND=memory nautilus -q" --click 'Exit' > "$work/tray-files.out" 2>&1 &
+  files_watch=$!
+  until grep -q "tray host ready" "$work/tray-files.out" 2>/dev/null; do
+    kill -0 $files_watch 2>/dev/null || break
+    sleep 0.1
+  done
+  timeout 120 "$client" --time-scale 0.05 > "$work/client-files.out" 2>&1
+  wait $files_watch || watch_code=1
+  sed 's/^/   /' "$work/tray-files.out"
+  grep -h "emblem" "$files_log" | sed 's/^.*DEBUG: [0-9:.]* /   /' | sort -u
+else
+  echo "   left out: the extension is not built or GNOME Files is not installed"
+fi
 echo
 echo "== The client's files: $(find "$home/Corvalink/Docs" -type f | wc -l) of $(find "$storage" -type f | wc -l) from the server"
 echo "== Pictures of the tray menu, the sync manager's tabs, its sheets, the share and version windows and the sign-in window in $shots"

@@ -44,11 +44,11 @@ static GPtrArray *storage_names;
 static CvFmClient *subscription;
 static guint subscription_watch;
 static guint subscription_retry;
-/* Files shown with a badge, and files asked about while the client was away or
- * slow: when the client goes or comes back they are asked again, so that badges
- * never stay stale and files already on screen get theirs. */
-static GHashTable *badged;
-static GHashTable *unanswered;
+/* The files of the storages the file manager asked about (any local file while
+ * the client is away, as the storages are not known then): when the client goes
+ * or comes back they are asked again, so that badges never stay stale and files
+ * already on screen get theirs. */
+static GHashTable *asked;
 static guint ask_again_source;
 
 static const char *const kEmblems[] = {
@@ -75,37 +75,33 @@ static gboolean refresh_storages(void) {
   return TRUE;
 }
 
-static void remember(GHashTable *paths, const char *path) {
-  if (g_hash_table_size(paths) < kRememberedLimit) g_hash_table_add(paths, g_strdup(path));
+static void remember(const char *path) {
+  if (g_hash_table_size(asked) < kRememberedLimit) g_hash_table_add(asked, g_strdup(path));
 }
 
-/* Has the file manager ask again about each of paths it still shows. */
-static void invalidate_all(GHashTable *paths) {
+/* Has the file manager ask again about every file it still shows. */
+static gboolean ask_again(gpointer data) {
+  ask_again_source = 0;
+  g_debug("asking again about %u files", g_hash_table_size(asked));
   GHashTableIter iter;
   gpointer path;
-  g_hash_table_iter_init(&iter, paths);
+  g_hash_table_iter_init(&iter, asked);
   while (g_hash_table_iter_next(&iter, &path, NULL)) {
     g_autoptr(GFile) location = g_file_new_for_path(path);
     NautilusFileInfo *file = nautilus_file_info_lookup(location);
-    if (!file) continue;  // no longer shown
+    if (!file) {
+      g_hash_table_iter_remove(&iter);  // no longer shown
+      continue;
+    }
     nautilus_file_info_invalidate_extension_info(file);
     g_object_unref(file);
   }
-}
-
-static gboolean ask_again(gpointer data) {
-  ask_again_source = 0;
-  GHashTable *paths = unanswered;
-  unanswered = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, NULL);
-  g_debug("asking again about %u files", g_hash_table_size(paths));
-  invalidate_all(paths);
-  g_hash_table_unref(paths);
   return G_SOURCE_REMOVE;
 }
 
-/* Out of the provider's call: the file manager is asked from its main loop. */
+/* From the main loop, not inside a call of the file manager. */
 static void schedule_ask_again(void) {
-  if (!ask_again_source && g_hash_table_size(unanswered) > 0) ask_again_source = g_idle_add(ask_again, NULL);
+  if (!ask_again_source && g_hash_table_size(asked) > 0) ask_again_source = g_idle_add(ask_again, NULL);
 }
 
 /* The session, or NULL while the client is away. */
@@ -141,19 +137,18 @@ static NautilusOperationResult cv_update_file_info(NautilusInfoProvider *provide
   if (!path) return NAUTILUS_OPERATION_COMPLETE;
   /* Without a session the storages may not be known yet: any local file may be one. */
   if (!ensure_session()) {
-    if (!storages_root || in_storages(path)) remember(unanswered, path);
+    if (!storages_root || in_storages(path)) remember(path);
     return NAUTILUS_OPERATION_COMPLETE;
   }
   if (!in_storages(path)) return NAUTILUS_OPERATION_COMPLETE;
+  remember(path);
   int state = cv_fm_state(session, path);
   if (state < 0) {
     drop_session();
-    remember(unanswered, path);
     return NAUTILUS_OPERATION_COMPLETE;
   }
   if (state < (int)G_N_ELEMENTS(kEmblems) && kEmblems[state]) {
     nautilus_file_info_add_emblem(file, kEmblems[state]);
-    remember(badged, path);
     g_debug("emblem %s on %s", kEmblems[state], path);
   }
   return NAUTILUS_OPERATION_COMPLETE;
@@ -330,10 +325,9 @@ static gboolean on_subscription_input(gint fd, GIOCondition condition, gpointer 
   cv_fm_close(subscription);
   subscription = NULL;
   /* The client went: its badges are no longer true. */
-  g_debug("the client went; %u badges taken off", g_hash_table_size(badged));
+  g_debug("the client went");
   drop_session();
-  invalidate_all(badged);
-  g_hash_table_remove_all(badged);
+  schedule_ask_again();
   subscription_retry = g_timeout_add_seconds(kRetrySeconds, retry_subscribe, NULL);
   return G_SOURCE_REMOVE;
 }
@@ -358,8 +352,7 @@ CV_EXPORT void nautilus_module_initialize(GTypeModule *module) {
   provider_types[0] = cv_nautilus_provider_get_type();
   socket_path = cv_fm_socket_path();
   storage_names = g_ptr_array_new_with_free_func(g_free);
-  badged = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, NULL);
-  unanswered = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, NULL);
+  asked = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, NULL);
   subscribe();
 }
 
@@ -369,8 +362,7 @@ CV_EXPORT void nautilus_module_shutdown(void) {
   subscription_retry = 0;
   if (ask_again_source) g_source_remove(ask_again_source);
   ask_again_source = 0;
-  g_clear_pointer(&badged, g_hash_table_unref);
-  g_clear_pointer(&unanswered, g_hash_table_unref);
+  g_clear_pointer(&asked, g_hash_table_unref);
   cv_fm_close(session);
   session = NULL;
   session_retry_at = 0;
