@@ -57,10 +57,16 @@ static const char *const kEmblems[] = {
     [CV_FM_STATE_FAILED] = "icon-disconnect-004",
 };
 
+static gboolean ask_again(gpointer data);
+
 static void drop_session(void) {
   cv_fm_close(session);
   session = NULL;
   session_retry_at = g_get_monotonic_time() + kRetrySeconds * G_USEC_PER_SEC;
+  /* The client runs but did not answer in time: its files are asked again a
+   * little later, as nothing else would ask (while it is away, its subscription
+   * coming back does). */
+  if (subscription && !ask_again_source) ask_again_source = g_timeout_add_seconds(kRetrySeconds + 1, ask_again, NULL);
 }
 
 static gboolean refresh_storages(void) {
