@@ -1,4 +1,4 @@
-/* The GNOME Files extension of Corvalink Sync: a badge (emblem) on each file of
+/* The GNOME Files extension of Corvalink Sync: a badge (emblem) on each file and folder of
  * a storage by the state the running client holds for it, and the client's
  * commands in the context menu: "Share inside" and "Share outside" on items of
  * a storage, "Send to Corvalink" on items outside the storages. Everything runs
