@@ -24,6 +24,13 @@ client="$PWD/$build/src/app/corvalink-sync"
 server="$PWD/$build/tools/devserver/corvalink-devserver"
 traywatch="$PWD/$build/tools/traywatch/corvalink-traywatch"
 source "$(dirname "$0")/devserver.sh"
+# wait_for_tray_host OUT PID: until the traywatch of PID writing to OUT serves, or has ended.
+wait_for_tray_host() {
+  until grep -q "tray host ready" "$1" 2>/dev/null; do
+    kill -0 "$2" 2>/dev/null || return
+    sleep 0.1
+  done
+}
 
 work=$(mktemp -d /tmp/corvalink-desktop-demo-XXXXXX)
 home="$work/home"
@@ -86,10 +93,7 @@ mkdir -p "$fresh/run" && chmod 700 "$fresh/run"
 HOME="$fresh" XDG_RUNTIME_DIR="$fresh/run" "$traywatch" --wait-menu 'Sign in….*' \
   --screenshot "$shots/sign-in.png" --click 'Exit' > "$work/tray-fresh.out" 2>&1 &
 fresh_watch=$!
-until grep -q "tray host ready" "$work/tray-fresh.out" 2>/dev/null; do
-  kill -0 $fresh_watch 2>/dev/null || break
-  sleep 0.1
-done
+wait_for_tray_host "$work/tray-fresh.out" $fresh_watch
 HOME="$fresh" XDG_RUNTIME_DIR="$fresh/run" timeout 60 "$client" 2>&1 | sed 's/^/   /'
 wait $fresh_watch || watch_code=1
 
@@ -105,10 +109,7 @@ if [ -f "$extension/libcorvalink-nautilus.so" ] && command -v nautilus > /dev/nu
   "$traywatch" --wait-menu 'Sync now.*' --run "$open_files" --screenshot "$shots/file-manager-badges.png" \
     --run "GSETTINGS_BACKEND=memory nautilus -q" --click 'Exit' > "$work/tray-files.out" 2>&1 &
   files_watch=$!
-  until grep -q "tray host ready" "$work/tray-files.out" 2>/dev/null; do
-    kill -0 $files_watch 2>/dev/null || break
-    sleep 0.1
-  done
+  wait_for_tray_host "$work/tray-files.out" $files_watch
   timeout 120 "$client" --time-scale 0.05 > "$work/client-files.out" 2>&1
   wait $files_watch || watch_code=1
   sed 's/^/   /' "$work/tray-files.out"
