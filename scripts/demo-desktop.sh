@@ -24,6 +24,13 @@ client="$PWD/$build/src/app/corvalink-sync"
 server="$PWD/$build/tools/devserver/corvalink-devserver"
 traywatch="$PWD/$build/tools/traywatch/corvalink-traywatch"
 source "$(dirname "$0")/devserver.sh"
+# wait_for_tray_host OUT PID: until the traywatch of PID writing to OUT serves, or has ended.
+wait_for_tray_host() {
+  until grep -q "tray host ready" "$1" 2>/dev/null; do
+    kill -0 "$2" 2>/dev/null || return
+    sleep 0.1
+  done
+}
 
 work=$(mktemp -d /tmp/corvalink-desktop-demo-XXXXXX)
 home="$work/home"
@@ -92,12 +99,30 @@ mkdir -p "$fresh/run" && chmod 700 "$fresh/run"
 HOME="$fresh" XDG_RUNTIME_DIR="$fresh/run" "$traywatch" --wait-menu 'Sign in….*' \
   --screenshot "$shots/sign-in.png" --click 'Exit' > "$work/tray-fresh.out" 2>&1 &
 fresh_watch=$!
-until grep -q "tray host ready" "$work/tray-fresh.out" 2>/dev/null; do
-  kill -0 $fresh_watch 2>/dev/null || break
-  sleep 0.1
-done
+wait_for_tray_host "$work/tray-fresh.out" $fresh_watch
 HOME="$fresh" XDG_RUNTIME_DIR="$fresh/run" timeout 60 "$client" 2>&1 | sed 's/^/   /'
 wait $fresh_watch || watch_code=1
+
+echo "== GNOME Files with this build's extension, on the synced storage:"
+extension="$PWD/$build/extensions/nautilus"
+if [ -f "$extension/libcorvalink-nautilus.so" ] && command -v nautilus > /dev/null; then
+  files_log="$work/nautilus.out"
+  # GNOME Files opens on the storage, and the picture is taken once its folders have their badges.
+  open_files="XDG_DATA_DIRS='$XDG_DATA_DIRS' G_MESSAGES_DEBUG=CorvalinkNautilus \
+    '$PWD/scripts/nautilus-with-extension.sh' '$extension' '$(pkg-config --variable=extensiondir libnautilus-extension-4)' \
+    --new-window '$home/Corvalink/Docs' > '$files_log' 2>&1 &
+    for _ in \$(seq 1 300); do grep -q 'emblem .* on $home/Corvalink/Docs/Reports\$' '$files_log' && exit 0; sleep 0.2; done; exit 1"
+  "$traywatch" --wait-menu 'Sync now.*' --run "$open_files" --screenshot "$shots/file-manager-badges.png" \
+    --run "GSETTINGS_BACKEND=memory nautilus -q" --click 'Exit' > "$work/tray-files.out" 2>&1 &
+  files_watch=$!
+  wait_for_tray_host "$work/tray-files.out" $files_watch
+  timeout 120 "$client" --time-scale 0.05 > "$work/client-files.out" 2>&1
+  wait $files_watch || watch_code=1
+  sed 's/^/   /' "$work/tray-files.out"
+  grep -h "emblem" "$files_log" | sed 's/^.*DEBUG: [0-9:.]* /   /' | sort -u
+else
+  echo "   left out: the extension is not built or GNOME Files is not installed"
+fi
 echo
 echo "== The client's files: $(find "$home/Corvalink/Docs" -type f | wc -l) of $(find "$storage" -type f | wc -l) from the server"
 echo "== Pictures of the tray menu, the sync manager's tabs, its sheets, the share, version, shared files and upload request windows and the sign-in window in $shots"

@@ -92,14 +92,10 @@ std::string FileManagerBridge::PathProblem(const std::string& path) {
   return "";
 }
 
-std::string FileManagerBridge::StateOf(const std::string& path) {
-  if (!PathProblem(path).empty()) return "none";
-  const std::string clone = IconOverlayInFinderStaticMethods::GetClonnedFilePath(path);
-  if (clone == path || !IsAccountStorage(CVStaticHelpers::GetSiteNameForLocalPath(path))) return "none";
-  std::error_code error;
-  const auto status = fs::symlink_status(clone, error);
-  if (fs::is_directory(status)) return "folder";
-  if (!fs::is_regular_file(status)) return "none";  // never met: no badge rather than a guess
+namespace {
+
+// The state word of a file's clone: zero bytes in step, "1" in work, "2" failed.
+std::string FileState(const fs::path& clone) {
   std::ifstream in(clone, std::ios::binary);
   std::string state(4, '\0');
   in.read(state.data(), static_cast<std::streamsize>(state.size()));
@@ -108,6 +104,35 @@ std::string FileManagerBridge::StateOf(const std::string& path) {
   if (state == "1") return "in-work";
   if (state == "2") return "failed";
   return "none";
+}
+
+// A folder's clone holds no state of its own: it is failed when a file below it
+// failed, in work when one is in work, else in step. Files in step are empty, so
+// only the few others are read.
+std::string FolderState(const fs::path& clone) {
+  std::string state = "in-step";
+  std::error_code error;
+  for (fs::recursive_directory_iterator entry(clone, error), end; !error && entry != end; entry.increment(error)) {
+    std::error_code ignored;
+    if (!entry->is_regular_file(ignored) || entry->file_size(ignored) == 0) continue;
+    const std::string word = FileState(entry->path());
+    if (word == "failed") return word;
+    if (word == "in-work") state = word;
+  }
+  return state;
+}
+
+}  // namespace
+
+std::string FileManagerBridge::StateOf(const std::string& path) {
+  if (!PathProblem(path).empty()) return "none";
+  const std::string clone = IconOverlayInFinderStaticMethods::GetClonnedFilePath(path);
+  if (clone == path || !IsAccountStorage(CVStaticHelpers::GetSiteNameForLocalPath(path))) return "none";
+  std::error_code error;
+  const auto status = fs::symlink_status(clone, error);
+  if (fs::is_directory(status)) return FolderState(clone);
+  if (!fs::is_regular_file(status)) return "none";  // never met: no badge rather than a guess
+  return FileState(clone);
 }
 
 std::vector<std::string> FileManagerBridge::Answer(const std::vector<std::string>& request) {
@@ -237,6 +262,16 @@ void FileManagerBridge::Serve(LineChannel& channel, const std::string& word) {
 void FileManagerBridge::PushRedraws() {
   std::set<std::string> paths = IconOverlayInFinderStaticMethods::TakePendingRedraws();
   if (paths.empty()) return;
+  // A folder's badge follows its files: the folders above a change up to its
+  // storage's own folder are drawn again too.
+  const std::string root = CVStaticHelpers::GenerateRootPathForStorages() + "/";
+  for (const auto& changed : std::vector<std::string>(paths.begin(), paths.end())) {
+    if (changed.rfind(root, 0) != 0) continue;
+    for (auto folder = fs::path(changed).parent_path(); folder.string().size() > root.size();
+         folder = folder.parent_path()) {
+      paths.insert(folder.string());
+    }
+  }
   std::vector<std::vector<std::string>> lines;
   for (const auto& path : paths) {
     if (lines.empty() || lines.back().size() > kPathsPerLine) lines.push_back({"CHANGED"});

@@ -2,7 +2,8 @@
 // FileManagerBridge: what the file manager extensions ask of the running client
 // over the local socket. A session ("file-manager") carries requests, one line
 // each, answered in order:
-//   STATE <path>                 -> STATE <path> in-step|in-work|failed|folder|none
+//   STATE <path>                 -> STATE <path> in-step|in-work|failed|none
+// (a folder's state is that of the files below it: failed, else in work, else in step)
 //   STORAGES                     -> STORAGES <storages root> <name>...
 //   SEND <storage> <path>...     -> SENT <count> | FAILED <count> | REFUSED <why>
 //   WINDOWS                      -> WINDOWS <command>...  (the commands OPEN takes now)

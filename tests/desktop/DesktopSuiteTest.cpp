@@ -9,6 +9,7 @@
 
 #include "AccessibilityBus.h"
 #include "E2EFixture.h"
+#include "Screenshot.h"
 #include "TrayBus.h"
 
 namespace {
@@ -29,7 +30,7 @@ class DesktopSuite : public E2ETest {
     E2ETest::TearDown();
   }
 
-  ChildProcess& StartDesktop(const std::string& home) {
+  ChildProcess& StartDesktop(const std::string& home, const std::string& timeScale = "0.01") {
     auto environment = ClientEnvironment(home);
     // The desktop client lives on this session's bus, where the test is its tray
     // host and notification server (the account's password stays in its file).
@@ -40,7 +41,7 @@ class DesktopSuite : public E2ETest {
     // Its windows on the accessibility bus, as when a screen reader runs.
     environment["QT_LINUX_ACCESSIBILITY_ALWAYS_ON"] = "1";
     clients_.push_back(std::make_unique<ChildProcess>(
-        CORVALINK_SYNC_BINARY, std::vector<std::string>{"--time-scale", "0.01"}, environment));
+        CORVALINK_SYNC_BINARY, std::vector<std::string>{"--time-scale", timeScale}, environment));
     return *clients_.back();
   }
 
@@ -317,5 +318,73 @@ TEST_F(DesktopSuite, WithoutATrayHostTheWindowOpensAndASecondStartShowsIt) {
   EXPECT_EQ(second.Wait(std::chrono::seconds(30)), 0) << second.Output();
   EXPECT_TRUE(first.WaitForLine("The sync manager window is shown.", std::chrono::seconds(10))) << first.Output();
 }
+
+#ifdef CORVALINK_NAUTILUS_LAUNCHER
+// GNOME Files itself with the extension of this build, opened on a synced
+// storage: the badges it is given are read back from the extension's debug log.
+class FileManagerSuite : public DesktopSuite {
+ protected:
+  // GNOME Files on folder, in the client's environment, as its user starts it.
+  ChildProcess& StartFileManager(const std::string& home, const std::filesystem::path& folder) {
+    auto environment = ClientEnvironment(home);
+    environment.erase("DBUS_SESSION_BUS_ADDRESS");
+    environment["XDG_DATA_DIRS"] = std::string(CORVALINK_SHARE_DIR) + ":/usr/share";  // the emblems of the build
+    environment["G_MESSAGES_DEBUG"] = "CorvalinkNautilus";
+    clients_.push_back(std::make_unique<ChildProcess>(
+        CORVALINK_NAUTILUS_LAUNCHER,
+        std::vector<std::string>{CORVALINK_NAUTILUS_EXTENSIONS, CORVALINK_NAUTILUS_SYSTEM_EXTENSIONS, "--new-window",
+                                 folder.string()},
+        environment));
+    return *clients_.back();
+  }
+  // Until GNOME Files has said line, serving the bus meanwhile (the test is the tray host).
+  bool WaitForLine(ChildProcess& files, const std::string& line) {
+    return PumpUntil([&] { return files.CountLines(line) > 0; }, 60000);
+  }
+  static std::string Badge(const char* emblem, const std::filesystem::path& path) {
+    return std::string("emblem ") + emblem + " on " + path.string();
+  }
+  static constexpr const char* kInStep = "corvalink-cached_circle_tick-004";
+  static constexpr const char* kInWork = "corvalink-cached-processing-hourglass-004";
+};
+
+TEST_F(FileManagerSuite, GnomeFilesShowsTheBadgesOfAStorageAndFollowsAChange) {
+  for (const auto& docs : {ServerDocs(), ClientDocs(MakeEmptyHome("files"))}) {
+    Write(docs / "Reports" / "plan.txt", "plan");
+    Write(docs / "notes.txt", "first");
+  }
+  // Every download takes a second: a file stays in work long enough to be drawn
+  // so, on a clock slow enough that the client waits for it.
+  StartServer({"--fail", "DownloadStorageFile.ashx,*,delay=1000"});
+  const std::string home = MakeClientHome("files");
+  const auto notes = ClientDocs(home) / "notes.txt";
+
+  // The files are on screen before the client runs, without badges; they get
+  // theirs once it is there.
+  ChildProcess& files = StartFileManager(home, ClientDocs(home));
+  if (!files.WaitForLine("no client answers", std::chrono::seconds(60))) {
+    if (files.Output().find("skipped: ") != std::string::npos) GTEST_SKIP() << files.Output();
+    FAIL() << files.Output();
+  }
+  ASSERT_TRUE(host_.Start());
+  ChildProcess& client = StartDesktop(home, "0.1");
+  for (const auto& path : {notes, ClientDocs(home) / "Reports"}) {
+    ASSERT_TRUE(WaitForLine(files, Badge(kInStep, path))) << files.Output() << client.Output();
+  }
+  ASSERT_TRUE(SaveScreenshot(CORVALINK_SCREENSHOTS "/file-manager-badges.png"));
+
+  // Once the first pass is over, a file changed on the server is in work while it
+  // comes down, then in step again.
+  auto item = WaitForItem();
+  ASSERT_TRUE(item) << client.Output();
+  ASSERT_TRUE(PumpUntil([&] { return item->Property("IconName") == "corvalink-sync-state-2"; }, 60000));
+  const int inWork = files.CountLines(Badge(kInWork, notes));
+  Write(ServerDocs() / "notes.txt", "second");
+  ASSERT_TRUE(PumpUntil([&] { return files.CountLines(Badge(kInWork, notes)) > inWork; }, 60000)) << files.Output();
+  const int inStep = files.CountLines(Badge(kInStep, notes));
+  EXPECT_TRUE(PumpUntil([&] { return files.CountLines(Badge(kInStep, notes)) > inStep; }, 60000)) << files.Output();
+  EXPECT_EQ(Read(notes), "second") << files.Output();
+}
+#endif
 
 }  // namespace

@@ -175,7 +175,7 @@ TEST_F(NautilusExtensionTest, BadgesFollowTheSyncAndSendToReachesTheServer) {
   TestFile* a = Show(docs + "/a.txt");
   EXPECT_EQ(Emblems(provider, a), std::vector<std::string>{kInStep});
   EXPECT_TRUE(Emblems(provider, Show(home_ + "/elsewhere.txt")).empty());
-  EXPECT_TRUE(Emblems(provider, Show(docs)).empty()) << "folders carry no state";
+  EXPECT_EQ(Emblems(provider, Show(docs)), std::vector<std::string>{kInStep}) << "a folder has its files' state";
 
   // A file new on the server: no badge until the client meets it, then its
   // badges as it syncs, each change told to the file manager.

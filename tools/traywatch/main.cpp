@@ -6,9 +6,7 @@
 
 #include <QApplication>
 #include <QMenu>
-#include <QImage>
 #include <QPixmap>
-#include <QScreen>
 #include <cstdlib>
 #include <iostream>
 #include <regex>
@@ -16,6 +14,7 @@
 #include <vector>
 
 #include "AccessibilityBus.h"
+#include "Screenshot.h"
 #include "TrayBus.h"
 #include "corvalink_fm_client.h"
 
@@ -51,17 +50,6 @@ void Report(const TrayItem& item, const TestNotificationServer& notifications, S
   for (; shown.notifications < notifications.received.size(); ++shown.notifications) {
     std::cout << "notification: " << notifications.received[shown.notifications] << std::endl;
   }
-}
-// The screen without the bare root window around the windows (no window manager
-// runs, so the root stays black).
-QImage CropToWindows(const QImage& screen) {
-  QRect shown;
-  for (int y = 0; y < screen.height(); ++y) {
-    for (int x = 0; x < screen.width(); ++x) {
-      if ((screen.pixel(x, y) & 0xffffff) != 0) shown |= QRect(x, y, 1, 1);
-    }
-  }
-  return shown.isEmpty() ? screen : screen.copy(shown);
 }
 }  // namespace
 
@@ -126,9 +114,7 @@ int main(int argc, char** argv) {
     } else if (step == "--run") {
       done = std::system(value.c_str()) == 0;
     } else if (step == "--screenshot") {
-      PumpUntil([] { return false; }, 500);  // let the windows draw
-      done = CropToWindows(QGuiApplication::primaryScreen()->grabWindow(0).toImage())
-                 .save(QString::fromStdString(value), "PNG");
+      done = SaveScreenshot(value);
       if (done) std::cout << "screenshot: " << value << std::endl;
     } else if (step == "--screenshot-menu") {
       // No panel runs here to open the menu: draw the entries the client

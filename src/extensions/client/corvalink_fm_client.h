@@ -12,12 +12,14 @@ extern "C" {
 
 typedef struct CvFmClient CvFmClient;
 
+/* A folder's state is that of the files below it: failed when one failed, in
+ * work when one is, else in step. */
 typedef enum {
   CV_FM_STATE_NONE = 0, /* not in a storage, or never met: no badge */
   CV_FM_STATE_IN_STEP,
   CV_FM_STATE_IN_WORK,
   CV_FM_STATE_FAILED,
-  CV_FM_STATE_FOLDER /* a folder of a storage; folders carry no state */
+  CV_FM_STATE_FOLDER /* not answered any more: a folder has the state of its files */
 } CvFmState;
 
 /* $XDG_RUNTIME_DIR/corvalink-sync/corvalink-sync.socket, else the one in the

@@ -1,4 +1,4 @@
-/* The GNOME Files extension of Corvalink Sync: a badge (emblem) on each file of
+/* The GNOME Files extension of Corvalink Sync: a badge (emblem) on each file and folder of
  * a storage by the state the running client holds for it, and the client's
  * commands in the context menu: "Share inside" and "Share outside" on items of
  * a storage, "Send to Corvalink" on items outside the storages. Everything runs
@@ -19,7 +19,7 @@
 
 #define CV_EXPORT __attribute__((visibility("default")))
 
-enum { kAnswerTimeoutMs = 200, kRetrySeconds = 5, kSendTimeoutMs = 10 * 60 * 1000 };
+enum { kAnswerTimeoutMs = 200, kRetrySeconds = 5, kSendTimeoutMs = 10 * 60 * 1000, kRememberedLimit = 100000 };
 
 typedef struct {
   GObject parent;
@@ -44,6 +44,12 @@ static GPtrArray *storage_names;
 static CvFmClient *subscription;
 static guint subscription_watch;
 static guint subscription_retry;
+/* The files of the storages the file manager asked about (any local file while
+ * the client is away, as the storages are not known then): when the client goes
+ * or comes back they are asked again, so that badges never stay stale and files
+ * already on screen get theirs. */
+static GHashTable *asked;
+static guint ask_again_source;
 
 static const char *const kEmblems[] = {
     [CV_FM_STATE_IN_STEP] = "corvalink-cached_circle_tick-004",
@@ -51,10 +57,16 @@ static const char *const kEmblems[] = {
     [CV_FM_STATE_FAILED] = "icon-disconnect-004",
 };
 
+static gboolean ask_again(gpointer data);
+
 static void drop_session(void) {
   cv_fm_close(session);
   session = NULL;
   session_retry_at = g_get_monotonic_time() + kRetrySeconds * G_USEC_PER_SEC;
+  /* The client runs but did not answer in time: its files are asked again a
+   * little later, as nothing else would ask (while it is away, its subscription
+   * coming back does). */
+  if (subscription && !ask_again_source) ask_again_source = g_timeout_add_seconds(kRetrySeconds + 1, ask_again, NULL);
 }
 
 static gboolean refresh_storages(void) {
@@ -69,11 +81,45 @@ static gboolean refresh_storages(void) {
   return TRUE;
 }
 
+static void remember(const char *path) {
+  if (g_hash_table_size(asked) < kRememberedLimit) g_hash_table_add(asked, g_strdup(path));
+}
+
+/* Has the file manager ask again about every file it still shows. */
+static gboolean ask_again(gpointer data) {
+  ask_again_source = 0;
+  g_debug("asking again about %u files", g_hash_table_size(asked));
+  GHashTableIter iter;
+  gpointer path;
+  g_hash_table_iter_init(&iter, asked);
+  while (g_hash_table_iter_next(&iter, &path, NULL)) {
+    g_autoptr(GFile) location = g_file_new_for_path(path);
+    NautilusFileInfo *file = nautilus_file_info_lookup(location);
+    if (!file) {
+      g_hash_table_iter_remove(&iter);  // no longer shown
+      continue;
+    }
+    nautilus_file_info_invalidate_extension_info(file);
+    g_object_unref(file);
+  }
+  return G_SOURCE_REMOVE;
+}
+
+/* From the main loop, not inside a call of the file manager. */
+static void schedule_ask_again(void) {
+  if (!ask_again_source && g_hash_table_size(asked) > 0) ask_again_source = g_idle_add(ask_again, NULL);
+}
+
 /* The session, or NULL while the client is away. */
 static CvFmClient *ensure_session(void) {
   if (session || g_get_monotonic_time() < session_retry_at) return session;
   session = cv_fm_open(socket_path, kAnswerTimeoutMs);
-  if (!session || !refresh_storages()) drop_session();
+  if (!session || !refresh_storages()) {
+    g_debug("no client answers on %s", socket_path);
+    drop_session();
+  } else {
+    schedule_ask_again();
+  }
   return session;
 }
 
@@ -94,7 +140,14 @@ static char *path_of(NautilusFileInfo *file) {
 static NautilusOperationResult cv_update_file_info(NautilusInfoProvider *provider, NautilusFileInfo *file,
                                                    GClosure *update_complete, NautilusOperationHandle **handle) {
   g_autofree char *path = path_of(file);
-  if (!path || !ensure_session() || !in_storages(path)) return NAUTILUS_OPERATION_COMPLETE;
+  if (!path) return NAUTILUS_OPERATION_COMPLETE;
+  /* Without a session the storages may not be known yet: any local file may be one. */
+  if (!ensure_session()) {
+    if (!storages_root || in_storages(path)) remember(path);
+    return NAUTILUS_OPERATION_COMPLETE;
+  }
+  if (!in_storages(path)) return NAUTILUS_OPERATION_COMPLETE;
+  remember(path);
   int state = cv_fm_state(session, path);
   if (state < 0) {
     drop_session();
@@ -277,6 +330,10 @@ static gboolean on_subscription_input(gint fd, GIOCondition condition, gpointer 
   subscription_watch = 0;  // removed by the return below
   cv_fm_close(subscription);
   subscription = NULL;
+  /* The client went: its badges are no longer true. */
+  g_debug("the client went");
+  drop_session();
+  schedule_ask_again();
   subscription_retry = g_timeout_add_seconds(kRetrySeconds, retry_subscribe, NULL);
   return G_SOURCE_REMOVE;
 }
@@ -284,6 +341,10 @@ static gboolean on_subscription_input(gint fd, GIOCondition condition, gpointer 
 static void subscribe(void) {
   subscription = cv_fm_subscribe(socket_path, kAnswerTimeoutMs);
   if (subscription) {
+    /* The client is (back) up: what was asked while it was away is asked now. */
+    g_debug("subscribed on %s", socket_path);
+    session_retry_at = 0;
+    schedule_ask_again();
     subscription_watch = g_unix_fd_add(cv_fm_fd(subscription), G_IO_IN | G_IO_HUP | G_IO_ERR, on_subscription_input, NULL);
   } else {
     subscription_retry = g_timeout_add_seconds(kRetrySeconds, retry_subscribe, NULL);
@@ -297,6 +358,7 @@ CV_EXPORT void nautilus_module_initialize(GTypeModule *module) {
   provider_types[0] = cv_nautilus_provider_get_type();
   socket_path = cv_fm_socket_path();
   storage_names = g_ptr_array_new_with_free_func(g_free);
+  asked = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, NULL);
   subscribe();
 }
 
@@ -304,6 +366,9 @@ CV_EXPORT void nautilus_module_shutdown(void) {
   end_subscription();
   if (subscription_retry) g_source_remove(subscription_retry);
   subscription_retry = 0;
+  if (ask_again_source) g_source_remove(ask_again_source);
+  ask_again_source = 0;
+  g_clear_pointer(&asked, g_hash_table_unref);
   cv_fm_close(session);
   session = NULL;
   session_retry_at = 0;

@@ -110,6 +110,10 @@ TEST_F(FileManagerBridgeTest, StatesComeFromTheCloneTreeAndHostilePathsGetNone) 
   State("c.txt", "2");
   State("d.txt", "0");
   IconOverlayInFinderStaticMethods::CreateClonnedFolder(docs_ + "/Folder");
+  State("Folder/in-step.txt", "");
+  State("Busy/Deep/x.txt", "1");
+  State("Broken/x.txt", "1");
+  State("Broken/Deep/y.txt", "2");
   fs::create_directories(home_.root() + "/Other");
   IconOverlayInFinderStaticMethods::WriteFileStateToClonnedTreeForPath(home_.root() + "/Other/x", "", false);
   const std::vector<std::pair<std::string, int>> cases = {
@@ -117,7 +121,9 @@ TEST_F(FileManagerBridgeTest, StatesComeFromTheCloneTreeAndHostilePathsGetNone) 
       {docs_ + "/b.txt", CV_FM_STATE_IN_WORK},
       {docs_ + "/c.txt", CV_FM_STATE_FAILED},
       {docs_ + "/d.txt", CV_FM_STATE_IN_STEP},
-      {docs_ + "/Folder", CV_FM_STATE_FOLDER},
+      {docs_ + "/Folder", CV_FM_STATE_IN_STEP},  // folders by their files
+      {docs_ + "/Busy", CV_FM_STATE_IN_WORK},
+      {docs_ + "/Broken", CV_FM_STATE_FAILED},
       {docs_ + "/never-met.txt", CV_FM_STATE_NONE},
       {docs_ + "/Folder/../a.txt", CV_FM_STATE_NONE},
       {"Docs/a.txt", CV_FM_STATE_NONE},
@@ -218,12 +224,13 @@ TEST_F(FileManagerBridgeTest, SubscribersAreToldTheChangedPaths) {
   subscribers_ = {cv_fm_subscribe(socket_.c_str(), 2000), cv_fm_subscribe(socket_.c_str(), 2000)};
   ASSERT_NE(subscribers_[0], nullptr);
   ASSERT_NE(subscribers_[1], nullptr);
-  for (const char* name : {"/a.txt", "/b.txt", "/a.txt"}) {
+  for (const char* name : {"/a.txt", "/Sub/b.txt", "/a.txt"}) {
     IconOverlayInFinderStaticMethods::RefreshFinderUsingScriptBridge(docs_ + name);
   }
-  const std::set<std::string> expected{docs_ + "/a.txt", docs_ + "/b.txt"};
-  EXPECT_EQ(Changed(subscribers_[0], 2), expected);
-  EXPECT_EQ(Changed(subscribers_[1], 2), expected);
+  // The folders above a change, up to the storage's own, are drawn again too.
+  const std::set<std::string> expected{docs_ + "/a.txt", docs_ + "/Sub/b.txt", docs_ + "/Sub", docs_};
+  EXPECT_EQ(Changed(subscribers_[0], 4), expected);
+  EXPECT_EQ(Changed(subscribers_[1], 4), expected);
 }
 
 TEST(FileManagerClient, AClientThatDoesNotAnswerTimesOut) {
