@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 #include <QDBusConnection>
+#include <filesystem>
 #include <iostream>
 #include <regex>
 
@@ -371,6 +372,7 @@ TEST_F(FileManagerSuite, GnomeFilesShowsTheBadgesOfAStorageAndFollowsAChange) {
   for (const auto& path : {notes, ClientDocs(home) / "Reports"}) {
     ASSERT_TRUE(WaitForLine(files, Badge(kInStep, path))) << files.Output() << client.Output();
   }
+  std::filesystem::create_directories(CORVALINK_SCREENSHOTS);
   ASSERT_TRUE(SaveScreenshot(CORVALINK_SCREENSHOTS "/file-manager-badges.png"));
 
   // Once the first pass is over, a file changed on the server is in work while it
