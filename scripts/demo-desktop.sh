@@ -105,23 +105,28 @@ wait $fresh_watch || watch_code=1
 
 echo "== GNOME Files with this build's extension, on the synced storage:"
 extension="$PWD/$build/extensions/nautilus"
-if [ -f "$extension/libcorvalink-nautilus.so" ] && command -v nautilus > /dev/null; then
+if [ -f "$extension/libcorvalink-nautilus.so" ] && command -v nautilus > /dev/null &&
+  bwrap --dev-bind / / true 2> /dev/null; then
   files_log="$work/nautilus.out"
-  # GNOME Files opens on the storage, and the picture is taken once its folders have their badges.
-  open_files="XDG_DATA_DIRS='$XDG_DATA_DIRS' G_MESSAGES_DEBUG=CorvalinkNautilus \
-    '$PWD/scripts/nautilus-with-extension.sh' '$extension' '$(pkg-config --variable=extensiondir libnautilus-extension-4)' \
-    --new-window '$home/Corvalink/Docs' > '$files_log' 2>&1 &
-    for _ in \$(seq 1 300); do grep -q 'emblem .* on $home/Corvalink/Docs/Reports\$' '$files_log' && exit 0; sleep 0.2; done; exit 1"
-  "$traywatch" --wait-menu 'Sync now.*' --run "$open_files" --screenshot "$shots/file-manager-badges.png" \
-    --run "GSETTINGS_BACKEND=memory nautilus -q" --click 'Exit' > "$work/tray-files.out" 2>&1 &
+  # GNOME Files opens on the storage before the client starts (a child of this
+  # script: it ends with it), and the picture is taken once its folders have their badges.
+  XDG_DATA_DIRS="$XDG_DATA_DIRS" G_MESSAGES_DEBUG=CorvalinkNautilus "$PWD/scripts/nautilus-with-extension.sh" \
+    "$extension" "$(pkg-config --variable=extensiondir libnautilus-extension-4)" \
+    --new-window "$home/Corvalink/Docs" > "$files_log" 2>&1 &
+  files_pid=$!
+  badges="for _ in \$(seq 1 300); do grep -q 'emblem .* on $home/Corvalink/Docs/Reports\$' '$files_log' && exit 0; sleep 0.2; done; exit 1"
+  "$traywatch" --wait-menu 'Sync now.*' --run "$badges" --screenshot "$shots/file-manager-badges.png" \
+    --click 'Exit' > "$work/tray-files.out" 2>&1 &
   files_watch=$!
   wait_for_tray_host "$work/tray-files.out" $files_watch
   timeout 120 "$client" --time-scale 0.05 > "$work/client-files.out" 2>&1
   wait $files_watch || watch_code=1
+  kill $files_pid 2> /dev/null
+  wait $files_pid 2> /dev/null
   sed 's/^/   /' "$work/tray-files.out"
   grep -h "emblem" "$files_log" | sed 's/^.*DEBUG: [0-9:.]* /   /' | sort -u
 else
-  echo "   left out: the extension is not built or GNOME Files is not installed"
+  echo "   left out: the extension is not built, GNOME Files is not installed or bubblewrap may not run here"
 fi
 echo
 echo "== The client's files: $(find "$home/Corvalink/Docs" -type f | wc -l) of $(find "$storage" -type f | wc -l) from the server"
