@@ -60,6 +60,10 @@ std::string SharedCache::UploadsRoot() {
 std::optional<std::string> SharedCache::SafeComponent(std::string_view name) {
   if (name.empty() || name == "." || name == ".." || name.size() > kLongestName ||
       name.find('/') != std::string_view::npos || name.find('\0') != std::string_view::npos) {
+    // NUL would cut the log line short.
+    std::string shown(name.substr(0, 80));
+    for (char& c : shown) c = c == '\0' ? '?' : c;
+    Log("refused the server's name \"" + shown + "\" as a local name");
     return std::nullopt;
   }
   return std::string(name);
@@ -79,13 +83,7 @@ std::optional<std::string> SharedCache::PathInCache(const std::string& root, con
   std::string path = root;
   for (auto piece : pieces) {
     auto safe = SafeComponent(piece);
-    if (!safe) {
-      // NUL would cut the log line short.
-      std::string shown(piece.substr(0, 80));
-      for (char& c : shown) c = c == '\0' ? '?' : c;
-      Log("refused the server's name \"" + shown + "\" as a local name");
-      return std::nullopt;
-    }
+    if (!safe) return std::nullopt;
     path += "/" + *safe;
   }
   return path;
