@@ -16,6 +16,7 @@
 #include <string.h>
 
 #include "corvalink_fm_client.h"
+#include "corvalink_fm_menu.h"
 
 #define CV_EXPORT __attribute__((visibility("default")))
 
@@ -50,12 +51,6 @@ static guint subscription_retry;
  * already on screen get theirs. */
 static GHashTable *asked;
 static guint ask_again_source;
-
-static const char *const kEmblems[] = {
-    [CV_FM_STATE_IN_STEP] = "corvalink-cached_circle_tick-004",
-    [CV_FM_STATE_IN_WORK] = "corvalink-cached-processing-hourglass-004",
-    [CV_FM_STATE_FAILED] = "icon-disconnect-004",
-};
 
 static gboolean ask_again(gpointer data);
 
@@ -123,12 +118,7 @@ static CvFmClient *ensure_session(void) {
   return session;
 }
 
-/* True when path is the storages root or below it. */
-static gboolean in_storages(const char *path) {
-  if (!path || !storages_root) return FALSE;
-  size_t length = strlen(storages_root);
-  return strncmp(path, storages_root, length) == 0 && (path[length] == '/' || path[length] == '\0');
-}
+static gboolean in_storages(const char *path) { return cv_fm_in_storages(storages_root, path); }
 
 static char *path_of(NautilusFileInfo *file) {
   GFile *location = nautilus_file_info_get_location(file);
@@ -153,9 +143,10 @@ static NautilusOperationResult cv_update_file_info(NautilusInfoProvider *provide
     drop_session();
     return NAUTILUS_OPERATION_COMPLETE;
   }
-  if (state < (int)G_N_ELEMENTS(kEmblems) && kEmblems[state]) {
-    nautilus_file_info_add_emblem(file, kEmblems[state]);
-    g_debug("emblem %s on %s", kEmblems[state], path);
+  const char *emblem = cv_fm_emblem(state);
+  if (emblem) {
+    nautilus_file_info_add_emblem(file, emblem);
+    g_debug("emblem %s on %s", emblem, path);
   }
   return NAUTILUS_OPERATION_COMPLETE;
 }
@@ -190,36 +181,18 @@ static void on_send_activate(NautilusMenuItem *item, gpointer user_data) {
   g_thread_unref(g_thread_new("cv-send-to", send_in_background, job));
 }
 
-/* The selection's local paths when every item lies outside the storages, else
- * NULL: send-to brings files in, it does not move them between storages. */
-static GStrv paths_to_send(GList *files) {
+/* The selection's local paths when the menu for them is wanted, else NULL. */
+static GStrv paths_for(GList *files, CvFmMenu wanted) {
   GStrvBuilder *builder = g_strv_builder_new();
-  gboolean ok = files != NULL;
-  for (GList *l = files; l && ok; l = l->next) {
+  for (GList *l = files; l; l = l->next) {
     g_autofree char *path = path_of(l->data);
-    ok = path && !in_storages(path);
-    if (ok) g_strv_builder_add(builder, path);
+    g_strv_builder_add(builder, path ? path : "");
   }
-  GStrv paths = ok ? g_strv_builder_end(builder) : NULL;
+  GStrv paths = g_strv_builder_end(builder);
   g_strv_builder_unref(builder);
-  return paths;
-}
-
-/* The selection's local paths when every item lies inside a storage (not a
- * storage's own folder), else NULL. */
-static GStrv paths_to_share(GList *files) {
-  GStrvBuilder *builder = g_strv_builder_new();
-  gboolean ok = files != NULL;
-  size_t root = storages_root ? strlen(storages_root) : 0;
-  for (GList *l = files; l && ok; l = l->next) {
-    g_autofree char *path = path_of(l->data);
-    const char *inner = path && in_storages(path) && path[root] == '/' ? strchr(path + root + 1, '/') : NULL;
-    ok = inner && inner[1] != '\0';
-    if (ok) g_strv_builder_add(builder, path);
-  }
-  GStrv paths = ok ? g_strv_builder_end(builder) : NULL;
-  g_strv_builder_unref(builder);
-  return paths;
+  if (cv_fm_menu_for(storages_root, (const char *const *)paths, (int)g_strv_length(paths)) == wanted) return paths;
+  g_strfreev(paths);
+  return NULL;
 }
 
 static void on_share_activate(NautilusMenuItem *item, gpointer user_data) {
@@ -235,27 +208,18 @@ static void on_share_activate(NautilusMenuItem *item, gpointer user_data) {
 /* "Share inside", "Share outside" and, on one file, "Versions", as far as the
  * client opens their windows. */
 static GList *share_items(GList *files) {
-  g_auto(GStrv) paths = paths_to_share(files);
+  g_auto(GStrv) paths = paths_for(files, CV_FM_MENU_WINDOWS);
   const char *const *commands = NULL;
   int count = paths ? cv_fm_windows(session, &commands) : 0;
   if (count < 0) drop_session();
-  static const struct {
-    const char *command, *label, *tip;
-  } kEntries[] = {
-      {"ShareToInternal", "Share inside", "Share with people of your organisation"},
-      {"ShareToExternal", "Share outside", "Share with anyone by e-mail"},
-      {"ViewVersions", "Versions", "The versions the server keeps of this file"},
-  };
-  /* The server keeps versions of files alone. */
   const gboolean one_file = files && !files->next && !nautilus_file_info_is_directory(files->data);
+  const CvFmEntry *entries[CV_FM_MAX_WINDOW_ENTRIES];
+  const int offered = count > 0 ? cv_fm_window_entries(commands, count, one_file, entries) : 0;
   GList *items = NULL;
-  for (size_t e = 0; e < G_N_ELEMENTS(kEntries); ++e) {
-    gboolean offered = FALSE;
-    for (int i = 0; i < count; ++i) offered = offered || g_strcmp0(commands[i], kEntries[e].command) == 0;
-    if (!offered || (g_str_equal(kEntries[e].command, "ViewVersions") && !one_file)) continue;
-    g_autofree char *id = g_strconcat("CorvalinkSync::", kEntries[e].command, NULL);
-    NautilusMenuItem *item = nautilus_menu_item_new(id, kEntries[e].label, kEntries[e].tip, NULL);
-    g_object_set_data(G_OBJECT(item), "cv-command", (gpointer)kEntries[e].command);
+  for (int e = 0; e < offered; ++e) {
+    g_autofree char *id = g_strconcat("CorvalinkSync::", entries[e]->command, NULL);
+    NautilusMenuItem *item = nautilus_menu_item_new(id, entries[e]->label, entries[e]->tip, NULL);
+    g_object_set_data(G_OBJECT(item), "cv-command", (gpointer)entries[e]->command);
     g_object_set_data_full(G_OBJECT(item), "cv-paths", g_strdupv(paths), (GDestroyNotify)g_strfreev);
     g_signal_connect(item, "activate", G_CALLBACK(on_share_activate), NULL);
     items = g_list_append(items, item);
@@ -271,13 +235,13 @@ static GList *cv_get_file_items(NautilusMenuProvider *provider, GList *files) {
   }
   GList *shares = share_items(files);
   if (shares) return shares;
-  GStrv paths = paths_to_send(files);
+  GStrv paths = paths_for(files, CV_FM_MENU_SEND_TO);
   if (!paths || storage_names->len == 0 || !session) {
     g_strfreev(paths);
     return NULL;
   }
-  NautilusMenuItem *top = nautilus_menu_item_new("CorvalinkSync::SendTo", "Send to Corvalink",
-                                                 "Copy into the root of a storage", NULL);
+  NautilusMenuItem *top = nautilus_menu_item_new("CorvalinkSync::SendTo", cv_fm_send_to_entry.label,
+                                                 cv_fm_send_to_entry.tip, NULL);
   NautilusMenu *submenu = nautilus_menu_new();
   for (guint i = 0; i < storage_names->len; ++i) {
     const char *name = g_ptr_array_index(storage_names, i);
