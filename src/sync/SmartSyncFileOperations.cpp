@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -500,7 +501,12 @@ std::vector<std::string> SmartSyncFileOperations::NamesLike(const std::string& f
   struct stat info {};
   if (::stat(folder.c_str(), &info) != 0) return {};
   const std::int64_t changed = static_cast<std::int64_t>(info.st_ctim.tv_sec) * 1'000'000'000 + info.st_ctim.tv_nsec;
-  FolderNames& names = folderNames_;
+  auto kept = std::find_if(folderNames_.begin(), folderNames_.end(), [&](const FolderNames& names) {
+    return names.path == folder && names.storageType == storageType;
+  });
+  if (kept != folderNames_.end()) folderNames_.splice(folderNames_.begin(), folderNames_, kept);
+  FolderNames& names = kept != folderNames_.end() ? folderNames_.front() : folderNames_.emplace_front();
+  if (folderNames_.size() > kFoldersKept) folderNames_.pop_back();
   if (names.path != folder || names.storageType != storageType || names.changed != changed ||
       names.inode != info.st_ino) {
     names = FolderNames{folder, storageType, changed, static_cast<std::uint64_t>(info.st_ino), {}};

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -110,8 +111,9 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   void LandDownloads();
 
   DownloadLanding landing_;
-  // The names of the folder the last clash test read, by comparison key, while
-  // the folder stays unchanged: uploads come folder by folder. Loop thread only.
+  // The names of the folders the last clash tests read, by comparison key, each
+  // while it stays unchanged: uploads come folder by folder, and a test reads
+  // every folder of the path. Most recent first. Loop thread only.
   struct FolderNames {
     std::string path;
     std::string storageType;
@@ -119,7 +121,8 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
     std::uint64_t inode = 0;
     std::map<std::string, std::vector<std::string>> byKey;
   };
-  FolderNames folderNames_;
+  static constexpr std::size_t kFoldersKept = 8;
+  std::list<FolderNames> folderNames_;
   std::mutex downloaderLock_;
   std::shared_ptr<AsyncFileDownloader> cvAFD_;
   // After landing_: what runs ahead hands its files to the landing until it has stopped.
