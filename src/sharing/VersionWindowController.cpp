@@ -9,17 +9,14 @@
 #include "ShareReplyParsers.h"
 
 VersionWindowController::VersionWindowController(VersionService& service, Post toMain, std::string localPath)
-    : service_(service), toMain_(std::move(toMain)), storedLocalFilePath_(std::move(localPath)) {
+    : service_(service), storedLocalFilePath_(std::move(localPath)), worker_(std::move(toMain), "Versions") {
   std::string serverPath = CVStaticHelpers::serverPathFromLocalPath(storedLocalFilePath_);
   if (!serverPath.empty()) {
     file_ = FileOnServer{CVStaticHelpers::GetSiteNameForLocalPath(storedLocalFilePath_), std::move(serverPath)};
   }
 }
 
-VersionWindowController::~VersionWindowController() {
-  alive_.reset();
-  workers_.JoinAll();
-}
+VersionWindowController::~VersionWindowController() { worker_.Stop(); }
 
 bool VersionWindowController::GetVersionsForFile() {
   std::vector<StorageVersionInfo> found;
@@ -103,7 +100,7 @@ std::optional<StorageVersionInfo> VersionWindowController::VersionAt(std::option
 void VersionWindowController::windowDidLoad() {
   inProgress = true;
   Changed();
-  OnWorker([this]() -> std::function<void()> {
+  worker_.Run([this]() -> std::function<void()> {
     const bool read = GetVersionsForFile();
     return [this, read] {
       inProgress = false;
@@ -118,7 +115,7 @@ void VersionWindowController::restoreButtonClick(std::optional<std::size_t> sele
   if (!version || inProgress) return;
   inProgress = true;
   Changed();
-  OnWorker([this, number = version->Version]() -> std::function<void()> {
+  worker_.Run([this, number = version->Version]() -> std::function<void()> {
     std::string message = RestoreVersion(number);
     // A refused restore changes nothing, but the list may have changed meanwhile.
     const bool restored = message.empty();
@@ -137,11 +134,10 @@ void VersionWindowController::downloadButtonClick(std::optional<std::size_t> sel
   if (!version || inProgress || target.empty()) return;
   inProgress = true;
   Changed();
-  std::weak_ptr<int> alive = alive_;
-  OnWorker([this, version = *version, target, alive]() -> std::function<void()> {
-    std::string message = DownloadFile(version, target, [this, alive, total = version.Size](std::int64_t received) {
-      toMain_([this, alive, received, total] {
-        if (alive.lock() && onProgress) onProgress(received, total);
+  worker_.Run([this, version = *version, target]() -> std::function<void()> {
+    std::string message = DownloadFile(version, target, [this, total = version.Size](std::int64_t received) {
+      worker_.ToMain([this, received, total] {
+        if (onProgress) onProgress(received, total);
       });
     });
     return [this, message = message.empty() ? SavedText(version.Version, target) : message] {
@@ -149,12 +145,6 @@ void VersionWindowController::downloadButtonClick(std::optional<std::size_t> sel
       Changed();
       if (onMessage) onMessage(message);
     };
-  });
-}
-
-void VersionWindowController::OnWorker(WorkerThreads::Work work) {
-  workers_.StartWithReply(std::move(work), toMain_, alive_, [](const char* what) {
-    CVEventLogger::WriteMainLogMessage(std::string("Versions - worker -> ") + what);
   });
 }
 

@@ -17,7 +17,7 @@
 
 #include "ShareRecords.h"
 #include "VersionService.h"
-#include "WorkerThreads.h"
+#include "WindowWorker.h"
 
 class VersionWindowController {
  public:
@@ -80,16 +80,13 @@ class VersionWindowController {
   static std::string DateText(const WSDate& date);
 
  private:
-  void OnWorker(WorkerThreads::Work work);
   std::optional<StorageVersionInfo> VersionAt(std::optional<std::size_t> row) const;
   void Changed();
 
   VersionService& service_;
-  Post toMain_;
   std::string storedLocalFilePath_;
   std::optional<FileOnServer> file_;
   mutable std::recursive_mutex versionsWindowLock;
   std::vector<StorageVersionInfo> versionsArray;
-  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
-  WorkerThreads workers_;  // last: joined before the rest goes away
+  WindowWorker worker_;  // last: stopped and joined before the rest goes away
 };

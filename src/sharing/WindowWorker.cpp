@@ -6,13 +6,24 @@
 
 void WindowWorker::Stop() {
   alive_.reset();
+  cancel_.Cancel();
   workers_.JoinAll();
 }
 
 void WindowWorker::Run(std::function<std::function<void()>()> work) {
   if (!alive_) return;
-  workers_.StartWithReply(std::move(work), toMain_, alive_, [](const char* what) {
-    CVEventLogger::WriteMainLogMessage(std::string("Sharing - worker -> ") + what);
+  auto bound = [this, work = std::move(work)] {
+    CancelFlag::Binding binding(cancel_);
+    return work();
+  };
+  workers_.StartWithReply(std::move(bound), toMain_, alive_, [area = area_](const char* what) {
+    CVEventLogger::WriteMainLogMessage(area + " - worker -> " + what);
+  });
+}
+
+void WindowWorker::ToMain(std::function<void()> job) {
+  toMain_([alive = aliveSeen_, job = std::move(job)] {
+    if (alive.lock()) job();
   });
 }
 

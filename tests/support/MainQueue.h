@@ -32,6 +32,18 @@ class MainQueue {
     }
     return true;
   }
+  // Runs what has been posted so far.
+  void RunPending() {
+    std::deque<std::function<void()>> pending;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      pending.swap(queue_);
+    }
+    for (auto& callback : pending) {
+      callback();
+      ++ran_;
+    }
+  }
   // How many callbacks have run.
   int ran() const { return ran_; }
 

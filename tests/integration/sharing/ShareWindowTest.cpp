@@ -94,3 +94,21 @@ TEST_F(ShareWindowTest, SharesInsideAndOutsideReachTheServer) {
   EXPECT_TRUE(shares[2].external);
   EXPECT_FALSE(shares[2].expiry);
 }
+
+// Closing a window never waits on the server: a call still on the wire ends at
+// once and its answer is never shown.
+TEST_F(ShareWindowTest, ClosingTheWindowEndsASearchStillOnTheWire) {
+  auto window = Open(Controller::kInternalShare);
+  server_->FailNext("GetUsersToShare", devserver::Fault::Delay(std::chrono::minutes(10)));
+  window->searchUsers("bo");
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (server_->CallCount("GetUsersToShare") < 1 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  ASSERT_EQ(server_->CallCount("GetUsersToShare"), 1);
+  const auto closing = std::chrono::steady_clock::now();
+  window.reset();  // without the stop, waits for the call's 20 s time-out
+  EXPECT_LT(std::chrono::steady_clock::now() - closing, std::chrono::seconds(10));
+  main_.RunPending();
+  EXPECT_EQ(message_, "");
+}
