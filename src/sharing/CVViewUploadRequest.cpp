@@ -81,7 +81,10 @@ void CVViewUploadRequest::GetUsersListForSession(const std::string& sessionId) {
 void CVViewUploadRequest::GetFilesListForUser(const std::string& guid) {
   currentGuid = guid;
   worker_.Run([this, guid](const std::string&) -> std::function<void()> {
-    auto files = service_.GetFilesListForUser(guid, SharedCache::UploadsRoot()).value_or(std::vector<CVFileForCompare>{});
+    auto listed = service_.GetFilesListForUser(guid, SharedCache::UploadsRoot());
+    // A list that did not come keeps the one shown.
+    if (!listed) return [this] { Tell(kFailed); };
+    auto files = std::move(*listed);
     std::erase_if(files, [](const CVFileForCompare& file) { return file.isFolder; });
     return [this, files = std::move(files)] {
       LevelView = 3;
@@ -163,8 +166,14 @@ void CVViewUploadRequest::methodDownload(const std::vector<std::size_t>& rowsToF
 void CVViewUploadRequest::ClearCBCheckedAndShowMessage(const std::vector<std::size_t>& rowsToClear) {
   std::vector<std::string> paths;
   for (std::size_t row : rowsToClear) {
-    if (row < arrayFileForDownload.size()) paths.push_back(arrayFileForDownload[row].localPath);
-    if (row < rows.size()) rows[row].checkBox = false;
+    if (row >= arrayFileForDownload.size()) continue;
+    paths.push_back(arrayFileForDownload[row].localPath);
+    // Rows name their file by its place; a search may have moved the row.
+    for (auto* list : {&rows, &arraySearchTemp}) {
+      for (auto& shown : *list) {
+        if (shown.ids == std::to_string(row)) shown.checkBox = false;
+      }
+    }
   }
   // No paths would be the whole cache.
   if (!paths.empty()) SharedCache::Remove(SharedCache::UploadsRoot(), paths);

@@ -25,11 +25,6 @@ using WallClock = Controller::Clock;
 
 QString Q(const std::string& text) { return QString::fromStdString(text); }
 
-QString DateText(const WSDate& date) {
-  if (!date) return "";
-  return QDateTime::fromMSecsSinceEpoch(date->time_since_epoch().count()).toString("yyyy-MM-dd HH:mm");
-}
-
 QDateTime ToQt(WallClock::time_point time) {
   return QDateTime::fromSecsSinceEpoch(std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count());
 }
@@ -46,7 +41,8 @@ enum Column { kName, kSize, kShared, kExpires, kCached };
 SharedFilesWindow::SharedFilesWindow(SharedFilesService& service, MainLoop& loop, QWidget* parent)
     : QWidget(parent),
       controller_(service, [&loop](std::function<void()> callback) { loop.Post(std::move(callback)); }),
-      expirySheet_(this) {
+      expirySheet_(this),
+      resendSheet_(controller_, this) {
   widgets::Name(*this, "sharedFilesWindow", "Shared files");
   setWindowTitle("Shared files");
   setWindowIcon(TrayIcon::Icon("corvalink-sync"));
@@ -174,7 +170,9 @@ void SharedFilesWindow::Build() {
       controller_.UnshareSlectedFiles(items, ask);
     });
   });
-  connect(&resendButton_, &QPushButton::clicked, this, [this] { controller_.ResendEmail(SelectedItems()); });
+  connect(&resendButton_, &QPushButton::clicked, this, [this] {
+    controller_.resendEmailButtonClicked(SelectedItems(), [this](auto rows) { resendSheet_.Open(std::move(rows)); });
+  });
   connect(&editShareButton_, &QPushButton::clicked, this, &SharedFilesWindow::OpenExpirySheet);
 }
 
@@ -276,8 +274,8 @@ void SharedFilesWindow::Draw() {
         const WSFileProperty& file = row.item;
         item->setIcon(kName, style()->standardIcon(file.isFolder ? QStyle::SP_DirIcon : QStyle::SP_FileIcon));
         if (!file.isFolder) item->setText(kSize, QLocale().formattedDataSize(file.file_size));
-        item->setText(kShared, DateText(file.shared_at));
-        item->setText(kExpires, file.expire_at ? DateText(file.expire_at) : "never");
+        item->setText(kShared, widgets::DateText(file.shared_at));
+        item->setText(kExpires, file.expire_at ? widgets::DateText(file.expire_at) : "never");
         if (!file.isFolder && Exists(row.localPath)) item->setText(kCached, "yes");
       }
       table_.addTopLevelItem(item);
@@ -312,6 +310,8 @@ void SharedFilesWindow::UpdateButtons() {
                                                           &editShareButton_, &locateButton_}) {
     control->setEnabled(idle && chosen);
   }
+  // A notice goes with a share: from a person's list, not from inside a shared folder.
+  resendButton_.setEnabled(idle && chosen && controller_.level == Controller::Level::Items);
   for (QWidget* control : std::initializer_list<QWidget*>{&clearCacheButton_, &refreshButton_, &sortButton_,
                                                           &openButton_}) {
     control->setEnabled(idle);

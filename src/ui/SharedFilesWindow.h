@@ -5,7 +5,7 @@
 // (under their letters), then a person's items, then a shared folder's inside;
 // a row is opened by a double click, Enter or "Open". Shared In downloads the
 // selected items into its cache and clears it; Shared Out unshares, sends the
-// notice again and changes the expiry in a sheet. Made at the first opening and
+// notice again (a sheet of the items' recipients) and changes the expiry in a sheet. Made at the first opening and
 // kept for the run: closing only hides it, so no worker is joined meanwhile.
 
 #include <QCheckBox>
@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "CVConnection.h"
+#include "CVListShareItem.h"
 #include "ViewSharedFilesController.h"
 
 class MainLoop;
@@ -41,6 +42,8 @@ class SharedFilesWindow : public QWidget {
   Controller& controller() { return controller_; }
   // The sheet that changes the expiry of the selected shares.
   QDialog& expirySheet() { return expirySheet_; }
+  // The sheet that sends the notice again to the checked recipients.
+  CVListShareItem& resendSheet() { return resendSheet_; }
 
  private:
   void Build();
@@ -87,4 +90,6 @@ class SharedFilesWindow : public QWidget {
   QDateTimeEdit datePicker_;
   QPushButton saveExpiryButton_;
   QPushButton cancelExpiryButton_;
+
+  CVListShareItem resendSheet_;
 };

@@ -11,6 +11,7 @@
 #include <QTreeWidget>
 #include <filesystem>
 
+#include "CVListShareItem.h"
 #include "FakeSharedFilesService.h"
 #include "FakeUploadRequestService.h"
 #include "QtMainLoop.h"
@@ -71,7 +72,20 @@ TEST(SharingWindows, SharedFilesOpenDownloadClearAndChangeTheirShares) {
     EXPECT_EQ(window.findChild<QPushButton*>("unshareButton")->isVisible(), tab == ViewSharedFilesController::kSharedOut);
     table->topLevelItem(1)->setSelected(true);
   }
-  // Shared Out: a "No" keeps the share; a new expiry reaches the server.
+  // Shared Out: the notice again to the recipients left checked in its sheet.
+  Press(window, "resendButton");
+  auto& sheet = window.resendSheet();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return sheet.isVisible(); }));
+  auto* recipients = sheet.findChild<QTreeWidget*>("recipientsTable");
+  ASSERT_EQ(recipients->topLevelItemCount(), 1);
+  recipients->topLevelItem(0)->setCheckState(0, Qt::Unchecked);
+  EXPECT_FALSE(sheet.findChild<QPushButton*>("sendResendButton")->isEnabled());
+  recipients->topLevelItem(0)->setCheckState(0, Qt::Checked);
+  Press(sheet, "sendResendButton");
+  EXPECT_EQ(Message(window, "sharedFilesMessage"), ViewSharedFilesController::kResent);
+  EXPECT_EQ(service.resent, std::vector<std::string>{"1"});
+  settle();
+  // A "No" keeps the share; a new expiry reaches the server.
   EXPECT_EQ(Press(window, "unshareButton", QMessageBox::No), ViewSharedFilesController::kUnshareOne);
   EXPECT_TRUE(service.deleted.empty());
   Press(window, "editShareButton");
