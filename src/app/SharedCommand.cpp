@@ -279,7 +279,7 @@ int SharedCommand::Run() {
   } else if (action == "resend") {
     view.ResendEmail(Controller::RecipientsOf(items, {}));  // exactly the shares named
   } else {
-    view.ExtendShare(items, *days == 0 ? std::nullopt
+    view.ExtendShare(Controller::RecipientsOf(items, {}), *days == 0 ? std::nullopt
                                        : std::optional(std::chrono::system_clock::now() + std::chrono::hours(24 * *days)));
   }
   session.Wait();

@@ -340,12 +340,6 @@ void ViewSharedFilesController::ClearCache(const std::vector<WSFileProperty>& it
   Changed();
 }
 
-std::vector<std::string> ViewSharedFilesController::IdsOf(const std::vector<WSFileProperty>& items) {
-  std::vector<std::string> ids;
-  for (const auto& item : items) ids.push_back(item.share_id);
-  return ids;
-}
-
 std::string ViewSharedFilesController::JoinIds(const std::vector<std::string>& ids) {
   std::string joined;
   for (const auto& id : ids) joined += (joined.empty() ? "" : ";") + id;
@@ -354,7 +348,16 @@ std::string ViewSharedFilesController::JoinIds(const std::vector<std::string>& i
 
 void ViewSharedFilesController::UnshareSlectedFiles(const std::vector<WSFileProperty>& items, const Ask& ask) {
   if (sharedIn() || items.empty() || !ask("", items.size() == 1 ? kUnshareOne : kUnshareMany)) return;
-  worker_.Run([this, ids = JoinIds(IdsOf(items))](const std::string& token) -> std::function<void()> {
+  Unshare(SearcIDForRecipients(RecipientsOf(items, {})));
+}
+
+void ViewSharedFilesController::UnshareLinks(const std::vector<ShareRow>& rows) {
+  const auto ids = SearcIDForRecipients(rows);
+  if (!sharedIn() && !ids.empty()) Unshare(ids);
+}
+
+void ViewSharedFilesController::Unshare(const std::vector<std::string>& ids) {
+  worker_.Run([this, ids = JoinIds(ids)](const std::string& token) -> std::function<void()> {
     const bool done = service_.DeleteSharedLink(token, ids);
     return [this, done] {
       Tell(done ? kUnshared : kUnshareError);
@@ -363,8 +366,8 @@ void ViewSharedFilesController::UnshareSlectedFiles(const std::vector<WSFileProp
   });
 }
 
-void ViewSharedFilesController::resendEmailButtonClicked(const std::vector<WSFileProperty>& items,
-                                                         std::function<void(std::vector<ShareRow>)> open) {
+void ViewSharedFilesController::loadDataForTable(const std::vector<WSFileProperty>& items,
+                                                 std::function<void(std::vector<ShareRow>)> open) {
   if (sharedIn() || level != Level::Items || items.empty()) return;
   worker_.Run([this, items, open](const std::string& token) -> std::function<void()> {
     auto rows = RecipientsOf(items, service_.GetFileList(false, token, "", {}));
@@ -416,15 +419,15 @@ void ViewSharedFilesController::ResendEmail(const std::vector<ShareRow>& rows) {
   });
 }
 
-void ViewSharedFilesController::ExtendShare(const std::vector<WSFileProperty>& items,
-                                            std::optional<Clock::time_point> until) {
-  if (sharedIn() || items.empty()) return;
+void ViewSharedFilesController::ExtendShare(const std::vector<ShareRow>& rows, std::optional<Clock::time_point> until) {
+  const auto ids = SearcIDForRecipients(rows);
+  if (sharedIn() || ids.empty()) return;
   long validity = CorvalinkWS::kNoExpiry;
   if (until) {
     const auto minutes = std::chrono::duration_cast<std::chrono::minutes>(*until - Clock::now()).count();
     validity = static_cast<long>(std::max<std::int64_t>(1, minutes));
   }
-  worker_.Run([this, ids = IdsOf(items), validity](const std::string& token) -> std::function<void()> {
+  worker_.Run([this, ids, validity](const std::string& token) -> std::function<void()> {
     const std::string result = service_.ShareFilesExtend2(ids, validity, token);
     const bool done = ExtendSucceeded(result);
     if (!done) CVEventLogger::WriteMainLogMessage("View Shared Files Window -> ExtendShare: " + result);

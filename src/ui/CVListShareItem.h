@@ -7,10 +7,9 @@
 #include <QDialog>
 #include <QLabel>
 #include <QPushButton>
-#include <QTreeWidget>
 #include <vector>
 
-#include "ViewSharedFilesController.h"
+#include "ShareRowsTable.h"
 
 class CVListShareItem : public QDialog {
   Q_OBJECT
@@ -18,19 +17,13 @@ class CVListShareItem : public QDialog {
   using Controller = ViewSharedFilesController;
 
   CVListShareItem(Controller& controller, QWidget* parent);
-
   // Shows the rows, checked as they come.
   void Open(std::vector<Controller::ShareRow> rows);
-  // The rows with the check boxes as the user left them.
-  std::vector<Controller::ShareRow> Rows() const;
 
  private:
-  void UpdateButtons();
-
   Controller& controller_;
-  std::vector<Controller::ShareRow> rows_;
   QLabel label_;
-  QTreeWidget table_;
+  ShareRowsTable table_;
   QPushButton cancelButton_;
   QPushButton sendButton_;
 };
