@@ -208,6 +208,11 @@ void ViewSharedFilesController::DoubleClickFolder(const WSFileProperty& folder) 
     currentFolderId = folder.share_id;
     currentFolderRootPath = SharedCache::SafeComponent(folder.share_id + "_" + folder.file_name).value_or("");
     currentFolderPath.clear();
+    // Its files then have no place in the cache: shown, never fetched.
+    if (sharedIn() && currentFolderRootPath.empty()) {
+      CVEventLogger::WriteMainLogMessage(
+          "<WARNING!> View Shared Files Window -> DoubleClickFolder: range of root path not found");
+    }
   } else {
     currentFolderPath = Join(currentFolderPath, folder.file_name);
   }
