@@ -65,7 +65,9 @@ echo "== The desktop client starts; the tray as the panel sees it:"
   --click 'Activity…' --run 'sleep 1' --screenshot "$shots/activity-window.png" --press 'Close' \
   --run "'$client' share '$home/Corvalink/Docs/Reports/Q3 results.txt' --to bob > /dev/null && '$client' request create 'Tax 2026' --to ann@example.com joe@example.com --days 5 > /dev/null" \
   --click 'Shared files…' --press 'Shared Out' --press "$(printf 'bob\xe2\xa0\x80(bob@devserver)')" --press 'Open' \
-  --press 'Q3 results.txt' --screenshot "$shots/shared-files-window.png" --press 'Close shared files' \
+  --press 'Q3 results.txt' --screenshot "$shots/shared-files-window.png" \
+  --press 'Change expiry' --run 'sleep 1' --screenshot "$shots/edit-share-sheet.png" --press 'Cancel edit' \
+  --press 'Close shared files' \
   --click 'Upload requests…' --press 'Tax 2026' --press 'Open' --press 'ann@example.com' \
   --screenshot "$shots/upload-requests-window.png" --press 'Close upload requests' \
   --click 'Pause sync' --wait-menu 'Start sync.*' \

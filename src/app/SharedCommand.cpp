@@ -277,9 +277,9 @@ int SharedCommand::Run() {
     view.UnshareSlectedFiles(items, answer);
     if (!yes) return ClientCommands::kFailed;
   } else if (action == "resend") {
-    view.ResendEmail(items);
+    view.ResendEmail(Controller::RecipientsOf(items, {}));  // exactly the shares named
   } else {
-    view.ExtendShare(items, *days == 0 ? std::nullopt
+    view.ExtendShare(Controller::RecipientsOf(items, {}), *days == 0 ? std::nullopt
                                        : std::optional(std::chrono::system_clock::now() + std::chrono::hours(24 * *days)));
   }
   session.Wait();

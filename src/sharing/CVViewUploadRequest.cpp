@@ -163,8 +163,14 @@ void CVViewUploadRequest::methodDownload(const std::vector<std::size_t>& rowsToF
 void CVViewUploadRequest::ClearCBCheckedAndShowMessage(const std::vector<std::size_t>& rowsToClear) {
   std::vector<std::string> paths;
   for (std::size_t row : rowsToClear) {
-    if (row < arrayFileForDownload.size()) paths.push_back(arrayFileForDownload[row].localPath);
-    if (row < rows.size()) rows[row].checkBox = false;
+    if (row >= arrayFileForDownload.size()) continue;
+    paths.push_back(arrayFileForDownload[row].localPath);
+    // Rows name their file by its place; a search may have moved the row.
+    for (auto* list : {&rows, &arraySearchTemp}) {
+      for (auto& shown : *list) {
+        if (shown.ids == std::to_string(row)) shown.checkBox = false;
+      }
+    }
   }
   // No paths would be the whole cache.
   if (!paths.empty()) SharedCache::Remove(SharedCache::UploadsRoot(), paths);

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 #include <sys/stat.h>
+#include <utf8proc.h>
 
 #include <algorithm>
 #include <ctime>
@@ -16,14 +17,17 @@ namespace {
 constexpr int kDeepestFolder = 64;  // a server that lists a folder inside itself ends here
 
 
-// The first character (all of its UTF-8 bytes), ASCII letters in upper case.
+// The first character in upper case ("é" and "É" share a group); a byte that
+// starts no UTF-8 character stands as it is.
 std::string FirstLetter(const std::string& name) {
   if (name.empty()) return "";
-  std::size_t length = 1;
-  while (length < name.size() && (static_cast<unsigned char>(name[length]) & 0xC0) == 0x80) ++length;
-  std::string letter = name.substr(0, length);
-  if (length == 1) letter[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(letter[0])));
-  return letter;
+  utf8proc_int32_t code = 0;
+  const auto used = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(name.data()),
+                                     static_cast<utf8proc_ssize_t>(name.size()), &code);
+  if (used <= 0) return name.substr(0, 1);
+  utf8proc_uint8_t upper[4];
+  const auto length = utf8proc_encode_char(utf8proc_toupper(code), upper);
+  return std::string(reinterpret_cast<const char*>(upper), static_cast<std::size_t>(length));
 }
 
 std::string Join(const std::string& folder, const std::string& name) {
@@ -204,6 +208,11 @@ void ViewSharedFilesController::DoubleClickFolder(const WSFileProperty& folder) 
     currentFolderId = folder.share_id;
     currentFolderRootPath = SharedCache::SafeComponent(folder.share_id + "_" + folder.file_name).value_or("");
     currentFolderPath.clear();
+    // Its files then have no place in the cache: shown, never fetched.
+    if (sharedIn() && currentFolderRootPath.empty()) {
+      CVEventLogger::WriteMainLogMessage(
+          "<WARNING!> View Shared Files Window -> DoubleClickFolder: range of root path not found");
+    }
   } else {
     currentFolderPath = Join(currentFolderPath, folder.file_name);
   }
@@ -336,15 +345,24 @@ void ViewSharedFilesController::ClearCache(const std::vector<WSFileProperty>& it
   Changed();
 }
 
-std::string ViewSharedFilesController::JoinIds(const std::vector<WSFileProperty>& items) {
-  std::string ids;
-  for (const auto& item : items) ids += (ids.empty() ? "" : ";") + item.share_id;
-  return ids;
+std::string ViewSharedFilesController::JoinIds(const std::vector<std::string>& ids) {
+  std::string joined;
+  for (const auto& id : ids) joined += (joined.empty() ? "" : ";") + id;
+  return joined;
 }
 
 void ViewSharedFilesController::UnshareSlectedFiles(const std::vector<WSFileProperty>& items, const Ask& ask) {
   if (sharedIn() || items.empty() || !ask("", items.size() == 1 ? kUnshareOne : kUnshareMany)) return;
-  worker_.Run([this, ids = JoinIds(items)](const std::string& token) -> std::function<void()> {
+  Unshare(SearcIDForRecipients(RecipientsOf(items, {})));
+}
+
+void ViewSharedFilesController::UnshareLinks(const std::vector<ShareRow>& rows) {
+  const auto ids = SearcIDForRecipients(rows);
+  if (!sharedIn() && !ids.empty()) Unshare(ids);
+}
+
+void ViewSharedFilesController::Unshare(const std::vector<std::string>& ids) {
+  worker_.Run([this, ids = JoinIds(ids)](const std::string& token) -> std::function<void()> {
     const bool done = service_.DeleteSharedLink(token, ids);
     return [this, done] {
       Tell(done ? kUnshared : kUnshareError);
@@ -353,24 +371,67 @@ void ViewSharedFilesController::UnshareSlectedFiles(const std::vector<WSFileProp
   });
 }
 
-void ViewSharedFilesController::ResendEmail(const std::vector<WSFileProperty>& items) {
-  if (sharedIn() || items.empty()) return;
-  worker_.Run([this, ids = JoinIds(items)](const std::string& token) -> std::function<void()> {
+void ViewSharedFilesController::loadDataForTable(const std::vector<WSFileProperty>& items,
+                                                 std::function<void(std::vector<ShareRow>)> open) {
+  if (sharedIn() || level != Level::Items || items.empty()) return;
+  worker_.Run([this, items, open](const std::string& token) -> std::function<void()> {
+    auto rows = RecipientsOf(items, service_.GetFileList(false, token, "", {}));
+    return [open, rows = std::move(rows)]() mutable { open(std::move(rows)); };
+  });
+}
+
+std::vector<ViewSharedFilesController::ShareRow> ViewSharedFilesController::RecipientsOf(
+    const std::vector<WSFileProperty>& chosen, const std::vector<WSFileProperty>& all) {
+  std::vector<ShareRow> rows;
+  auto add = [&rows](const WSFileProperty& share, bool checked) {
+    for (auto& row : rows) {
+      if (row.shareId == share.share_id) {
+        row.chb = row.chb || checked;
+        return;
+      }
+    }
+    rows.push_back({checked, PersonOf(share), share.file_name, share.share_id, share.shareGroup, share.isFolder,
+                    share.shared_at});
+  };
+  for (const auto& item : chosen) {
+    add(item, true);
+    if (item.shareGroup.empty()) continue;  // nothing ties it to other recipients
+    for (const auto& share : all) {
+      if (share.shareGroup == item.shareGroup && share.file_name == item.file_name && share.isFolder == item.isFolder) {
+        add(share, false);
+      }
+    }
+  }
+  return rows;
+}
+
+std::vector<std::string> ViewSharedFilesController::SearcIDForRecipients(const std::vector<ShareRow>& rows) {
+  std::vector<std::string> ids;
+  for (const auto& row : rows) {
+    if (row.chb && !row.shareId.empty() && std::find(ids.begin(), ids.end(), row.shareId) == ids.end()) {
+      ids.push_back(row.shareId);
+    }
+  }
+  return ids;
+}
+
+void ViewSharedFilesController::ResendEmail(const std::vector<ShareRow>& rows) {
+  const auto ids = SearcIDForRecipients(rows);
+  if (sharedIn() || ids.empty()) return;
+  worker_.Run([this, ids = JoinIds(ids)](const std::string& token) -> std::function<void()> {
     const bool done = service_.ResendEmailShared(token, ids);
     return [this, done] { Tell(done ? kResent : kUnshareError); };
   });
 }
 
-void ViewSharedFilesController::ExtendShare(const std::vector<WSFileProperty>& items,
-                                            std::optional<Clock::time_point> until) {
-  if (sharedIn() || items.empty()) return;
+void ViewSharedFilesController::ExtendShare(const std::vector<ShareRow>& rows, std::optional<Clock::time_point> until) {
+  const auto ids = SearcIDForRecipients(rows);
+  if (sharedIn() || ids.empty()) return;
   long validity = CorvalinkWS::kNoExpiry;
   if (until) {
     const auto minutes = std::chrono::duration_cast<std::chrono::minutes>(*until - Clock::now()).count();
     validity = static_cast<long>(std::max<std::int64_t>(1, minutes));
   }
-  std::vector<std::string> ids;
-  for (const auto& item : items) ids.push_back(item.share_id);
   worker_.Run([this, ids, validity](const std::string& token) -> std::function<void()> {
     const std::string result = service_.ShareFilesExtend2(ids, validity, token);
     const bool done = ExtendSucceeded(result);

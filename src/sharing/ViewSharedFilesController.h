@@ -56,6 +56,15 @@ class ViewSharedFilesController {
     std::string localPath;  // Item rows of Shared In: the place in the cache; "" when its name is refused
   };
 
+  // A row of the sheet that lists the shares of an item, one per recipient.
+  struct ShareRow {
+    bool chb = false;
+    std::string name;  // the recipient, as PersonOf
+    std::string file_name, shareId, shareGroup;
+    bool isFolder = false;
+    WSDate kSharedAt;
+  };
+
   ViewSharedFilesController(SharedFilesService& service, Post toMain);
   ~ViewSharedFilesController();
 
@@ -82,11 +91,24 @@ class ViewSharedFilesController {
   void ClearCache(const std::vector<WSFileProperty>& items, const Ask& ask);
   // Shared Out only.
   void UnshareSlectedFiles(const std::vector<WSFileProperty>& items, const Ask& ask);
-  void ResendEmail(const std::vector<WSFileProperty>& items);
+  // Reads Shared Out whole and hands open the rows of a sheet of the items'
+  // shares, the resend sheet or the edit sheet (on the main thread):
+  // RecipientsOf the items, which must be a person's items.
+  void loadDataForTable(const std::vector<WSFileProperty>& items, std::function<void(std::vector<ShareRow>)> open);
+  // For each chosen share, checked, then the other recipients of the same item
+  // shared by the same call (same share group and name), not checked.
+  static std::vector<ShareRow> RecipientsOf(const std::vector<WSFileProperty>& chosen,
+                                            const std::vector<WSFileProperty>& all);
+  // The share ids of the checked rows, each once (the edit sheet's GetResultID).
+  static std::vector<std::string> SearcIDForRecipients(const std::vector<ShareRow>& rows);
+  // The notice again for the checked rows; nothing when none is checked.
+  void ResendEmail(const std::vector<ShareRow>& rows);
   // Whether ShareFilesExtend2's answer means the shares were extended.
   static bool ExtendSucceeded(const std::string& result);
-  // A new expiry for the items' shares; nothing: no expiry.
-  void ExtendShare(const std::vector<WSFileProperty>& items, std::optional<Clock::time_point> until);
+  // The edit sheet: a new expiry for the checked rows' shares (nothing: no
+  // expiry), or their end, with no question.
+  void ExtendShare(const std::vector<ShareRow>& rows, std::optional<Clock::time_point> until);
+  void UnshareLinks(const std::vector<ShareRow>& rows);
 
   // Where an item of the current list lies in the cache; "" when a name of the
   // server cannot be a local name.
@@ -126,7 +148,8 @@ class ViewSharedFilesController {
   void Tell(const std::string& text);
   void Changed();
   bool sharedIn() const { return currentWindowState == kSharedIn; }
-  static std::string JoinIds(const std::vector<WSFileProperty>& items);
+  static std::string JoinIds(const std::vector<std::string>& ids);
+  void Unshare(const std::vector<std::string>& ids);
 
   SharedFilesService& service_;
   std::vector<Place> stack_;  // the way back out of folders

@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <utility>
 
-#include "InternalShare51WindowController.h"
 #include "MainLoop.h"
 #include "SharedCache.h"
 #include "TrayIcon.h"
@@ -21,18 +20,8 @@
 namespace {
 
 using Controller = ViewSharedFilesController;
-using WallClock = Controller::Clock;
 
 QString Q(const std::string& text) { return QString::fromStdString(text); }
-
-QString DateText(const WSDate& date) {
-  if (!date) return "";
-  return QDateTime::fromMSecsSinceEpoch(date->time_since_epoch().count()).toString("yyyy-MM-dd HH:mm");
-}
-
-QDateTime ToQt(WallClock::time_point time) {
-  return QDateTime::fromSecsSinceEpoch(std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count());
-}
 
 bool Exists(const std::string& path) {
   std::error_code ignored;
@@ -46,12 +35,12 @@ enum Column { kName, kSize, kShared, kExpires, kCached };
 SharedFilesWindow::SharedFilesWindow(SharedFilesService& service, MainLoop& loop, QWidget* parent)
     : QWidget(parent),
       controller_(service, [&loop](std::function<void()> callback) { loop.Post(std::move(callback)); }),
-      expirySheet_(this) {
+      expirySheet_(controller_, this),
+      resendSheet_(controller_, this) {
   widgets::Name(*this, "sharedFilesWindow", "Shared files");
   setWindowTitle("Shared files");
   setWindowIcon(TrayIcon::Icon("corvalink-sync"));
   Build();
-  BuildExpirySheet();
   controller_.onChange = [this] { Draw(); };
   controller_.onMessage = [this](const std::string& text) { Tell(text); };
 }
@@ -174,41 +163,11 @@ void SharedFilesWindow::Build() {
       controller_.UnshareSlectedFiles(items, ask);
     });
   });
-  connect(&resendButton_, &QPushButton::clicked, this, [this] { controller_.ResendEmail(SelectedItems()); });
-  connect(&editShareButton_, &QPushButton::clicked, this, &SharedFilesWindow::OpenExpirySheet);
-}
-
-void SharedFilesWindow::BuildExpirySheet() {
-  widgets::Name(expirySheet_, "expirySheet", "Change expiry");
-  widgets::Name(expiresCheckBox_, "expiresCheckBox", "Expires");
-  widgets::Name(datePicker_, "datePicker", "Expiry date");
-  widgets::Name(saveExpiryButton_, "saveExpiryButton", "Save expiry");
-  widgets::Name(cancelExpiryButton_, "cancelExpiryButton", "Cancel");
-  expirySheet_.setWindowTitle("Change expiry");
-  expirySheet_.setWindowModality(Qt::WindowModal);
-  expiresCheckBox_.setText("Expires on");
-  datePicker_.setCalendarPopup(true);
-  datePicker_.setDisplayFormat("yyyy-MM-dd HH:mm");
-  saveExpiryButton_.setText("Save");
-  saveExpiryButton_.setDefault(true);
-  cancelExpiryButton_.setText("Cancel");
-  auto* expiry = new QHBoxLayout;
-  expiry->addWidget(&expiresCheckBox_);
-  expiry->addWidget(&datePicker_, 1);
-  auto* buttons = new QHBoxLayout;
-  buttons->addStretch(1);
-  buttons->addWidget(&cancelExpiryButton_);
-  buttons->addWidget(&saveExpiryButton_);
-  auto* layout = new QVBoxLayout(&expirySheet_);
-  layout->addLayout(expiry);
-  layout->addLayout(buttons);
-  connect(&expiresCheckBox_, &QCheckBox::toggled, &datePicker_, &QWidget::setEnabled);
-  connect(&cancelExpiryButton_, &QPushButton::clicked, &expirySheet_, &QDialog::reject);
-  connect(&saveExpiryButton_, &QPushButton::clicked, this, [this] {
-    std::optional<WallClock::time_point> until;
-    if (expiresCheckBox_.isChecked()) until = WallClock::time_point(std::chrono::seconds(datePicker_.dateTime().toSecsSinceEpoch()));
-    controller_.ExtendShare(SelectedItems(), until);
-    expirySheet_.accept();
+  connect(&resendButton_, &QPushButton::clicked, this, [this] {
+    controller_.loadDataForTable(SelectedItems(), [this](auto rows) { resendSheet_.Open(std::move(rows)); });
+  });
+  connect(&editShareButton_, &QPushButton::clicked, this, [this] {
+    controller_.loadDataForTable(SelectedItems(), [this](auto rows) { expirySheet_.Open(std::move(rows), policy_); });
   });
 }
 
@@ -276,8 +235,8 @@ void SharedFilesWindow::Draw() {
         const WSFileProperty& file = row.item;
         item->setIcon(kName, style()->standardIcon(file.isFolder ? QStyle::SP_DirIcon : QStyle::SP_FileIcon));
         if (!file.isFolder) item->setText(kSize, QLocale().formattedDataSize(file.file_size));
-        item->setText(kShared, DateText(file.shared_at));
-        item->setText(kExpires, file.expire_at ? DateText(file.expire_at) : "never");
+        item->setText(kShared, widgets::DateText(file.shared_at));
+        item->setText(kExpires, file.expire_at ? widgets::DateText(file.expire_at) : "never");
         if (!file.isFolder && Exists(row.localPath)) item->setText(kCached, "yes");
       }
       table_.addTopLevelItem(item);
@@ -311,6 +270,10 @@ void SharedFilesWindow::UpdateButtons() {
   for (QWidget* control : std::initializer_list<QWidget*>{&downloadButton_, &unshareButton_, &resendButton_,
                                                           &editShareButton_, &locateButton_}) {
     control->setEnabled(idle && chosen);
+  }
+  // Sheets of shares: from a person's list, not from inside a shared folder.
+  for (QWidget* control : std::initializer_list<QWidget*>{&resendButton_, &editShareButton_}) {
+    control->setEnabled(idle && chosen && controller_.level == Controller::Level::Items);
   }
   for (QWidget* control : std::initializer_list<QWidget*>{&clearCacheButton_, &refreshButton_, &sortButton_,
                                                           &openButton_}) {
@@ -358,23 +321,6 @@ void SharedFilesWindow::Locate() {
   const std::string& path = rows.front().localPath;
   if (!Exists(path)) return Tell(Controller::kNotLocated);
   QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(Q(path)).absolutePath()));
-}
-
-void SharedFilesWindow::OpenExpirySheet() {
-  const auto items = SelectedItems();
-  if (items.empty()) return;
-  std::optional<WallClock::time_point> sharedAt;
-  if (items.front().shared_at) sharedAt = WallClock::time_point(*items.front().shared_at);
-  const auto range = InternalShare51WindowController::ExpiryDates(WallClock::now(), sharedAt, policy_.DefaultShareDuration,
-                                                                  policy_.MaxDuration);
-  datePicker_.setMinimumDateTime(ToQt(range.min));
-  datePicker_.setMaximumDateTime(range.max ? ToQt(*range.max) : QDateTime(QDate(9999, 12, 31), QTime(23, 59)));
-  datePicker_.setDateTime(ToQt(range.start));
-  // A share without an expiry may keep none, unless the administrator asks for one.
-  expiresCheckBox_.setChecked(true);
-  expiresCheckBox_.setEnabled(!policy_.ExpireRequired);
-  datePicker_.setEnabled(true);
-  expirySheet_.open();
 }
 
 void SharedFilesWindow::Tell(const std::string& text) { widgets::ShowMessage(this, text, "sharedFilesMessage"); }

@@ -5,12 +5,10 @@
 // (under their letters), then a person's items, then a shared folder's inside;
 // a row is opened by a double click, Enter or "Open". Shared In downloads the
 // selected items into its cache and clears it; Shared Out unshares, sends the
-// notice again and changes the expiry in a sheet. Made at the first opening and
+// notice again and changes the expiry or ends shares in sheets that list the
+// items' recipients. Made at the first opening and
 // kept for the run: closing only hides it, so no worker is joined meanwhile.
 
-#include <QCheckBox>
-#include <QDateTimeEdit>
-#include <QDialog>
 #include <QLabel>
 #include <QLineEdit>
 #include <QProgressBar>
@@ -23,6 +21,8 @@
 #include <vector>
 
 #include "CVConnection.h"
+#include "CVEditShare.h"
+#include "CVListShareItem.h"
 #include "ViewSharedFilesController.h"
 
 class MainLoop;
@@ -39,12 +39,13 @@ class SharedFilesWindow : public QWidget {
   // account's limits on an expiry as they stand now.
   void Open(CVConnection policy);
   Controller& controller() { return controller_; }
-  // The sheet that changes the expiry of the selected shares.
-  QDialog& expirySheet() { return expirySheet_; }
+  // The sheet that changes the expiry of the selected items' shares, or ends them.
+  CVEditShare& expirySheet() { return expirySheet_; }
+  // The sheet that sends the notice again to the checked recipients.
+  CVListShareItem& resendSheet() { return resendSheet_; }
 
  private:
   void Build();
-  void BuildExpirySheet();
   void SelectTab(Controller::WindowState tab);
   void Draw();
   void UpdateButtons();
@@ -52,7 +53,6 @@ class SharedFilesWindow : public QWidget {
   std::vector<WSFileProperty> SelectedItems() const;
   void Activate(const Controller::Row& row);
   void Locate();
-  void OpenExpirySheet();
   void Tell(const std::string& text);
 
   Controller controller_;
@@ -82,9 +82,6 @@ class SharedFilesWindow : public QWidget {
   QPushButton closeButton_;
   QLabel lastUpdateLabel_;
 
-  QDialog expirySheet_;
-  QCheckBox expiresCheckBox_;
-  QDateTimeEdit datePicker_;
-  QPushButton saveExpiryButton_;
-  QPushButton cancelExpiryButton_;
+  CVEditShare expirySheet_;
+  CVListShareItem resendSheet_;
 };

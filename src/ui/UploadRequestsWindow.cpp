@@ -178,6 +178,8 @@ void UploadRequestsWindow::UpdateButtons() {
   const bool files = !c.CheckedFiles().empty();
   progressIndicator_.setVisible(c.isBusy);
   backButton_.setEnabled(idle && level > 1);
+  // Named after the level it goes back to.
+  backButton_.setText(level > 1 ? Controller::kTitles[level - 2] : "Back");
   refreshButton_.setEnabled(idle);
   openButton_.setEnabled(idle);
   resendButton_.setEnabled(idle && requests);

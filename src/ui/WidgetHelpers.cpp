@@ -1,5 +1,6 @@
 #include "WidgetHelpers.h"
 
+#include <QDateTime>
 #include <QMessageBox>
 #include <QPainter>
 #include <QPixmap>
@@ -57,6 +58,11 @@ void ShowInFront(QWidget& window) {
   window.show();
   window.raise();
   window.activateWindow();
+}
+
+QString DateText(const std::optional<std::chrono::sys_time<std::chrono::milliseconds>>& date) {
+  if (!date) return "";
+  return QDateTime::fromMSecsSinceEpoch(date->time_since_epoch().count()).toString("yyyy-MM-dd HH:mm");
 }
 
 }  // namespace widgets

@@ -5,7 +5,9 @@
 #include <QIcon>
 #include <QString>
 #include <QWidget>
+#include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace widgets {
@@ -24,4 +26,6 @@ void AskFirst(QWidget& parent, const char* objectName, const std::function<void(
 void ShowInFront(QWidget& window);
 // "storage_sync_green" (all), "storage_sync_yellow" (some), else grey (nothing).
 QIcon StorageStateIcon(const std::string& iconStorage);
+// A date of the share lists, to the minute in local time; "" for none.
+QString DateText(const std::optional<std::chrono::sys_time<std::chrono::milliseconds>>& date);
 }  // namespace widgets

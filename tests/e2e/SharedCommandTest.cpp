@@ -38,6 +38,7 @@ TEST_F(SharedCommandTest, BobSeesAndFetchesWhatAliceShared) {
       {bob, {"fetch", "7"}, 1, "No shared item 7."},
       {bob, {"shared", "sideways"}, 64, "usage: shared in|out"},
       {alice, {"shared", "out"}, 0, "Recipients\nB\n  bob\xE2\xA0\x80(bob@devserver)\n"},
+      {alice, {"shared", "out", "resend", "2"}, 0, "The notice was sent again."},
       {alice, {"shared", "out", "unshare", "1"}, 1, "Are you sure want to unshare this item?"},
       {alice, {"shared", "out", "unshare", "1", "--yes"}, 0, "Files succesfully unshared"},
       {bob, {"fetch", "1"}, 1, "No shared item 1."},
@@ -94,7 +95,7 @@ TEST_F(SharedCommandTest, AliceFetchesWhatCameInThroughARequest) {
   };
   for (const auto& c : cases) {
     auto run = RunCommand(alice, c.arguments);
-    EXPECT_EQ(run.code, c.code) << c.arguments[1] << "\n" << run.output;
+    EXPECT_EQ(run.code, c.code) << c.arguments.back() << "\n" << run.output;
     EXPECT_NE(run.output.find(c.output), std::string::npos) << run.output;
   }
   EXPECT_EQ(Read(received), "twelve receipts");

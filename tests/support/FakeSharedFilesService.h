@@ -23,7 +23,7 @@ class FakeSharedFilesService : public SharedFilesService {
  public:
   std::vector<WSFileProperty> top;
   std::map<std::pair<std::string, std::string>, std::vector<WSFileProperty>> inside;
-  std::vector<std::string> downloads, deleted;
+  std::vector<std::string> downloads, deleted, resent;
   std::vector<std::pair<std::vector<std::string>, long>> extended;
   bool result = true;
   std::string CheckConnectionAndGetWSToken() override { return "tok"; }
@@ -35,7 +35,10 @@ class FakeSharedFilesService : public SharedFilesService {
     deleted.push_back(ids);
     return result;
   }
-  bool ResendEmailShared(const std::string&, const std::string&) override { return result; }
+  bool ResendEmailShared(const std::string&, const std::string& ids) override {
+    resent.push_back(ids);
+    return result;
+  }
   std::string ShareFilesExtend2(const std::vector<std::string>& ids, long validity, const std::string&) override {
     extended.emplace_back(ids, validity);
     return "0;";

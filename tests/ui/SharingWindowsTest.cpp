@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QCheckBox>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTabBar>
@@ -71,17 +72,37 @@ TEST(SharingWindows, SharedFilesOpenDownloadClearAndChangeTheirShares) {
     EXPECT_EQ(window.findChild<QPushButton*>("unshareButton")->isVisible(), tab == ViewSharedFilesController::kSharedOut);
     table->topLevelItem(1)->setSelected(true);
   }
-  // Shared Out: a "No" keeps the share; a new expiry reaches the server.
+  // Shared Out: each sheet lists the item's recipients and acts on those left checked.
   EXPECT_EQ(Press(window, "unshareButton", QMessageBox::No), ViewSharedFilesController::kUnshareOne);
   EXPECT_TRUE(service.deleted.empty());
-  Press(window, "editShareButton");
-  ASSERT_TRUE(window.expirySheet().isVisible());
-  window.expirySheet().findChild<QCheckBox*>("expiresCheckBox")->setChecked(false);
-  Press(window.expirySheet(), "saveExpiryButton");
-  EXPECT_EQ(Message(window, "sharedFilesMessage"), ViewSharedFilesController::kExtended);
+  struct Sheet {
+    const char* open;
+    QDialog& sheet;
+    const char* table;
+    const char* act;
+    std::string message;
+  } sheets[] = {
+      {"resendButton", window.resendSheet(), "recipientsTable", "sendResendButton", ViewSharedFilesController::kResent},
+      {"editShareButton", window.expirySheet(), "sharesTable", "saveExpiryButton", ViewSharedFilesController::kExtended},
+      {"editShareButton", window.expirySheet(), "sharesTable", "unshareLinksButton", ViewSharedFilesController::kUnshared},
+  };
+  for (const auto& s : sheets) {
+    Press(window, s.open);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return s.sheet.isVisible(); })) << s.open;
+    auto* rows = s.sheet.findChild<QTreeWidget*>(s.table);
+    ASSERT_EQ(rows->topLevelItemCount(), 1);
+    rows->topLevelItem(0)->setCheckState(0, Qt::Unchecked);
+    EXPECT_FALSE(s.sheet.findChild<QPushButton*>(s.act)->isEnabled());
+    rows->topLevelItem(0)->setCheckState(0, Qt::Checked);
+    if (auto* expires = s.sheet.findChild<QCheckBox*>("expiresCheckBox")) expires->setChecked(false);
+    Press(s.sheet, s.act);
+    EXPECT_EQ(Message(window, "sharedFilesMessage"), s.message) << s.act;
+    settle();
+  }
+  EXPECT_EQ(service.resent, std::vector<std::string>{"1"});
   ASSERT_EQ(service.extended.size(), 1u);
   EXPECT_EQ(service.extended[0].second, CorvalinkWS::kNoExpiry);
-  settle();  // the list is read again
+  EXPECT_EQ(service.deleted, std::vector<std::string>{"1"});
 
   // Shared In: the file into the cache, then the whole cache away after the question.
   window.findChild<QTabBar*>("tabs")->setCurrentIndex(0);

@@ -274,12 +274,15 @@ SoapMethod FirstGenerationShare(bool external) {
   };
 }
 
-// A call on the caller's shares that answers "0;" when it touched one.
+// A call on the caller's shares that answers "0;" when it touched one, else
+// notFound: the calls whose client reads only "-1;" as a failure hear "-1;" (chosen).
+constexpr const char* kShareNotFound = "-6;Share not found;";
+constexpr const char* kNoShareOfYours = "-1;Share not found;";
 template <typename Change>
-SoapReply OnShares(ServerState& state, const SoapCall& call, Change change) {
+SoapReply OnShares(ServerState& state, const SoapCall& call, Change change, const char* notFound = kShareNotFound) {
   const auto user = MainUser(state, call.Text("Token"));
   if (!user) return SoapReply::Text(kInvalidToken);
-  return SoapReply::Text(change(*user) > 0 ? kDone : "-6;Share not found;");
+  return SoapReply::Text(change(*user) > 0 ? kDone : notFound);
 }
 
 // ShareIDs as text: Validity in hours; as <int> children, the form of the
@@ -306,9 +309,10 @@ SoapReply ShareFilesExtend2(ServerState& state, const SoapCall& call) {
 }
 
 SoapReply DeleteSharedLink(ServerState& state, const SoapCall& call) {
-  return OnShares(state, call, [&](const std::string& user) {
-    return state.shares().Remove(user, Ids(call.Text("SharedIDs"), nullptr));
-  });
+  return OnShares(
+      state, call,
+      [&](const std::string& user) { return state.shares().Remove(user, Ids(call.Text("SharedIDs"), nullptr)); },
+      kNoShareOfYours);
 }
 
 SoapReply DeleteSharedLink2(ServerState& state, const SoapCall& call) {
@@ -318,9 +322,10 @@ SoapReply DeleteSharedLink2(ServerState& state, const SoapCall& call) {
 }
 
 SoapReply ResendEmail(ServerState& state, const SoapCall& call) {
-  return OnShares(state, call, [&](const std::string& user) {
-    return state.shares().Resend(user, Ids(call.Text("SharedIDs"), nullptr));
-  });
+  return OnShares(
+      state, call,
+      [&](const std::string& user) { return state.shares().Resend(user, Ids(call.Text("SharedIDs"), nullptr)); },
+      kNoShareOfYours);
 }
 
 // "1;1;" and pairs of address and name, "1;0" when none is found.

@@ -130,11 +130,14 @@ SoapReply GetUploadRequests(ServerState& state, const SoapCall& call) {
   return SoapReply::Xml(records);
 }
 
+// "0;" when the call touched one of the owner's requests, else notFound: the
+// resend's client reads only "-1;" as a failure, so it hears "-1;" (chosen).
 template <typename Change>
-SoapReply OnRequests(ServerState& state, const SoapCall& call, Change change) {
+SoapReply OnRequests(ServerState& state, const SoapCall& call, Change change,
+                     const char* notFound = "-6;Upload request not found;") {
   const auto owner = MainUser(state, call.Text("Token"));
   if (!owner) return SoapReply::Text(kInvalidToken);
-  return SoapReply::Text(change(*owner, RequestIds(call)) > 0 ? kDone : "-6;Upload request not found;");
+  return SoapReply::Text(change(*owner, RequestIds(call)) > 0 ? kDone : notFound);
 }
 
 SoapReply DeleteUploadRequest(ServerState& state, const SoapCall& call) {
@@ -144,9 +147,12 @@ SoapReply DeleteUploadRequest(ServerState& state, const SoapCall& call) {
 }
 
 SoapReply ResendRequestEmail(ServerState& state, const SoapCall& call) {
-  return OnRequests(state, call, [&](const std::string& owner, const std::vector<int>& ids) {
-    return state.uploadRequestStore().Resend(owner, ids);
-  });
+  return OnRequests(
+      state, call,
+      [&](const std::string& owner, const std::vector<int>& ids) {
+        return state.uploadRequestStore().Resend(owner, ids);
+      },
+      "-1;Upload request not found;");
 }
 
 // RequestId, FileName, Content: the file as an outside person would send it.

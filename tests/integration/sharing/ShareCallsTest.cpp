@@ -222,6 +222,7 @@ TEST_F(ShareCallsTest, TheLocalServerKeepsListsExtendsAndEndsShares) {
   EXPECT_FALSE(ws.GetMyFileList(token, "", mine[0].share_id).GetFilePropertyCollection()[0].expire_at.has_value());
   EXPECT_TRUE(ws.ResendEmailShared(token, mine[0].share_id));
   EXPECT_FALSE(ws.ResendEmailShared("bad", mine[0].share_id));
+  EXPECT_FALSE(ws.ResendEmailShared(token, "999"));  // not a share of the caller's
   EXPECT_TRUE(ws.DeleteSharedLink(token, mine[0].share_id + ";999"));
   EXPECT_EQ(ws.DeleteSharedLink2(mine[1].shareGroup, token), "0;");
   EXPECT_EQ(ws.DeleteSharedLink2(mine[1].shareGroup, token), "-6;Share not found;");
@@ -241,6 +242,7 @@ TEST_F(ShareCallsTest, TheLocalServerKeepsListsExtendsAndEndsShares) {
     server_->FailNext("DeleteUploadRequest", devserver::Fault::Result(answer));
     EXPECT_EQ(ws.DeleteUploadRequest(token, {"1"}), deleted) << answer;
   }
+  EXPECT_FALSE(ws.ResendRequestEmail(token, {"999"}));  // not a request of the caller's
   for (const auto& [answer, result] : std::vector<std::pair<std::string, std::string>>{
            {"", ""}, {"0;", ""}, {"-3;Too many uploads", "-3;Too many uploads"}}) {
     server_->FailNext("CreateUploadRequest", devserver::Fault::Result(answer));

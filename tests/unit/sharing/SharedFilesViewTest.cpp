@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -46,14 +47,19 @@ TEST(SharedFilesView, PeopleGroupedByLetterAndItemsSorted) {
   Fixture f;
   f.service.top = {Item("1", "b.txt", false, "bob@x"), Item("2", "A", true, "ann@x", "Ann"),
                    Item("3", "a.txt", false, "bob@x"), Item("4", "c", false, "carl@x", "carl"),
-                   Item("5", "Z", true, "bob@x")};
+                   Item("5", "Z", true, "bob@x"), Item("6", "e", false, "\xC3\xA9lise@x"),
+                   Item("7", "e", false, "\xC3\x89mile@x")};  // "é" and "É" under one letter
   struct Case {
     bool ascending;
     std::vector<std::string> people, bobsItems;
   } cases[] = {
-      {true, {"A", "Ann" + kMark + "(ann@x)", "B", "bob@x", "C", "carl" + kMark + "(carl@x)"},
+      {true,
+       {"A", "Ann" + kMark + "(ann@x)", "B", "bob@x", "C", "carl" + kMark + "(carl@x)", "\xC3\x89", "\xC3\xA9lise@x",
+        "\xC3\x89mile@x"},
        {"Z", "a.txt", "b.txt"}},
-      {false, {"C", "carl" + kMark + "(carl@x)", "B", "bob@x", "A", "Ann" + kMark + "(ann@x)"},
+      {false,
+       {"\xC3\x89", "\xC3\xA9lise@x", "\xC3\x89mile@x", "C", "carl" + kMark + "(carl@x)", "B", "bob@x", "A",
+        "Ann" + kMark + "(ann@x)"},
        {"b.txt", "a.txt", "Z"}},
   };
   for (const auto& c : cases) {
@@ -203,4 +209,55 @@ TEST(SharedFilesView, ExtendingAndItsDates) {
     EXPECT_EQ(range.start, c.start) << c.defaultDays;
     EXPECT_EQ(range.max, c.max) << c.maxDays;
   }
+}
+
+TEST(SharedFilesView, ResendSheetListsTheRecipientsOfTheSameShare) {
+  auto share = [](std::string id, std::string name, std::string group, std::string to, bool folder = false) {
+    auto item = Item(std::move(id), std::move(name), folder, std::move(to));
+    item.shareGroup = std::move(group);
+    return item;
+  };
+  const std::vector<WSFileProperty> all = {share("1", "r.txt", "g1", "ann@x"), share("2", "r.txt", "g1", "bob@x"),
+                                           share("3", "o.txt", "g1", "bob@x"), share("4", "r.txt", "g2", "carl@x"),
+                                           share("5", "r.txt", "g1", "dan@x", true), share("6", "r.txt", "", "eve@x")};
+  struct Case {
+    std::vector<std::string> chosen;
+    std::vector<std::pair<std::string, bool>> rows;  // share id, checked
+  } cases[] = {
+      {{"1"}, {{"1", true}, {"2", false}}},             // same call and item; not another item, call or kind
+      {{"2", "1"}, {{"2", true}, {"1", true}}},         // a chosen share is checked wherever it is met
+      {{"6"}, {{"6", true}}},                           // without a group nothing ties it to others
+      {{"5", "3"}, {{"5", true}, {"3", true}}},
+  };
+  for (const auto& c : cases) {
+    std::vector<WSFileProperty> chosen;
+    for (const auto& id : c.chosen) chosen.push_back(*std::find_if(all.begin(), all.end(), [&](auto& s) { return s.share_id == id; }));
+    std::vector<std::pair<std::string, bool>> rows;
+    for (const auto& row : View::RecipientsOf(chosen, all)) rows.emplace_back(row.shareId, row.chb);
+    EXPECT_EQ(rows, c.rows) << c.chosen[0];
+  }
+
+  // From a person's list: the sheet's rows, then the notice for what stays checked.
+  Fixture f;
+  f.service.top = all;
+  f.view.SelectTab(View::kSharedOut);
+  f.Settle();
+  std::vector<View::ShareRow> opened;
+  f.view.loadDataForTable({all[0]}, [&](auto rows) { opened = std::move(rows); });  // not from the people
+  f.view.DoubleClickRecipient("ann@x");
+  f.Settle();
+  ASSERT_TRUE(opened.empty());
+  f.view.loadDataForTable({f.view.rows[0].item}, [&](auto rows) { opened = std::move(rows); });
+  f.Settle();
+  ASSERT_EQ(opened.size(), 2u);
+  EXPECT_EQ(opened[1].name, "bob@x");
+  f.view.ResendEmail({});  // nothing checked, nothing sent
+  opened[1].chb = true;
+  for (const bool result : {true, false}) {
+    f.service.result = result;
+    f.view.ResendEmail(opened);
+    f.Settle();
+    EXPECT_EQ(f.messages.back(), result ? View::kResent : View::kUnshareError);
+  }
+  EXPECT_EQ(f.service.resent, (std::vector<std::string>{"1;2", "1;2"}));
 }

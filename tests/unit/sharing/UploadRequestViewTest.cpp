@@ -46,12 +46,17 @@ TEST(UploadRequestView, CheckedRowsStandForTheirRequestsAtEachLevel) {
   EXPECT_EQ(view.CheckedFiles(), std::vector<std::size_t>{1});
   view.searchButtonClick("B.");
   EXPECT_EQ(view.CheckedFiles(), std::vector<std::size_t>{1});  // a search keeps the places
-  view.searchButtonClick("");
   std::filesystem::create_directories(SharedCache::UploadsRoot() + "/Tax/ann");
   std::ofstream(SharedCache::UploadsRoot() + "/Tax/ann/a.txt") << "here";
   view.methodDownload({0, 1});
   settle();
   EXPECT_EQ(service.fetched, std::vector<std::string>{SharedCache::UploadsRoot() + "/Tax/ann/b.txt"});
+  // Clearing from the searched list: the file goes and its mark with it, also in the whole list.
+  view.searchButtonClick("B.");
+  view.ClearCBCheckedAndShowMessage(view.CheckedFiles());
+  EXPECT_FALSE(std::filesystem::exists(SharedCache::UploadsRoot() + "/Tax/ann/b.txt"));
+  view.searchButtonClick("");
+  EXPECT_TRUE(view.CheckedFiles().empty());
 
   // Delete: nothing checked, or "No", reaches nobody.
   int asked = 0;
