@@ -336,7 +336,7 @@ class FileManagerSuite : public DesktopSuite {
       // The cell's place is in its window: the click goes to that window.
       ChildProcess click("/usr/bin/xdotool",
                          {"search", "--onlyvisible", "--class", "org.gnome.Nautilus", "mousemove", "--window", "%1",
-                          std::to_string(box->center().x()), std::to_string(box->center().y()), "click", "3"},
+                          std::to_string(box->center().x()), std::to_string(box->center().y()), "click", "1", "click", "3"},
                          {});
       if (click.Wait(std::chrono::seconds(20)) != 0) return testing::AssertionFailure() << click.Output();
       opened = find(path.front(), "menu item", 5000) &&

@@ -143,7 +143,7 @@ std::vector<std::string> AccessibilityBus::Describe() const {
            QDBusMessage role = Call(object, "org.a11y.atspi.Accessible", "GetRoleName");
            lines.push_back(std::string(depth * 2, ' ') +
                            (Answered(role) ? role.arguments().value(0).toString().toStdString() : "?") + " \"" +
-                           Name(object).toStdString() + "\"" + (Has(object, Shown::kShowing) ? "" : " (hidden)"));
+                           Name(object).toStdString() + "\"" + (Has(object, Shown::kShowing) ? "" : " (hidden)") + (Has(object, Shown::kVisible) ? "" : " (invisible)"));
            return false;
          },
          stop);
