@@ -490,10 +490,16 @@ TEST_F(FileManagerSuite, VersionsFromTheMenuRestoresTheFirstAndTheStorageFollows
   ChildProcess* files = client ? StartFileManager(home, ClientDocs(home), "subscribed on") : nullptr;
   if (!files) return;
   ASSERT_TRUE(ChooseFromMenu("notes.txt", {"Versions"})) << files->Output();
-  const auto first = WaitForControl("1");
-  ASSERT_TRUE(first) << Controls();
-  ASSERT_TRUE(accessibility_.Press(*first));  // a row's action chooses it
-  ASSERT_TRUE(accessibility_.Press(*WaitForControl("Restore")));
+  // The first row chosen (a row's action chooses it), then restored, once the
+  // list has come and the button is on.
+  ASSERT_TRUE(PumpUntil(
+      [&] {
+        const auto first = accessibility_.Find("1");
+        const auto restore = accessibility_.Find("Restore");
+        return first && restore && accessibility_.Press(*first) && accessibility_.Press(*restore);
+      },
+      30000))
+      << client->Output() << Controls();
   EXPECT_TRUE(PumpUntil([&] { return Read(ServerDocs() / "notes.txt") == "first" && Read(notes) == "first"; }, 60000))
       << client->Output() << MainLog(home);
 }
