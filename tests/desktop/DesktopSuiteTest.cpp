@@ -330,29 +330,39 @@ class FileManagerSuite : public DesktopSuite {
     bool opened = false;
     for (int attempt = 0; attempt < 5 && !opened; ++attempt) {
       if (attempt > 0) accessibility_.PressKey(kEscape);
-      if (!find(item, "grid cell", 30000)) return testing::AssertionFailure() << "no cell " << item << "\n" << Controls();
+      if (!find(item, "grid cell", 30000)) {
+        return testing::AssertionFailure() << "no cell " << item << ":\n" << Controls();
+      }
       const auto box = accessibility_.Extents(*found);
       if (!box) return testing::AssertionFailure() << "no place for " << item;
-      // The cell's place is in its window: the click goes to that window.
-      ChildProcess click("/usr/bin/xdotool",
-                         {"search", "--onlyvisible", "--class", "org.gnome.Nautilus", "mousemove", "--window", "%1",
-                          std::to_string(box->center().x()), std::to_string(box->center().y()), "click", "1", "click", "3"},
-                         {});
+      // The cell's place is in its window: the click goes to that window. The
+      // first click after a menu closed is eaten; a left click first takes it.
+      ChildProcess click(
+          "/usr/bin/xdotool",
+          {"search", "--onlyvisible", "--class", "org.gnome.Nautilus", "mousemove", "--window", "%1",
+           std::to_string(box->center().x()), std::to_string(box->center().y()), "click", "1", "click", "3"},
+          {});
       if (click.Wait(std::chrono::seconds(20)) != 0) return testing::AssertionFailure() << click.Output();
       opened = find(path.front(), "menu item", 5000) &&
                accessibility_.Find("\u201C" + item + "\u201D selected", "label", kVisible);
     }
-    if (!opened) return testing::AssertionFailure() << "no menu for " << item << "\n" << Controls();
+    if (!opened) return testing::AssertionFailure() << "no menu for " << item << ":\n" << Controls();
     for (const auto& entry : path) {
-      if (!find(entry, "menu item", 30000)) return testing::AssertionFailure() << "no entry " << entry << "\n" << Controls();
+      if (!find(entry, "menu item", 30000)) {
+        return testing::AssertionFailure() << "no entry " << entry << ":\n" << Controls();
+      }
       if (!accessibility_.Press(*found)) return testing::AssertionFailure() << entry << " did not answer";
     }
     return testing::AssertionSuccess();
   }
   // The desktop client and the accessibility bus, for the tests of the menu.
   ChildProcess* StartClientAndBus(const std::string& home) {
-    if (!host_.Start() || !accessibility_.Connect()) {
-      ADD_FAILURE() << "no tray host or accessibility bus on the session bus";
+    if (!accessibility_.Connect()) {
+      [] { GTEST_SKIP() << "no accessibility bus on the session bus"; }();
+      return nullptr;
+    }
+    if (!host_.Start()) {
+      ADD_FAILURE() << "the test may not be the tray host";
       return nullptr;
     }
     ChildProcess& client = StartDesktop(home);
@@ -433,7 +443,8 @@ TEST_F(FileManagerSuite, SendToFromTheMenuCopiesIntoAStorageWithoutOverwriting) 
   // Only the copy made is told of.
   EXPECT_TRUE(WaitForNotification("Corvalink Sync: File was sent to the root level of: Docs"));
   EXPECT_EQ(notifications_.received.size(), 1u);
-  EXPECT_NE(MainLog(home).find("send to Docs: " + (outside / "plan.txt").string() + ": not copied"), std::string::npos);
+  const std::string refused = "send to Docs: " + (outside / "plan.txt").string() + ": not copied";
+  EXPECT_NE(MainLog(home).find(refused), std::string::npos);
 }
 
 // "Share inside" and "Share outside" open the share window on the file; a share
@@ -500,7 +511,8 @@ TEST_F(FileManagerSuite, VersionsFromTheMenuRestoresTheFirstAndTheStorageFollows
       },
       30000))
       << client->Output() << Controls();
-  EXPECT_TRUE(PumpUntil([&] { return Read(ServerDocs() / "notes.txt") == "first" && Read(notes) == "first"; }, 60000))
+  EXPECT_TRUE(
+      PumpUntil([&] { return Read(ServerDocs() / "notes.txt") == "first" && Read(notes) == "first"; }, 60000))
       << client->Output() << MainLog(home);
 }
 #endif

@@ -121,14 +121,17 @@ std::optional<AccessibleObject> AccessibilityBus::Find(const std::string& name, 
     return children;
   };
   for (const auto& application : Applications()) {
-    Walk(application, 0, shownChildren,
-         [&](const AccessibleObject& object, int) {
-           if (Name(object).toStdString() != name) return false;
-           if (!role.empty() && Call(object, "org.a11y.atspi.Accessible", "GetRoleName").arguments().value(0) != QString::fromStdString(role)) return false;
-           found = object;
-           return true;
-         },
-         stop);
+    Walk(
+        application, 0, shownChildren,
+        [&](const AccessibleObject& object, int) {
+          if (Name(object).toStdString() != name) return false;
+          if (!role.empty() && Call(object, "org.a11y.atspi.Accessible", "GetRoleName").arguments().value(0) !=
+                                   QString::fromStdString(role))
+            return false;
+          found = object;
+          return true;
+        },
+        stop);
     if (found) break;
   }
   return found;
@@ -143,7 +146,8 @@ std::vector<std::string> AccessibilityBus::Describe() const {
            QDBusMessage role = Call(object, "org.a11y.atspi.Accessible", "GetRoleName");
            lines.push_back(std::string(depth * 2, ' ') +
                            (Answered(role) ? role.arguments().value(0).toString().toStdString() : "?") + " \"" +
-                           Name(object).toStdString() + "\"" + (Has(object, Shown::kShowing) ? "" : " (hidden)") + (Has(object, Shown::kVisible) ? "" : " (invisible)"));
+                           Name(object).toStdString() + "\"" + (Has(object, Shown::kShowing) ? "" : " (hidden)") +
+                           (Has(object, Shown::kVisible) ? "" : " (invisible)"));
            return false;
          },
          stop);

@@ -6,13 +6,13 @@
 #include <QDBusInterface>
 #include <QDBusMessage>
 #include <QDBusMetaType>
-#include <QDBusPendingCall>
 #include <QDBusObjectPath>
-#include <QDBusVariant>
+#include <QDBusPendingCall>
 #include <QDBusPendingCallWatcher>
+#include <QDBusVariant>
 #include <QElapsedTimer>
-#include <QThread>
 #include <QEventLoop>
+#include <QThread>
 #include <QTimer>
 
 namespace {
