@@ -120,18 +120,18 @@ std::optional<AccessibleObject> AccessibilityBus::Find(const std::string& name, 
     }
     return children;
   };
+  const auto roleMatches = [&](const AccessibleObject& object) {
+    return role.empty() || Call(object, "org.a11y.atspi.Accessible", "GetRoleName").arguments().value(0) ==
+                               QString::fromStdString(role);
+  };
   for (const auto& application : Applications()) {
-    Walk(
-        application, 0, shownChildren,
-        [&](const AccessibleObject& object, int) {
-          if (Name(object).toStdString() != name) return false;
-          if (!role.empty() && Call(object, "org.a11y.atspi.Accessible", "GetRoleName").arguments().value(0) !=
-                                   QString::fromStdString(role))
-            return false;
-          found = object;
-          return true;
-        },
-        stop);
+    Walk(application, 0, shownChildren,
+         [&](const AccessibleObject& object, int) {
+           if (Name(object).toStdString() != name || !roleMatches(object)) return false;
+           found = object;
+           return true;
+         },
+         stop);
     if (found) break;
   }
   return found;

@@ -24,7 +24,7 @@ class AccessibilityBus {
   // GTK 4 applications mark no object as showing: there the objects looked at are
   // the visible ones below visible parents.
   enum class Shown { kShowing, kVisible };
-  // The first showing object of that accessible name (and role, when given) in any application.
+  // The first shown object of that accessible name (and role, when given) in any application.
   std::optional<AccessibleObject> Find(const std::string& name, const std::string& role = {},
                                        Shown shown = Shown::kShowing) const;
   // Where the object is in its window (GTK 4 on X tells no place on the screen).
