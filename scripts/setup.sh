@@ -14,7 +14,7 @@ packages=(
   gnome-keyring libsecret-tools
   libnautilus-extension-dev
   libkf5kio-dev libkf5coreaddons-dev qtbase5-dev
-  nautilus bubblewrap
+  nautilus bubblewrap openbox xdotool
   clang libclang-rt-dev
 )
 

@@ -233,47 +233,6 @@ TEST_F(DesktopSuite, NotificationsTurnedOffAreNotSent) {
   EXPECT_TRUE(notifications_.received.empty()) << notifications_.received.front();
 }
 
-// With no tray host the window stands in for the item; a second start asks the
-// first to show itself and ends.
-// The share window opened on a file as the file manager's menu opens it (share
-// without recipients asks the running client over the same channel), and a
-// share inside and one outside made in it, worked over the accessibility bus.
-TEST_F(DesktopSuite, TheShareWindowOpensOnAFileAndSharesInsideAndOutside) {
-  StartServer({"--user", "bob:pw"});
-  const std::string home = MakeClientHome("alice");
-  Write(ServerDocs() / "report.txt", "numbers");
-  Write(ClientDocs(home) / "report.txt", "numbers");
-  const std::string file = (ClientDocs(home) / "report.txt").string();
-  ASSERT_TRUE(host_.Start());
-  ASSERT_TRUE(accessibility_.Connect()) << "no accessibility bus on the session bus";
-  ChildProcess& client = StartDesktop(home);
-  ASSERT_TRUE(WaitForItem()) << client.Output();
-  struct Case {
-    std::vector<std::string> arguments;
-    std::vector<std::pair<std::string, std::string>> fields;  // accessible name, text
-    std::string shown, add, logged;  // what must show before add is pressed; the log line of the share
-  } cases[] = {
-      {{"share", file}, {{"Find users", "bo"}}, "bob@devserver", "Add the user",
-       "Share to internal finished with result: 0"},
-      {{"share", file, "--external"}, {{"Recipient name", "X"}, {"Recipient e-mail", "x@example.com"}}, "",
-       "Add the recipient", "Share to external finished with result: 0"},
-  };
-  for (const auto& c : cases) {
-    auto run = RunCommand(home, c.arguments);
-    ASSERT_EQ(run.code, 0) << run.output;
-    for (const auto& [name, text] : c.fields) {
-      auto field = WaitForControl(name);
-      ASSERT_TRUE(field) << client.Output() << Controls();
-      ASSERT_TRUE(accessibility_.SetText(*field, text));
-    }
-    ASSERT_TRUE(PumpUntil([&] { return Controls().find(c.shown) != std::string::npos; }, 30000)) << Controls();
-    ASSERT_TRUE(accessibility_.Press(*WaitForControl(c.add)));
-    ASSERT_TRUE(accessibility_.Press(*WaitForControl("Share")));
-    EXPECT_TRUE(PumpUntil([&] { return MainLog(home).find(c.logged) != std::string::npos; }, 30000))
-        << MainLog(home);
-  }
-}
-
 // Two accounts on the local server: what alice shares shows in bob's Shared In
 // window, opened from his tray, and comes into his cache from there.
 TEST_F(DesktopSuite, AShareFromAliceShowsInBobsSharedInWindowAndDownloads) {
@@ -311,6 +270,8 @@ TEST_F(DesktopSuite, AShareFromAliceShowsInBobsSharedInWindowAndDownloads) {
   EXPECT_NE(MainLog(bob).find("View shared files button pressed"), std::string::npos);
 }
 
+// With no tray host the window stands in for the item; a second start asks the
+// first to show itself and ends.
 TEST_F(DesktopSuite, WithoutATrayHostTheWindowOpensAndASecondStartShowsIt) {
   const std::string home = MakeEmptyHome("plain");
   ChildProcess& first = StartDesktop(home);
@@ -321,12 +282,18 @@ TEST_F(DesktopSuite, WithoutATrayHostTheWindowOpensAndASecondStartShowsIt) {
 }
 
 #ifdef CORVALINK_NAUTILUS_LAUNCHER
-// GNOME Files itself with the extension of this build, opened on a synced
-// storage: the badges it is given are read back from the extension's debug log.
+// GNOME Files itself with the extension of this build, opened on a folder: the
+// badges it is given are read back from the extension's debug log, its context
+// menu opened with a right click and its entries chosen over the accessibility bus.
 class FileManagerSuite : public DesktopSuite {
  protected:
-  // GNOME Files on folder, in the client's environment, as its user starts it.
-  ChildProcess& StartFileManager(const std::string& home, const std::filesystem::path& folder) {
+  // GNOME Files on folder, in the client's environment, as its user starts it,
+  // once the extension has said ready; nullptr when the test is skipped or failed.
+  ChildProcess* StartFileManager(const std::string& home, const std::filesystem::path& folder,
+                                 const std::string& ready) {
+    // A window manager gives the window the keyboard and places its menus.
+    clients_.push_back(std::make_unique<ChildProcess>("/usr/bin/openbox", std::vector<std::string>{},
+                                                      std::map<std::string, std::string>{}));
     auto environment = ClientEnvironment(home);
     environment.erase("DBUS_SESSION_BUS_ADDRESS");
     environment["XDG_DATA_DIRS"] = std::string(CORVALINK_SHARE_DIR) + ":/usr/share";  // the emblems of the build
@@ -336,11 +303,72 @@ class FileManagerSuite : public DesktopSuite {
         std::vector<std::string>{CORVALINK_NAUTILUS_EXTENSIONS, CORVALINK_NAUTILUS_SYSTEM_EXTENSIONS, "--new-window",
                                  folder.string()},
         environment));
-    return *clients_.back();
+    ChildProcess& files = *clients_.back();
+    if (WaitForLine(files, ready)) return &files;
+    if (files.Output().find("skipped: ") != std::string::npos) {
+      [&] { GTEST_SKIP() << files.Output(); }();  // the caller returns at once
+    } else {
+      ADD_FAILURE() << files.Output();
+    }
+    return nullptr;
   }
   // Until GNOME Files has said line, serving the bus meanwhile (the test is the tray host).
   bool WaitForLine(ChildProcess& files, const std::string& line) {
     return PumpUntil([&] { return files.CountLines(line) > 0; }, 60000);
+  }
+  // A right click on the item's cell in GNOME Files' window opens its context
+  // menu; each entry of path is then chosen as a click would (a submenu's entry
+  // opens it). A view still sorting its items may move one under the click: the
+  // menu counts once the window says that item alone is selected.
+  testing::AssertionResult ChooseFromMenu(const std::string& item, const std::vector<std::string>& path) {
+    constexpr auto kVisible = AccessibilityBus::Shown::kVisible;
+    constexpr int kEscape = 0xff1b;
+    std::optional<AccessibleObject> found;
+    const auto find = [&](const std::string& name, const char* role, int milliseconds) {
+      return PumpUntil([&] { return (found = accessibility_.Find(name, role, kVisible)).has_value(); }, milliseconds);
+    };
+    bool opened = false;
+    for (int attempt = 0; attempt < 5 && !opened; ++attempt) {
+      if (attempt > 0) accessibility_.PressKey(kEscape);
+      if (!find(item, "grid cell", 30000)) {
+        return testing::AssertionFailure() << "no cell " << item << ":\n" << Controls();
+      }
+      const auto box = accessibility_.Extents(*found);
+      if (!box) return testing::AssertionFailure() << "no place for " << item;
+      // The cell's place is in its window: the click goes to that window. The
+      // first click after a menu closed is eaten; a left click first takes it.
+      ChildProcess click(
+          "/usr/bin/xdotool",
+          {"search", "--onlyvisible", "--class", "org.gnome.Nautilus", "mousemove", "--window", "%1",
+           std::to_string(box->center().x()), std::to_string(box->center().y()), "click", "1", "click", "3"},
+          {});
+      if (click.Wait(std::chrono::seconds(20)) != 0) return testing::AssertionFailure() << click.Output();
+      opened = find(path.front(), "menu item", 5000) &&
+               accessibility_.Find("\u201C" + item + "\u201D selected", "label", kVisible);
+    }
+    if (!opened) return testing::AssertionFailure() << "no menu for " << item << ":\n" << Controls();
+    for (const auto& entry : path) {
+      if (!find(entry, "menu item", 30000)) {
+        return testing::AssertionFailure() << "no entry " << entry << ":\n" << Controls();
+      }
+      if (!accessibility_.Press(*found)) return testing::AssertionFailure() << entry << " did not answer";
+    }
+    return testing::AssertionSuccess();
+  }
+  // The desktop client and the accessibility bus, for the tests of the menu.
+  ChildProcess* StartClientAndBus(const std::string& home) {
+    if (!accessibility_.Connect()) {
+      [] { GTEST_SKIP() << "no accessibility bus on the session bus"; }();
+      return nullptr;
+    }
+    if (!host_.Start()) {
+      ADD_FAILURE() << "the test may not be the tray host";
+      return nullptr;
+    }
+    ChildProcess& client = StartDesktop(home);
+    if (WaitForItem()) return &client;
+    ADD_FAILURE() << client.Output();
+    return nullptr;
   }
   static std::string Badge(const char* emblem, const std::filesystem::path& path) {
     return std::string("emblem ") + emblem + " on " + path.string();
@@ -362,11 +390,9 @@ TEST_F(FileManagerSuite, GnomeFilesShowsTheBadgesOfAStorageAndFollowsAChange) {
 
   // The files are on screen before the client runs, without badges; they get
   // theirs once it is there.
-  ChildProcess& files = StartFileManager(home, ClientDocs(home));
-  if (!files.WaitForLine("no client answers", std::chrono::seconds(60))) {
-    if (files.Output().find("skipped: ") != std::string::npos) GTEST_SKIP() << files.Output();
-    FAIL() << files.Output();
-  }
+  ChildProcess* started = StartFileManager(home, ClientDocs(home), "no client answers");
+  if (!started) return;
+  ChildProcess& files = *started;
   ASSERT_TRUE(host_.Start());
   ChildProcess& client = StartDesktop(home, "0.1");
   for (const auto& path : {notes, ClientDocs(home) / "Reports"}) {
@@ -386,6 +412,110 @@ TEST_F(FileManagerSuite, GnomeFilesShowsTheBadgesOfAStorageAndFollowsAChange) {
   const int inStep = files.CountLines(Badge(kInStep, notes));
   EXPECT_TRUE(PumpUntil([&] { return files.CountLines(Badge(kInStep, notes)) > inStep; }, 60000)) << files.Output();
   EXPECT_EQ(Read(notes), "second") << files.Output();
+}
+
+// "Send to Corvalink" on files outside the storages: one comes into the storage
+// and up to the server; one whose name is there already is not copied, and the
+// storage's file stays as it was.
+TEST_F(FileManagerSuite, SendToFromTheMenuCopiesIntoAStorageWithoutOverwriting) {
+  StartServer();
+  const std::string home = MakeClientHome("send");
+  Write(ServerDocs() / "plan.txt", "the storage's plan");
+  Write(ClientDocs(home) / "plan.txt", "the storage's plan");
+  const auto outside = root_ / "Outside";
+  Write(outside / "letter.txt", "dear server");
+  Write(outside / "plan.txt", "another plan");
+  ChildProcess* client = StartClientAndBus(home);
+  ChildProcess* files = client ? StartFileManager(home, outside, "subscribed on") : nullptr;
+  if (!files) return;
+  struct Case {
+    std::string item, logged, held;  // the extension's line; what the storage and the server hold afterwards
+  } cases[] = {
+      {"letter.txt", "send to Docs: sent", "dear server"},
+      {"plan.txt", "send to Docs: not sent", "the storage's plan"},
+  };
+  for (const auto& c : cases) {
+    ASSERT_TRUE(ChooseFromMenu(c.item, {"Send to Corvalink", "Docs"})) << files->Output();
+    ASSERT_TRUE(WaitForLine(*files, c.logged)) << files->Output();
+    EXPECT_TRUE(PumpUntil([&] { return Read(ServerDocs() / c.item) == c.held; }, 60000)) << client->Output();
+    EXPECT_EQ(Read(ClientDocs(home) / c.item), c.held);
+  }
+  // Only the copy made is told of.
+  EXPECT_TRUE(WaitForNotification("Corvalink Sync: File was sent to the root level of: Docs"));
+  EXPECT_EQ(notifications_.received.size(), 1u);
+  const std::string refused = "send to Docs: " + (outside / "plan.txt").string() + ": not copied";
+  EXPECT_NE(MainLog(home).find(refused), std::string::npos);
+}
+
+// "Share inside" and "Share outside" open the share window on the file; a share
+// made in each is found in the local server's list with its recipient.
+TEST_F(FileManagerSuite, TheShareEntriesOpenTheShareWindowOnTheFile) {
+  StartServer({"--user", "bob:pw"});
+  const std::string home = MakeClientHome("alice");
+  Write(ServerDocs() / "report.txt", "numbers");
+  Write(ClientDocs(home) / "report.txt", "numbers");
+  ChildProcess* client = StartClientAndBus(home);
+  ChildProcess* files = client ? StartFileManager(home, ClientDocs(home), "subscribed on") : nullptr;
+  if (!files) return;
+  struct Case {
+    std::string entry;
+    std::vector<std::pair<std::string, std::string>> fields;  // accessible name, text
+    std::string shown, add, logged;  // what must show before add is pressed; the log line of the share
+  } cases[] = {
+      {"Share inside", {{"Find users", "bo"}}, "bob@devserver", "Add the user",
+       "Share to internal finished with result: 0"},
+      {"Share outside", {{"Recipient name", "X"}, {"Recipient e-mail", "x@example.com"}}, "", "Add the recipient",
+       "Share to external finished with result: 0"},
+  };
+  for (const auto& c : cases) {
+    ASSERT_TRUE(ChooseFromMenu("report.txt", {c.entry})) << files->Output();
+    for (const auto& [name, text] : c.fields) {
+      ASSERT_TRUE(accessibility_.SetText(*WaitForControl(name), text));
+    }
+    ASSERT_TRUE(PumpUntil([&] { return Controls().find(c.shown) != std::string::npos; }, 30000)) << Controls();
+    ASSERT_TRUE(accessibility_.Press(*WaitForControl(c.add)));
+    ASSERT_TRUE(accessibility_.Press(*WaitForControl("Share")));
+    EXPECT_TRUE(PumpUntil([&] { return MainLog(home).find(c.logged) != std::string::npos; }, 30000))
+        << MainLog(home);
+  }
+  keepSessionBus_ = true;  // the desktop client moved the password into the session's keyring
+  const auto listed = RunCommand(home, {"shared", "out"});
+  for (const char* recipient : {"bob@devserver", "x@example.com"}) {
+    EXPECT_NE(listed.output.find(recipient), std::string::npos) << listed.output;
+  }
+}
+
+// "Versions" on a file edited three times opens its version window; the first
+// version restored is on the server and comes back into the storage.
+TEST_F(FileManagerSuite, VersionsFromTheMenuRestoresTheFirstAndTheStorageFollows) {
+  StartServer();
+  const std::string home = MakeClientHome("versions");
+  const auto notes = ClientDocs(home) / "notes.txt";
+  Write(ServerDocs() / "notes.txt", "first");
+  ASSERT_EQ(RunOnce(home), 0);
+  for (const char* content : {"second!", "third!!!", "fourth"}) {
+    Write(notes, content);
+    ASSERT_EQ(RunOnce(home), 0);
+  }
+  ChildProcess* client = StartClientAndBus(home);
+  ChildProcess* files = client ? StartFileManager(home, ClientDocs(home), "subscribed on") : nullptr;
+  if (!files) return;
+  ASSERT_TRUE(ChooseFromMenu("notes.txt", {"Versions"})) << files->Output();
+  // The first row chosen once the list has come (a row's action toggles its
+  // choice, so it is pressed once), then restored once the button is on.
+  bool chosen = false;
+  ASSERT_TRUE(PumpUntil(
+      [&] {
+        const auto first = accessibility_.Find("1");
+        if (first && !chosen) chosen = accessibility_.Press(*first);
+        const auto restore = accessibility_.Find("Restore");
+        return chosen && restore && accessibility_.Press(*restore);
+      },
+      30000))
+      << client->Output() << Controls();
+  EXPECT_TRUE(
+      PumpUntil([&] { return Read(ServerDocs() / "notes.txt") == "first" && Read(notes) == "first"; }, 60000))
+      << client->Output() << MainLog(home);
 }
 #endif
 

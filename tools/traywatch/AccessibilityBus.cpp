@@ -16,6 +16,8 @@ constexpr auto kRoot = "/org/a11y/atspi/accessible/root";
 constexpr auto kRegistry = "org.a11y.atspi.Registry";
 constexpr auto kKeyboard = "/org/a11y/atspi/registry/deviceeventcontroller";
 constexpr uint kStateShowing = 25;
+constexpr uint kStateVisible = 30;
+constexpr uint kCoordinatesOfWindow = 1;
 constexpr uint kKeySym = 3;
 constexpr uint kKeyString = 4;
 
@@ -82,12 +84,13 @@ QString AccessibilityBus::Name(const AccessibleObject& object) const {
   return reply.arguments().first().value<QDBusVariant>().variant().toString();
 }
 
-bool AccessibilityBus::Showing(const AccessibleObject& object) const {
+bool AccessibilityBus::Has(const AccessibleObject& object, Shown shown) const {
   QDBusMessage reply = Call(object, "org.a11y.atspi.Accessible", "GetState");
   if (!Answered(reply) || reply.arguments().isEmpty()) return false;
   QList<uint> states;
   reply.arguments().first().value<QDBusArgument>() >> states;
-  return !states.isEmpty() && (states.first() & (1u << kStateShowing)) != 0;
+  const uint bit = shown == Shown::kShowing ? kStateShowing : kStateVisible;
+  return !states.isEmpty() && (states.first() & (1u << bit)) != 0;
 }
 
 namespace {
@@ -106,20 +109,25 @@ void Walk(const AccessibleObject& object, int depth,
 }
 }  // namespace
 
-std::optional<AccessibleObject> AccessibilityBus::Find(const std::string& name) const {
+std::optional<AccessibleObject> AccessibilityBus::Find(const std::string& name, const std::string& role,
+                                                       Shown shown) const {
   std::optional<AccessibleObject> found;
   bool stop = false;
-  const auto showingChildren = [this](const AccessibleObject& object) {
-    std::vector<AccessibleObject> showing;
+  const auto shownChildren = [this, shown](const AccessibleObject& object) {
+    std::vector<AccessibleObject> children;
     for (const auto& child : Children(object)) {
-      if (Showing(child)) showing.push_back(child);
+      if (Has(child, shown)) children.push_back(child);
     }
-    return showing;
+    return children;
+  };
+  const auto roleMatches = [&](const AccessibleObject& object) {
+    return role.empty() || Call(object, "org.a11y.atspi.Accessible", "GetRoleName").arguments().value(0) ==
+                               QString::fromStdString(role);
   };
   for (const auto& application : Applications()) {
-    Walk(application, 0, showingChildren,
+    Walk(application, 0, shownChildren,
          [&](const AccessibleObject& object, int) {
-           if (Name(object).toStdString() != name) return false;
+           if (Name(object).toStdString() != name || !roleMatches(object)) return false;
            found = object;
            return true;
          },
@@ -138,12 +146,24 @@ std::vector<std::string> AccessibilityBus::Describe() const {
            QDBusMessage role = Call(object, "org.a11y.atspi.Accessible", "GetRoleName");
            lines.push_back(std::string(depth * 2, ' ') +
                            (Answered(role) ? role.arguments().value(0).toString().toStdString() : "?") + " \"" +
-                           Name(object).toStdString() + "\"" + (Showing(object) ? "" : " (hidden)"));
+                           Name(object).toStdString() + "\"" + (Has(object, Shown::kShowing) ? "" : " (hidden)") +
+                           (Has(object, Shown::kVisible) ? "" : " (invisible)"));
            return false;
          },
          stop);
   }
   return lines;
+}
+
+std::optional<QRect> AccessibilityBus::Extents(const AccessibleObject& object) const {
+  QDBusMessage reply = Call(object, "org.a11y.atspi.Component", "GetExtents", {kCoordinatesOfWindow});
+  if (!Answered(reply) || reply.arguments().isEmpty()) return std::nullopt;
+  int x = 0, y = 0, width = 0, height = 0;
+  const auto box = reply.arguments().first().value<QDBusArgument>();
+  box.beginStructure();
+  box >> x >> y >> width >> height;
+  box.endStructure();
+  return QRect(x, y, width, height);
 }
 
 bool AccessibilityBus::SetText(const AccessibleObject& object, const std::string& text) const {

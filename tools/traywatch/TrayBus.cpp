@@ -6,11 +6,14 @@
 #include <QDBusInterface>
 #include <QDBusMessage>
 #include <QDBusMetaType>
-#include <QDBusPendingCall>
 #include <QDBusObjectPath>
+#include <QDBusPendingCall>
+#include <QDBusPendingCallWatcher>
 #include <QDBusVariant>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QThread>
+#include <QTimer>
 
 namespace {
 constexpr auto kWatcher = "org.kde.StatusNotifierWatcher";
@@ -33,14 +36,21 @@ void Release(const char* service, const char* path) {
 
 // A call that keeps this process answering while it waits (the client calls the
 // tray host and the notification server too). Qt's own waiting with the GUI
-// running can miss its wake-up and then waits for ever; this one looks every 20 ms.
+// running can miss its wake-up and then waits for ever: the loop ends on the
+// answer's signal, and looks every 20 ms besides.
 QDBusMessage CallAnswering(const QDBusConnection& bus, const QDBusMessage& call) {
   QDBusPendingCall pending = bus.asyncCall(call, 5000);
-  QElapsedTimer timer;
-  timer.start();
-  while (!pending.isFinished() && timer.elapsed() < 6000) {
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    QThread::msleep(5);
+  if (!pending.isFinished()) {
+    QEventLoop loop;
+    QDBusPendingCallWatcher watcher(pending);
+    QObject::connect(&watcher, &QDBusPendingCallWatcher::finished, &loop, &QEventLoop::quit);
+    QTimer look;
+    QObject::connect(&look, &QTimer::timeout, &loop, [&] {
+      if (pending.isFinished()) loop.quit();
+    });
+    look.start(20);
+    QTimer::singleShot(6000, &loop, &QEventLoop::quit);
+    loop.exec();
   }
   return pending.isFinished() ? pending.reply() : QDBusMessage::createError(QDBusError::Timeout, "no answer");
 }
