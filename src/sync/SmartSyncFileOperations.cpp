@@ -126,11 +126,24 @@ SmartSyncFileOperations::SmartSyncFileOperations(AppDelegate& app, ServerFileOpe
             downloader->SetLanding(&landing_, /*onlyWherePathFree=*/true);
             return downloader;
           },
-          [](const CVFileWithAction& item, AsyncFileDownloader& downloader) { return downloader.DownloadFile(item); }) {}
+          [](const CVFileWithAction& item, AsyncFileDownloader& downloader) { return downloader.DownloadFile(item); }),
+      uploadsAhead_(
+          kUploadsAhead, [this] { return server_.Beside(); },
+          [this](const CVFileWithAction& item, ServerFileOperations& sender) -> std::optional<ServerFileOperations::Sent> {
+            if (CVStaticHelpers::isFileLockedPreUploadCheck(item.nFilePath, app_.clock())) return std::nullopt;
+            const auto serverData = GetFileInfo(item.nFilePath);
+            if (!serverData || !serverData->empty()) return std::nullopt;  // the loop decides what the server's item means
+            CVFileWithAction copy = item;
+            return sender.SendFile(copy);
+          },
+          [](ServerFileOperations& sender) { sender.StopCurrentAction(); }) {}
 
 SmartSyncFileOperations::~SmartSyncFileOperations() = default;
 
-void SmartSyncFileOperations::StopCurrentAction() { server_.StopCurrentAction(); }
+void SmartSyncFileOperations::StopCurrentAction() {
+  server_.StopCurrentAction();
+  uploadsAhead_.Stop();
+}
 
 void SmartSyncFileOperations::MarkInProgress(const std::string& path, bool isFolder) {
   app_.AddFileInProgress(path);
@@ -545,6 +558,22 @@ std::int32_t SmartSyncFileOperations::HoldBack(const HeldBackName& name) {
   return SYNC_RETURN_NAME_HELD_BACK;
 }
 
+bool SmartSyncFileOperations::UploadQualifies(const CVFileWithAction& item) {
+  if (item.fileAction != FWA_UploadToServer || item.isFolder || item.isFSWAction) return false;
+  struct stat info {};
+  if (::lstat(item.nFilePath.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > kLargestUploadAhead) {
+    return false;
+  }
+  if (IsRecorded(item.nFilePath) || NameHeldBack(item.nFilePath)) return false;
+  // Its folder went up before it: the storage's own, or one the record knows.
+  const std::string folder = ParentOf(item.nFilePath);
+  auto storage = StorageOf(item.nFilePath);
+  if (!storage) return false;
+  if (folder == CVStaticHelpers::GenerateRootPathForStorages() + "/" + storage->first) return true;
+  auto record = RecordOf(folder);
+  return record && record->isFolder;
+}
+
 bool SmartSyncFileOperations::CheckNextFileOnServer(const CVFileWithAction& item,
                                                     const std::optional<std::vector<std::string>>& serverData) {
   try {
@@ -562,6 +591,15 @@ std::int32_t SmartSyncFileOperations::PerformUploadToServer(SmartSync& sync, CVF
   try {
     Log("PerformUploadToServer", "Upload to server:  " + item.nFilePath);
     app_.AddFileInProgress(item.nFilePath);
+    auto ahead = uploadsAhead_.Take(item, /*sameVersionOnly=*/false);
+    // The next new files go up while this one does.
+    uploadsAhead_.Start(sync.serverQueue().FirstItems(2 * kUploadsAhead),
+                        [this](const CVFileWithAction& next) { return UploadQualifies(next); }, /*leadingOnly=*/true);
+    if (ahead && ahead->second && ahead->second->code == SYNC_RETURN_OK) {
+      // The server had nothing there and has the file now: recorded in its turn,
+      // unless it changed after it went up.
+      return server_.RecordSent(item, *ahead->second);
+    }
     if (!CVStaticHelpers::ExistsInAnyForm(item.nFilePath)) return SYNC_RETURN_STATE_CHANGED;
     if (auto held = NameHeldBack(item.nFilePath)) return HoldBack(*held);
     struct stat info {};
@@ -846,6 +884,10 @@ void SmartSyncFileOperations::LandDownloads() {
 }
 
 void SmartSyncFileOperations::FinishPendingWork() {
+  if (const std::size_t left = uploadsAhead_.Finish()) {
+    // Not recorded: the next pass finds them on the server with the same content.
+    Log("FinishPendingWork", std::to_string(left) + " upload(s) sent ahead were not reached");
+  }
   ahead_.Finish();
   if (landing_.empty()) return;
   LandDownloads();

@@ -31,6 +31,8 @@ class FakeServerOperations : public ServerFileOperations {
     return Note("same?", item) == SYNC_RETURN_OK && serverHoldsSame;
   }
   void StopCurrentAction() override {}
+  Sent SendFile(CVFileWithAction& item) override { return {Note("upload", item), {}, {}}; }
+  std::int32_t RecordSent(CVFileWithAction&, const Sent&) override { return SYNC_RETURN_OK; }
 
   std::int32_t Note(const std::string& what, const CVFileWithAction& item) {
     calls.push_back(what + ":" + fs::path(item.nFilePath).filename().string());
