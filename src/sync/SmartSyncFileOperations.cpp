@@ -62,6 +62,9 @@ std::optional<std::int64_t> Number(const std::string& text) {
 
 const char* Kind(bool isFolder) { return isFolder ? "folder" : "file"; }
 
+// A GetFileInfo reply that says the server has no item at the path.
+bool NotOnServer(const std::string& reply) { return StartsWith(reply, "-100;") || StartsWith(reply, "-6;"); }
+
 // The record of the last sync, asked path by path (in any normalisation form).
 std::optional<CVFileForCompare> RecordOf(const std::string& path) { return DownloadedFilesStore::Instance().FindSame(path); }
 
@@ -131,8 +134,8 @@ SmartSyncFileOperations::SmartSyncFileOperations(AppDelegate& app, ServerFileOpe
           kUploadsAhead, [this] { return server_.Beside(); },
           [this](const CVFileWithAction& item, ServerFileOperations& sender) -> std::optional<ServerFileOperations::Sent> {
             if (CVStaticHelpers::isFileLockedPreUploadCheck(item.nFilePath, app_.clock())) return std::nullopt;
-            const auto serverData = GetFileInfo(item.nFilePath);
-            if (!serverData || !serverData->empty()) return std::nullopt;  // the loop decides what the server's item means
+            // Only where the server says it has nothing; the loop decides what anything else means.
+            if (!NotOnServer(GetFileInfoReturnForPath(item.nFilePath))) return std::nullopt;
             CVFileWithAction copy = item;
             return sender.SendFile(copy);
           },
@@ -771,7 +774,7 @@ std::int32_t SmartSyncFileOperations::PerformDownloadFromServer(SmartSync& sync,
 bool SmartSyncFileOperations::ForgetIfGoneFromServer(const CVFileWithAction& item, const char* method) {
   // After a failed transfer the server is asked whether the item is still there.
   std::string reply = GetFileInfoReturnForPath(item.nFilePath);
-  if (StartsWith(reply, "-100;") || StartsWith(reply, "-6;")) {
+  if (NotOnServer(reply)) {
     AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
     return true;
   }

@@ -3,18 +3,22 @@
 // own while the loop is busy with the one before, so that a run of small files
 // does not cost one round trip after another. The loop still takes every item
 // in order and, reaching one that runs here, takes its end instead of starting
-// it again. Each transfer has a worker of its own, which a stop reaches.
+// it again. Each transfer has a worker of its own, which a stop reaches. The
+// threads stay for the next transfers, so that each keeps its connections.
 //
 // Start, Take and Finish belong to the loop thread; Stop may come from any.
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <iterator>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -32,7 +36,15 @@ class WorkAhead {
 
   WorkAhead(std::size_t most, Make make, Run run, Halt halt)
       : most_(most), make_(std::move(make)), run_(std::move(run)), halt_(std::move(halt)) {}
-  ~WorkAhead() { Finish(); }
+  ~WorkAhead() {
+    Finish();
+    {
+      std::lock_guard<std::mutex> lock(tasksLock_);
+      closing_ = true;
+    }
+    tasksChanged_.notify_all();
+    for (auto& thread : threads_) thread.join();
+  }
   WorkAhead(const WorkAhead&) = delete;
   WorkAhead& operator=(const WorkAhead&) = delete;
 
@@ -53,8 +65,9 @@ class WorkAhead {
       }
       auto worker = make_();
       if (!worker) break;
-      auto result = std::async(std::launch::async, [run = run_, worker, item] { return run(item, *worker); });
-      entries_.push_back(Entry{item, std::move(worker), std::move(result)});
+      std::packaged_task<Outcome()> task([run = run_, worker, item] { return run(item, *worker); });
+      entries_.push_back(Entry{item, worker, task.get_future()});
+      Hand(std::move(task));
     }
   }
 
@@ -125,6 +138,30 @@ class WorkAhead {
     for (auto& entry : stale) entry.result.wait();
   }
 
+  // At most `most` transfers run or wait at a time, so a thread is there for each.
+  void Hand(std::packaged_task<Outcome()> task) {
+    {
+      std::lock_guard<std::mutex> lock(tasksLock_);
+      tasks_.push_back(std::move(task));
+    }
+    tasksChanged_.notify_one();
+    if (threads_.size() < most_) threads_.emplace_back([this] { Serve(); });
+  }
+
+  void Serve() {
+    for (;;) {
+      std::packaged_task<Outcome()> task;
+      {
+        std::unique_lock<std::mutex> lock(tasksLock_);
+        tasksChanged_.wait(lock, [this] { return closing_ || !tasks_.empty(); });
+        if (tasks_.empty()) return;
+        task = std::move(tasks_.front());
+        tasks_.pop_front();
+      }
+      task();
+    }
+  }
+
   bool RunningFor(const CVFileWithAction& item) const {
     return std::any_of(entries_.begin(), entries_.end(),
                        [&](const Entry& entry) { return entry.item.nFilePath == item.nFilePath; });
@@ -136,4 +173,9 @@ class WorkAhead {
   Halt halt_;
   mutable std::mutex mutex_;  // guards entries_ against Stop from another thread
   std::vector<Entry> entries_;
+  std::mutex tasksLock_;  // guards tasks_ and closing_
+  std::condition_variable tasksChanged_;
+  std::deque<std::packaged_task<Outcome()>> tasks_;
+  bool closing_ = false;
+  std::vector<std::thread> threads_;  // the loop thread's only
 };
