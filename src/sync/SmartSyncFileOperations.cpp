@@ -595,9 +595,12 @@ std::int32_t SmartSyncFileOperations::PerformUploadToServer(SmartSync& sync, CVF
     Log("PerformUploadToServer", "Upload to server:  " + item.nFilePath);
     app_.AddFileInProgress(item.nFilePath);
     auto ahead = uploadsAhead_.Take(item, /*sameVersionOnly=*/false);
-    // The next new files go up while this one does.
-    uploadsAhead_.Start(sync.serverQueue().FirstItems(2 * kUploadsAhead),
-                        [this](const CVFileWithAction& next) { return UploadQualifies(next); }, /*leadingOnly=*/true);
+    // The next new files go up while this one does; after a folder, once it is there.
+    if (!item.isFolder) {
+      uploadsAhead_.Start(sync.serverQueue().FirstItems(2 * kUploadsAhead),
+                          [this](const CVFileWithAction& next) { return UploadQualifies(next); },
+                          /*leadingOnly=*/true);
+    }
     if (ahead && ahead->second && ahead->second->code == SYNC_RETURN_OK) {
       // The server had nothing there and has the file now: recorded in its turn,
       // unless it changed after it went up.
