@@ -212,6 +212,7 @@ std::string SmartSyncFileOperations::GetFileInfoReturnForPath(const std::string&
 
 std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, CVFileWithAction& item) {
   Log("PerformNextFileOperation", "Next File Operation " + item.nFilePath);
+  SettleUploadsAhead(item);
   auto storage = CVStaticHelpers::GetSpSiteForLocalPath(item.nFilePath);
   if (!storage) return SYNC_RETURN_OK;  // no storage: the entry stays where it is
   auto site = CVSelectiveSync::Instance().GetSiteRulesByName(storage->Name);
@@ -231,13 +232,7 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
         markBusy();
         result = PerformUploadToServer(sync, item);
         if (result == SYNC_RETURN_OK) {
-          WriteState(item.nFilePath, "0", item.isFolder);
-          if (site && !item.oldFilePath.empty()) {
-            site->renameSyncItemAndRule(item.oldFilePath, item.nFilePath, item.isFolder);
-          } else if (site) {
-            site->addSyncItem(item.isFolder, item.nFilePath);
-            site->addSyncRule(CVSelectiveSyncRule::syncAll, item.nFilePath);
-          }
+          Uploaded(site, item);
         } else {
           WriteState(item.nFilePath, "2", item.isFolder);
         }
@@ -559,6 +554,28 @@ std::int32_t SmartSyncFileOperations::HoldBack(const HeldBackName& name) {
   Log("HoldBack", HeldBackNames::Describe(name));
   if (HeldBackNames::Instance().Hold(name)) app_.NotifyUser(HeldBackNames::Describe(name));
   return SYNC_RETURN_NAME_HELD_BACK;
+}
+
+void SmartSyncFileOperations::Uploaded(const std::shared_ptr<CVSelectiveSyncSite>& site, const CVFileWithAction& item) {
+  WriteState(item.nFilePath, "0", item.isFolder);
+  if (site && !item.oldFilePath.empty()) {
+    site->renameSyncItemAndRule(item.oldFilePath, item.nFilePath, item.isFolder);
+  } else if (site) {
+    site->addSyncItem(item.isFolder, item.nFilePath);
+    site->addSyncRule(CVSelectiveSyncRule::syncAll, item.nFilePath);
+  }
+}
+
+void SmartSyncFileOperations::SettleUploadsAhead(const CVFileWithAction& next) {
+  if (uploadsAhead_.Running() == 0 || uploadsAhead_.Holds(next)) return;
+  for (auto& [item, sent] : uploadsAhead_.TakeAll()) {
+    if (!sent || sent->code != SYNC_RETURN_OK) continue;
+    Log("SettleUploadsAhead", "sent ahead, recorded before " + next.nFilePath + ": " + item.nFilePath);
+    app_.AddFileInProgress(item.nFilePath);
+    if (server_.RecordSent(item, *sent) == SYNC_RETURN_OK) {
+      Uploaded(CVSelectiveSync::GetSelectiveSyncSiteForLocalPath(item.nFilePath), item);
+    }
+  }
 }
 
 bool SmartSyncFileOperations::UploadQualifies(const CVFileWithAction& item) {

@@ -102,6 +102,13 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   // True for an upload worth sending before the loop reaches it: a new small
   // file, a plain one under a name that may go up, in a folder the server has.
   bool UploadQualifies(const CVFileWithAction& item);
+  // Before any item but the next of those sent ahead: what went up ahead is
+  // recorded first, in its order, as the loop would have had it, so that an
+  // item that comes in between (a local rename of one of these files) finds
+  // them on the server and in the record.
+  void SettleUploadsAhead(const CVFileWithAction& next);
+  // What follows an upload here: its overlay state and its place in the selective sync store.
+  void Uploaded(const std::shared_ptr<CVSelectiveSyncSite>& site, const CVFileWithAction& item);
   // True (and the record forgotten) when the server no longer has the item.
   bool ForgetIfGoneFromServer(const CVFileWithAction& item, const char* method);
 

@@ -99,16 +99,28 @@ class WorkAhead {
     for (auto& entry : entries_) halt_(*entry.worker);
   }
 
-  // Stops and waits for what still runs, which the loop never took; gives how many.
-  std::size_t Finish() {
+  // The ends of everything started here, waited for, in the order started.
+  std::vector<std::pair<CVFileWithAction, Outcome>> TakeAll() {
     std::vector<Entry> left;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       left.swap(entries_);
     }
-    for (auto& entry : left) halt_(*entry.worker);
-    for (auto& entry : left) entry.result.wait();
-    return left.size();
+    std::vector<std::pair<CVFileWithAction, Outcome>> ends;
+    for (auto& entry : left) ends.emplace_back(std::move(entry.item), entry.result.get());
+    return ends;
+  }
+
+  // Stops and waits for what still runs, which the loop never took; gives how many.
+  std::size_t Finish() {
+    Stop();
+    return TakeAll().size();
+  }
+
+  // True when something runs here for the item's path.
+  bool Holds(const CVFileWithAction& item) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return RunningFor(item);
   }
 
   std::size_t Running() const {
