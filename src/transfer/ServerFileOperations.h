@@ -31,8 +31,8 @@ class ServerFileOperations {
 
   // An upload in two steps, so that it can be sent before its turn: SendFile
   // puts the file on the server and writes nothing here; RecordSent, in the
-  // item's turn, records it as UploadFileToServer does, unless the file has
-  // changed since it went up.
+  // item's turn, records it as UploadFileToServer does (a file changed since it
+  // went up keeps its own time, and so goes up again).
   struct Sent {
     std::int32_t code = SYNC_RETURN_FAILED;                    // as UploadFileToServer's
     std::optional<std::vector<std::string>> serverInfo;        // GetFileInfo's fields after the upload
