@@ -91,9 +91,27 @@ void CreateParentsOf(const fs::path& clone) {
 }
 
 // The state into the clone file in one step: readers see the old or the new
-// state. A clone that holds it already is left alone, which spares a new inode
-// for each of the many writes of an unchanged state.
+// state. A clone of at most one byte takes a state of at most one byte in place,
+// by one call (a truncation, or a write of its byte): a new inode for each of
+// the many writes costs the file system more than the rest of a small upload.
+// A clone that holds the state already is left alone.
+bool WroteInPlace(const fs::path& clone, const std::string& content) {
+  if (content.size() > 1) return false;
+  const int fd = ::open(clone.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return false;
+  struct stat info {};
+  char held = 0;
+  bool done = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size <= 1 &&
+              (info.st_size == 0 || ::pread(fd, &held, 1, 0) == 1);
+  if (done && std::string_view(&held, static_cast<std::size_t>(info.st_size)) != content) {
+    done = content.empty() ? ::ftruncate(fd, 0) == 0 : ::pwrite(fd, content.data(), 1, 0) == 1;
+  }
+  ::close(fd);
+  return done;
+}
+
 void WriteStateFile(const fs::path& clone, const std::string& content) {
+  if (WroteInPlace(clone, content)) return;
   std::error_code error;
   if (fs::is_regular_file(fs::symlink_status(clone, error)) && fs::file_size(clone, error) == content.size()) {
     std::ifstream in(clone, std::ios::binary);

@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 
@@ -11,15 +10,16 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-bool SameVersion(const CVFileWithAction& a, const CVFileWithAction& b) {
-  return a.nFilePath == b.nFilePath && a.fileSize == b.fileSize && a.dateModified == b.dateModified;
-}
-}  // namespace
-
-DownloadAhead::DownloadAhead(MakeDownloader make, Fetch fetch) : make_(std::move(make)), fetch_(std::move(fetch)) {}
-
-DownloadAhead::~DownloadAhead() { Finish(); }
+DownloadAhead::DownloadAhead(MakeDownloader make, Fetch fetch)
+    : work_(
+          kMostAhead, std::move(make),
+          [fetch = std::move(fetch)](const CVFileWithAction& item, AsyncFileDownloader& downloader) {
+            Outcome outcome;
+            outcome.arrived = fetch(item, downloader);
+            outcome.localErrno = downloader.lastLocalErrno();
+            return outcome;
+          },
+          [](AsyncFileDownloader& downloader) { downloader.StopDownloading(); }) {}
 
 bool DownloadAhead::Qualifies(const CVFileWithAction& item) {
   if (item.fileAction != FWA_DownloadFromServer || item.isFolder || item.isFSWAction) return false;
@@ -32,63 +32,21 @@ bool DownloadAhead::Qualifies(const CVFileWithAction& item) {
   return !folder.empty() && fs::is_directory(fs::symlink_status(folder, error));
 }
 
-void DownloadAhead::Start(const std::vector<CVFileWithAction>& next) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& item : next) {
-    if (entries_.size() >= kMostAhead) break;
-    const bool known = std::any_of(entries_.begin(), entries_.end(),
-                                   [&](const Entry& entry) { return entry.item.nFilePath == item.nFilePath; });
-    if (known || !Qualifies(item)) continue;
-    auto downloader = make_();
-    Fetch fetch = fetch_;
-    auto result = std::async(std::launch::async, [fetch, downloader, item] {
-      Outcome outcome;
-      outcome.arrived = fetch(item, *downloader);
-      outcome.localErrno = downloader->lastLocalErrno();
-      return outcome;
-    });
-    entries_.push_back(Entry{item, std::move(downloader), std::move(result)});
-  }
-}
+void DownloadAhead::Start(const std::vector<CVFileWithAction>& next) { work_.Start(next, Qualifies, false); }
 
 std::optional<DownloadAhead::Outcome> DownloadAhead::Take(const CVFileWithAction& item) {
-  Entry entry;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto found = std::find_if(entries_.begin(), entries_.end(),
-                              [&](const Entry& running) { return running.item.nFilePath == item.nFilePath; });
-    if (found == entries_.end()) return std::nullopt;
-    entry = std::move(*found);
-    entries_.erase(found);
-  }
-  if (!SameVersion(entry.item, item)) {
-    // The list was built again meanwhile and wants another version.
-    entry.downloader->StopDownloading();
-    entry.result.wait();
-    return std::nullopt;
-  }
-  return entry.result.get();
+  auto taken = work_.Take(item, /*sameVersionOnly=*/true);
+  if (!taken) return std::nullopt;
+  return taken->second;
 }
 
-void DownloadAhead::Stop() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (auto& entry : entries_) entry.downloader->StopDownloading();
-}
+void DownloadAhead::Stop() { work_.Stop(); }
 
 void DownloadAhead::Finish() {
-  std::vector<Entry> left;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    left.swap(entries_);
+  if (const std::size_t left = work_.Finish()) {
+    CVEventLogger::WriteMainLogMessage("DownloadAhead - Finish -> " + std::to_string(left) +
+                                       " download(s) started ahead were not reached; what arrived lands now");
   }
-  if (left.empty()) return;
-  for (auto& entry : left) entry.downloader->StopDownloading();
-  for (auto& entry : left) entry.result.wait();
-  CVEventLogger::WriteMainLogMessage("DownloadAhead - Finish -> " + std::to_string(left.size()) +
-                                     " download(s) started ahead were not reached; what arrived lands now");
 }
 
-std::size_t DownloadAhead::Running() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return entries_.size();
-}
+std::size_t DownloadAhead::Running() const { return work_.Running(); }

@@ -1,10 +1,8 @@
 #pragma once
 // DownloadAhead: the next few plain downloads of the work list fetched into
-// their temporary files while the loop is busy with the one before, so that a
-// run of small files does not cost one round trip after another. A download
-// started here only writes its temporary file and hands it to the landing; the
-// loop still takes every item in order and, reaching one that runs here, waits
-// for its end instead of starting it again.
+// their temporary files while the loop is busy with the one before (WorkAhead).
+// A download started here only writes its temporary file and hands it to the
+// landing.
 //
 // Only a file that nothing stands in the way of is fetched ahead: its folder is
 // there and its path is free. Such a file lands only where the path is still
@@ -14,14 +12,12 @@
 
 #include <cstddef>
 #include <functional>
-#include <future>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "SyncRecords.h"
+#include "WorkAhead.h"
 
 class AsyncFileDownloader;
 
@@ -40,8 +36,6 @@ class DownloadAhead {
   using MakeDownloader = std::function<std::shared_ptr<AsyncFileDownloader>()>;
 
   DownloadAhead(MakeDownloader make, Fetch fetch);
-  // Stops and waits for what still runs.
-  ~DownloadAhead();
   DownloadAhead(const DownloadAhead&) = delete;
   DownloadAhead& operator=(const DownloadAhead&) = delete;
 
@@ -60,14 +54,5 @@ class DownloadAhead {
   std::size_t Running() const;
 
  private:
-  struct Entry {
-    CVFileWithAction item;
-    std::shared_ptr<AsyncFileDownloader> downloader;
-    std::future<Outcome> result;
-  };
-
-  MakeDownloader make_;
-  Fetch fetch_;
-  mutable std::mutex mutex_;  // guards entries_ against Stop from another thread
-  std::vector<Entry> entries_;
+  WorkAhead<AsyncFileDownloader, Outcome> work_;
 };

@@ -62,6 +62,9 @@ std::optional<std::int64_t> Number(const std::string& text) {
 
 const char* Kind(bool isFolder) { return isFolder ? "folder" : "file"; }
 
+// A GetFileInfo reply that says the server has no item at the path.
+bool NotOnServer(const std::string& reply) { return StartsWith(reply, "-100;") || StartsWith(reply, "-6;"); }
+
 // The record of the last sync, asked path by path (in any normalisation form).
 std::optional<CVFileForCompare> RecordOf(const std::string& path) { return DownloadedFilesStore::Instance().FindSame(path); }
 
@@ -126,11 +129,24 @@ SmartSyncFileOperations::SmartSyncFileOperations(AppDelegate& app, ServerFileOpe
             downloader->SetLanding(&landing_, /*onlyWherePathFree=*/true);
             return downloader;
           },
-          [](const CVFileWithAction& item, AsyncFileDownloader& downloader) { return downloader.DownloadFile(item); }) {}
+          [](const CVFileWithAction& item, AsyncFileDownloader& downloader) { return downloader.DownloadFile(item); }),
+      uploadsAhead_(
+          kUploadsAhead, [this] { return server_.Beside(); },
+          [this](const CVFileWithAction& item, ServerFileOperations& sender) -> std::optional<ServerFileOperations::Sent> {
+            if (CVStaticHelpers::isFileLockedPreUploadCheck(item.nFilePath, app_.clock())) return std::nullopt;
+            // Only where the server says it has nothing; the loop decides what anything else means.
+            if (!NotOnServer(GetFileInfoReturnForPath(item.nFilePath))) return std::nullopt;
+            CVFileWithAction copy = item;
+            return sender.SendFile(copy);
+          },
+          [](ServerFileOperations& sender) { sender.StopCurrentAction(); }) {}
 
 SmartSyncFileOperations::~SmartSyncFileOperations() = default;
 
-void SmartSyncFileOperations::StopCurrentAction() { server_.StopCurrentAction(); }
+void SmartSyncFileOperations::StopCurrentAction() {
+  server_.StopCurrentAction();
+  uploadsAhead_.Stop();
+}
 
 void SmartSyncFileOperations::MarkInProgress(const std::string& path, bool isFolder) {
   app_.AddFileInProgress(path);
@@ -196,6 +212,7 @@ std::string SmartSyncFileOperations::GetFileInfoReturnForPath(const std::string&
 
 std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, CVFileWithAction& item) {
   Log("PerformNextFileOperation", "Next File Operation " + item.nFilePath);
+  SettleUploadsAhead(item);
   auto storage = CVStaticHelpers::GetSpSiteForLocalPath(item.nFilePath);
   if (!storage) return SYNC_RETURN_OK;  // no storage: the entry stays where it is
   auto site = CVSelectiveSync::Instance().GetSiteRulesByName(storage->Name);
@@ -215,13 +232,7 @@ std::int32_t SmartSyncFileOperations::PerformNextFileOperation(SmartSync& sync, 
         markBusy();
         result = PerformUploadToServer(sync, item);
         if (result == SYNC_RETURN_OK) {
-          WriteState(item.nFilePath, "0", item.isFolder);
-          if (site && !item.oldFilePath.empty()) {
-            site->renameSyncItemAndRule(item.oldFilePath, item.nFilePath, item.isFolder);
-          } else if (site) {
-            site->addSyncItem(item.isFolder, item.nFilePath);
-            site->addSyncRule(CVSelectiveSyncRule::syncAll, item.nFilePath);
-          }
+          Uploaded(site, item);
         } else {
           WriteState(item.nFilePath, "2", item.isFolder);
         }
@@ -545,6 +556,44 @@ std::int32_t SmartSyncFileOperations::HoldBack(const HeldBackName& name) {
   return SYNC_RETURN_NAME_HELD_BACK;
 }
 
+void SmartSyncFileOperations::Uploaded(const std::shared_ptr<CVSelectiveSyncSite>& site, const CVFileWithAction& item) {
+  WriteState(item.nFilePath, "0", item.isFolder);
+  if (site && !item.oldFilePath.empty()) {
+    site->renameSyncItemAndRule(item.oldFilePath, item.nFilePath, item.isFolder);
+  } else if (site) {
+    site->addSyncItem(item.isFolder, item.nFilePath);
+    site->addSyncRule(CVSelectiveSyncRule::syncAll, item.nFilePath);
+  }
+}
+
+void SmartSyncFileOperations::SettleUploadsAhead(const CVFileWithAction& next) {
+  if (uploadsAhead_.Running() == 0 || uploadsAhead_.Holds(next)) return;
+  for (auto& [item, sent] : uploadsAhead_.TakeAll()) {
+    if (!sent || sent->code != SYNC_RETURN_OK) continue;
+    Log("SettleUploadsAhead", "sent ahead, recorded before " + next.nFilePath + ": " + item.nFilePath);
+    app_.AddFileInProgress(item.nFilePath);
+    if (server_.RecordSent(item, *sent) == SYNC_RETURN_OK) {
+      Uploaded(CVSelectiveSync::GetSelectiveSyncSiteForLocalPath(item.nFilePath), item);
+    }
+  }
+}
+
+bool SmartSyncFileOperations::UploadQualifies(const CVFileWithAction& item) {
+  if (item.fileAction != FWA_UploadToServer || item.isFolder || item.isFSWAction) return false;
+  struct stat info {};
+  if (::lstat(item.nFilePath.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > kLargestUploadAhead) {
+    return false;
+  }
+  if (IsRecorded(item.nFilePath) || NameHeldBack(item.nFilePath)) return false;
+  // Its folder went up before it: the storage's own, or one the record knows.
+  const std::string folder = ParentOf(item.nFilePath);
+  auto storage = StorageOf(item.nFilePath);
+  if (!storage) return false;
+  if (folder == CVStaticHelpers::GenerateRootPathForStorages() + "/" + storage->first) return true;
+  auto record = RecordOf(folder);
+  return record && record->isFolder;
+}
+
 bool SmartSyncFileOperations::CheckNextFileOnServer(const CVFileWithAction& item,
                                                     const std::optional<std::vector<std::string>>& serverData) {
   try {
@@ -562,6 +611,18 @@ std::int32_t SmartSyncFileOperations::PerformUploadToServer(SmartSync& sync, CVF
   try {
     Log("PerformUploadToServer", "Upload to server:  " + item.nFilePath);
     app_.AddFileInProgress(item.nFilePath);
+    auto ahead = uploadsAhead_.Take(item, /*sameVersionOnly=*/false);
+    // The next new files go up while this one does; after a folder, once it is there.
+    if (!item.isFolder) {
+      uploadsAhead_.Start(sync.serverQueue().FirstItems(2 * kUploadsAhead),
+                          [this](const CVFileWithAction& next) { return UploadQualifies(next); },
+                          /*leadingOnly=*/true);
+    }
+    if (ahead && ahead->second && ahead->second->code == SYNC_RETURN_OK) {
+      // The server had nothing there and has the file now: recorded in its turn,
+      // unless it changed after it went up.
+      return server_.RecordSent(item, *ahead->second);
+    }
     if (!CVStaticHelpers::ExistsInAnyForm(item.nFilePath)) return SYNC_RETURN_STATE_CHANGED;
     if (auto held = NameHeldBack(item.nFilePath)) return HoldBack(*held);
     struct stat info {};
@@ -733,7 +794,7 @@ std::int32_t SmartSyncFileOperations::PerformDownloadFromServer(SmartSync& sync,
 bool SmartSyncFileOperations::ForgetIfGoneFromServer(const CVFileWithAction& item, const char* method) {
   // After a failed transfer the server is asked whether the item is still there.
   std::string reply = GetFileInfoReturnForPath(item.nFilePath);
-  if (StartsWith(reply, "-100;") || StartsWith(reply, "-6;")) {
+  if (NotOnServer(reply)) {
     AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
     return true;
   }
@@ -846,6 +907,10 @@ void SmartSyncFileOperations::LandDownloads() {
 }
 
 void SmartSyncFileOperations::FinishPendingWork() {
+  if (const std::size_t left = uploadsAhead_.Finish()) {
+    // Not recorded: the next pass finds them on the server with the same content.
+    Log("FinishPendingWork", std::to_string(left) + " upload(s) sent ahead were not reached");
+  }
   ahead_.Finish();
   if (landing_.empty()) return;
   LandDownloads();

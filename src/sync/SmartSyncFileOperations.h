@@ -22,11 +22,12 @@
 #include "DownloadLanding.h"
 #include "FileOperationDispatcher.h"
 #include "HeldBackNames.h"
+#include "ServerFileOperations.h"
 #include "SyncRecords.h"
+#include "WorkAhead.h"
 
 class AppDelegate;
 class CVSelectiveSyncSite;
-class ServerFileOperations;
 class AsyncFileDownloader;
 
 class SmartSyncFileOperations : public FileOperationDispatcher {
@@ -98,6 +99,16 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   std::optional<std::string> ServerSpellingOf(SmartSync& sync, const std::string& path);
   // Keeps the item here and reports it; the user is told the first time.
   std::int32_t HoldBack(const HeldBackName& name);
+  // True for an upload worth sending before the loop reaches it: a new small
+  // file, a plain one under a name that may go up, in a folder the server has.
+  bool UploadQualifies(const CVFileWithAction& item);
+  // Before any item but the next of those sent ahead: what went up ahead is
+  // recorded first, in its order, as the loop would have had it, so that an
+  // item that comes in between (a local rename of one of these files) finds
+  // them on the server and in the record.
+  void SettleUploadsAhead(const CVFileWithAction& next);
+  // What follows an upload here: its overlay state and its place in the selective sync store.
+  void Uploaded(const std::shared_ptr<CVSelectiveSyncSite>& site, const CVFileWithAction& item);
   // True (and the record forgotten) when the server no longer has the item.
   bool ForgetIfGoneFromServer(const CVFileWithAction& item, const char* method);
 
@@ -127,4 +138,9 @@ class SmartSyncFileOperations : public FileOperationDispatcher {
   std::shared_ptr<AsyncFileDownloader> cvAFD_;
   // After landing_: what runs ahead hands its files to the landing until it has stopped.
   DownloadAhead ahead_;
+  // New files sent while the loop works on the one before; only where the
+  // server has nothing at their path. The loop records each in its turn.
+  static constexpr std::size_t kUploadsAhead = 3;  // with the loop's own, the request queue's four
+  static constexpr std::int64_t kLargestUploadAhead = 1 << 20;
+  WorkAhead<ServerFileOperations, std::optional<ServerFileOperations::Sent>> uploadsAhead_;
 };

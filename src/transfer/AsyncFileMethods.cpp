@@ -433,10 +433,20 @@ std::int32_t AsyncFileMethods::DeleteOnServer(CVFileWithAction& item, bool write
 // --- Upload ---
 
 std::int32_t AsyncFileMethods::UploadFileToServer(CVFileWithAction& item) {
+  const Sent sent = SendFile(item);
+  return sent.code == SYNC_RETURN_OK ? RecordSent(item, sent) : sent.code;
+}
+
+ServerFileOperations::Sent AsyncFileMethods::SendFile(CVFileWithAction& item) {
   const char* method = "UploadFileToServer";
+  Sent sent;
+  auto ended = [&sent](std::int32_t code) {
+    sent.code = code;
+    return sent;
+  };
   try {
     auto target = Begin(method, item, kActionUpload);
-    if (!target) return SYNC_RETURN_FAILED;
+    if (!target) return ended(SYNC_RETURN_FAILED);
     // The server gets the name as the sync holds it; the bytes come from the
     // name as it stands on this disk, which does not normalise names.
     const std::string path = CVStaticHelpers::ExistingForm(item.nFilePath);
@@ -444,9 +454,9 @@ std::int32_t AsyncFileMethods::UploadFileToServer(CVFileWithAction& item) {
     for (int round = 0; round < kUploadPasses; ++round) {
       const std::string token = handler.UsableCVToken(target->siteName);
       if (token.empty()) continue;
-      if (Stopped()) return SYNC_RETURN_LOCKED;
+      if (Stopped()) return ended(SYNC_RETURN_LOCKED);
       // What went up, to tell afterwards whether the file changed meanwhile.
-      const auto before = FileStamp(path);
+      sent.stamp = FileStamp(path);
       int status = 0;
       try {
         status = UploadFileToServerAtPath51(path, token, target->servPath, target->site);
@@ -457,13 +467,13 @@ std::int32_t AsyncFileMethods::UploadFileToServer(CVFileWithAction& item) {
       const std::int32_t code = CheckResponseCode(status);
       if (code == SYNC_RETURN_OK) {
         // Recorded even when a stop came after the end: the server has the file.
-        if (auto info = handler.GetFileInfo(target->servPath, target->siteName)) RecordUpload(item, *info, before);
-        return SYNC_RETURN_OK;
+        sent.serverInfo = handler.GetFileInfo(target->servPath, target->siteName);
+        return ended(SYNC_RETURN_OK);
       }
-      if (Stopped() || status == AsyncFileUploader::kStatusStopped) return SYNC_RETURN_LOCKED;
+      if (Stopped() || status == AsyncFileUploader::kStatusStopped) return ended(SYNC_RETURN_LOCKED);
       if (status == AsyncFileUploader::kStatusFileChanged) {
         Log(method, "File no found, upload break");
-        return SYNC_RETURN_LOCKED;
+        return ended(SYNC_RETURN_LOCKED);
       }
       if (status == AsyncFileUploader::kStatusFailure || status == AsyncFileUploader::kStatusPartExists) {
         handler.RemoveCVToken(target->siteName);
@@ -473,13 +483,34 @@ std::int32_t AsyncFileMethods::UploadFileToServer(CVFileWithAction& item) {
         handler.RemoveCVToken(target->siteName);
         continue;
       }
-      return code;
+      return ended(code);
     }
-    return SYNC_RETURN_FAILED;
+    return ended(SYNC_RETURN_FAILED);
   } catch (const std::exception& failure) {
     CVEventLogger::LogException(kClass, method, failure.what());
-    return SYNC_RETURN_FAILED;
+    return ended(SYNC_RETURN_FAILED);
   }
+}
+
+std::int32_t AsyncFileMethods::RecordSent(CVFileWithAction& item, const Sent& sent) {
+  try {
+    if (sent.serverInfo) RecordUpload(item, *sent.serverInfo, sent.stamp);
+  } catch (const std::exception& failure) {
+    CVEventLogger::LogException(kClass, "UploadFileToServer", failure.what());
+  }
+  return SYNC_RETURN_OK;
+}
+
+std::shared_ptr<ServerFileOperations> AsyncFileMethods::Beside() {
+  auto other = std::make_shared<AsyncFileMethods>(clock_);
+  // Known here once, so that no upload beside asks the server for it again.
+  const std::int64_t partKb = ConfiguredPartSizeKb();
+  std::lock_guard<std::mutex> lock(hooksLock_);
+  other->firstTimeSyncPerformed_ = firstTimeSyncPerformed_;
+  other->syncMainThreadShouldRun_ = syncMainThreadShouldRun_;
+  other->partSizeSource_ = partSizeSource_;
+  other->serverPartSizeKb_ = partKb;
+  return other;
 }
 
 bool AsyncFileMethods::RecordIfServerHoldsSame(CVFileWithAction& item, const std::vector<std::string>& serverInfo) {

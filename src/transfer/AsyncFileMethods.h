@@ -81,6 +81,10 @@ class AsyncFileMethods : public ServerFileOperations {
   std::int32_t DeleteFileOnServer(CVFileWithAction& item) override;
   std::int32_t DeleteFolderOnServer(CVFileWithAction& item) override;
   bool RecordIfServerHoldsSame(CVFileWithAction& item, const std::vector<std::string>& serverInfo) override;
+  Sent SendFile(CVFileWithAction& item) override;
+  std::int32_t RecordSent(CVFileWithAction& item, const Sent& sent) override;
+  // With the same hooks and part size, and a stop of its own.
+  std::shared_ptr<ServerFileOperations> Beside() override;
   // Renames oldFilePath to nFilePath on the server: 0, or -61 when the server
   // had no source (or the target was taken), which the sync treats as done.
   std::int32_t RenameFileOnServer(CVFileWithAction& item, bool writeState);

@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 
 #include "AsyncFileCommonPart.h"
@@ -31,15 +33,32 @@ class FakeServerOperations : public ServerFileOperations {
     return Note("same?", item) == SYNC_RETURN_OK && serverHoldsSame;
   }
   void StopCurrentAction() override {}
+  Sent SendFile(CVFileWithAction& item) override { return {Note("upload", item), {}, {}}; }
+  std::int32_t RecordSent(CVFileWithAction& item, const Sent&) override {
+    AsyncFileCommonPart::WriteToDownloadedFiles(item, false);
+    return Note("record", item);
+  }
+  // Beside the loop: the same log, each call marked.
+  std::shared_ptr<ServerFileOperations> Beside() override {
+    if (!besideAllowed) return nullptr;
+    auto other = std::make_shared<FakeServerOperations>();
+    other->of = this;
+    return other;
+  }
 
   std::int32_t Note(const std::string& what, const CVFileWithAction& item) {
+    if (of) return of->Note(what + " beside", item);
+    std::lock_guard<std::mutex> lock(callsLock);
     calls.push_back(what + ":" + fs::path(item.nFilePath).filename().string());
     auto it = results.find(what);
     return it == results.end() ? SYNC_RETURN_OK : it->second;
   }
+  std::mutex callsLock;
   std::vector<std::string> calls;
   std::map<std::string, std::int32_t> results;
   bool serverHoldsSame = false;
+  bool besideAllowed = false;
+  FakeServerOperations* of = nullptr;
 };
 
 // The download and the server's file info, faked.
@@ -231,6 +250,32 @@ TEST_F(FileOperationsTest, ServerDeletionsGoToTheTrashAndUntickedItemsKeepTheirR
   CVFileWithAction deselected = ServerItem(unticked, FWA_DeleteLocally);
   EXPECT_EQ(ops.PerformDeleteLocally(sync(), deselected, site), SYNC_RETURN_OK);
   EXPECT_TRUE(site->ItemFoundForPath(unticked));
+}
+
+TEST_F(FileOperationsTest, NewFilesGoUpAheadAndAreRecordedBeforeALocalRenameOfOneOfThem) {
+  serverOps.besideAllowed = true;
+  ops.serverReply = "-6;File/Folder not found;";
+  for (const char* name : {"a.txt", "b.txt", "c.txt"}) Make(name, "new");
+  auto upload = [&](const char* name) {
+    CVFileWithAction item;
+    item.nFilePath = root + "/" + name;
+    item.fileAction = FWA_UploadToServer;
+    return item;
+  };
+  sync().serverQueue().SQ_ServerQueue = {upload("b.txt"), upload("c.txt")};
+  CVFileWithAction first = upload("a.txt");
+  EXPECT_EQ(ops.PerformNextFileOperation(sync(), first), SYNC_RETURN_OK);
+
+  // b.txt is renamed before the loop reaches it: what went up ahead is recorded first.
+  fs::rename(root + "/b.txt", root + "/d.txt");
+  NFQ_File rename = LocalEntry(root + "/d.txt", NFQ_Renamed);
+  rename.oldFilePath = root + "/b.txt";
+  auto renamed = TakeLocal(rename);
+  EXPECT_EQ(ops.PerformNextFileOperation(sync(), renamed), SYNC_RETURN_OK);
+  std::vector<std::string> calls = serverOps.calls;
+  std::sort(calls.begin(), calls.begin() + 3);  // the loop's own and those beside it, at once
+  EXPECT_THAT(calls, ElementsAre("upload beside:b.txt", "upload beside:c.txt", "upload:a.txt", "record:b.txt",
+                                 "record:c.txt", "rename:d.txt"));
 }
 
 TEST_F(FileOperationsTest, RenamesGivenUpOrWithNoSourceAndTheirFates) {

@@ -1,6 +1,7 @@
 // The cloned state tree under ".Settings/.Hash" and the pending redraws.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -68,8 +69,12 @@ TEST_F(ClonnedTreeTest, StatesAreWrittenWholeAndZeroIsEmpty) {
   EXPECT_TRUE(Tree::CheckClonnedFileExistence(file));
   EXPECT_EQ(ReadFile(Clone("Docs/a/b.txt")), "1");
 
+  struct stat first {}, later {};
+  ::stat(Clone("Docs/a/b.txt").c_str(), &first);
   Tree::WriteFileStateToClonnedTreeForPath(file, "2", false);  // replaced, not appended
   EXPECT_EQ(ReadFile(Clone("Docs/a/b.txt")), "2");
+  ::stat(Clone("Docs/a/b.txt").c_str(), &later);
+  EXPECT_EQ(later.st_ino, first.st_ino) << "a state of one byte is written in place";
 
   Tree::WriteFileStateToClonnedTreeForPath(file, "0", false);
   EXPECT_TRUE(fs::is_regular_file(Clone("Docs/a/b.txt")));
