@@ -353,20 +353,20 @@ std::string ViewSharedFilesController::JoinIds(const std::vector<std::string>& i
 
 void ViewSharedFilesController::UnshareSlectedFiles(const std::vector<WSFileProperty>& items, const Ask& ask) {
   if (sharedIn() || items.empty() || !ask("", items.size() == 1 ? kUnshareOne : kUnshareMany)) return;
-  Unshare(SearcIDForRecipients(RecipientsOf(items, {})));
+  Unshare(SearcIDForRecipients(RecipientsOf(items, {})), false);
 }
 
 void ViewSharedFilesController::UnshareLinks(const std::vector<ShareRow>& rows) {
   const auto ids = SearcIDForRecipients(rows);
-  if (!sharedIn() && !ids.empty()) Unshare(ids);
+  if (!sharedIn() && !ids.empty()) Unshare(ids, true);
 }
 
-void ViewSharedFilesController::Unshare(const std::vector<std::string>& ids) {
-  worker_.Run([this, ids = JoinIds(ids)](const std::string& token) -> std::function<void()> {
+void ViewSharedFilesController::Unshare(const std::vector<std::string>& ids, bool toPeople) {
+  worker_.Run([this, ids = JoinIds(ids), toPeople](const std::string& token) -> std::function<void()> {
     const bool done = service_.DeleteSharedLink(token, ids);
-    return [this, done] {
+    return [this, done, toPeople] {
       Tell(done ? kUnshared : kUnshareError);
-      Refresh();
+      toPeople ? GetRecipientsList() : Refresh();
     };
   });
 }
@@ -438,7 +438,7 @@ void ViewSharedFilesController::ExtendShare(const std::vector<ShareRow>& rows, s
     if (!done) CVEventLogger::WriteMainLogMessage("View Shared Files Window -> ExtendShare: " + result);
     return [this, done] {
       Tell(done ? kExtended : kUnshareError);
-      Refresh();
+      GetRecipientsList();
     };
   });
 }

@@ -106,7 +106,7 @@ class ViewSharedFilesController {
   // Whether ShareFilesExtend2's answer means the shares were extended.
   static bool ExtendSucceeded(const std::string& result);
   // The edit sheet: a new expiry for the checked rows' shares (nothing: no
-  // expiry), or their end, with no question.
+  // expiry), or their end, with no question; then back to Shared Out's people.
   void ExtendShare(const std::vector<ShareRow>& rows, std::optional<Clock::time_point> until);
   void UnshareLinks(const std::vector<ShareRow>& rows);
 
@@ -149,7 +149,8 @@ class ViewSharedFilesController {
   void Changed();
   bool sharedIn() const { return currentWindowState == kSharedIn; }
   static std::string JoinIds(const std::vector<std::string>& ids);
-  void Unshare(const std::vector<std::string>& ids);
+  // Then the level shown is read again, or, from the edit sheet, the people.
+  void Unshare(const std::vector<std::string>& ids, bool toPeople);
 
   SharedFilesService& service_;
   std::vector<Place> stack_;  // the way back out of folders

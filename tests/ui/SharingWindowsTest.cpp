@@ -98,6 +98,12 @@ TEST(SharingWindows, SharedFilesOpenDownloadClearAndChangeTheirShares) {
     Press(s.sheet, s.act);
     EXPECT_EQ(Message(window, "sharedFilesMessage"), s.message) << s.act;
     settle();
+    if (&s.sheet == &window.resendSheet()) continue;
+    // The edit sheet goes back to the people of Shared Out.
+    EXPECT_EQ(Texts(*table), (std::vector<std::string>{"A", alice})) << s.act;
+    Press(window, "openButton");
+    settle();
+    table->topLevelItem(1)->setSelected(true);
   }
   EXPECT_EQ(service.resent, std::vector<std::string>{"1"});
   ASSERT_EQ(service.extended.size(), 1u);
