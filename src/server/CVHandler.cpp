@@ -191,6 +191,10 @@ bool CVHandler::IsBadTokenReply(const std::string& reply) {
   return StartsWith(reply, "-1;") || StartsWith(reply, "-3;");
 }
 
+bool CVHandler::IsNotFoundReply(const std::string& reply) {
+  return StartsWith(reply, "-100;") || StartsWith(reply, "-6;");
+}
+
 std::string CVHandler::CheckCVToken(const std::string& key) {
   if (auto existing = FindToken(key)) return *existing;
   if (key == kMainTokenKey) {
@@ -457,7 +461,7 @@ std::string CVHandler::GetFileInfoReturnForPath(const std::string& serverPath,
     } else if (StartsWith(last, "0;")) {
       Log("GetFileInfoReturnForPath", "Get file info string successfully " + last);
       return last;
-    } else if (StartsWith(last, "-100;") || StartsWith(last, "-6;")) {
+    } else if (IsNotFoundReply(last)) {
       Log("GetFileInfoReturnForPath", "Get file info string file not found: " + last);
       return last;
     } else if (IsBadTokenReply(last)) {

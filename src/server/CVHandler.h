@@ -47,6 +47,8 @@ class CVHandler {
   std::string UsableCVToken(const std::string& key);
   // A reply that says the token is unknown or expired: "-1;" or "-3;".
   static bool IsBadTokenReply(const std::string& reply);
+  // A reply that says the server has no item at the path: "-100;" or "-6;".
+  static bool IsNotFoundReply(const std::string& reply);
   void RemoveCVTokenForTokenValue(const std::string& token);
   void RemoveAllTokens();
 

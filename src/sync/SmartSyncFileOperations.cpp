@@ -51,8 +51,6 @@ std::string LastComponent(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-bool StartsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
-
 std::optional<std::int64_t> Number(const std::string& text) {
   std::int64_t value = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -61,9 +59,6 @@ std::optional<std::int64_t> Number(const std::string& text) {
 }
 
 const char* Kind(bool isFolder) { return isFolder ? "folder" : "file"; }
-
-// A GetFileInfo reply that says the server has no item at the path.
-bool NotOnServer(const std::string& reply) { return StartsWith(reply, "-100;") || StartsWith(reply, "-6;"); }
 
 // The record of the last sync, asked path by path (in any normalisation form).
 std::optional<CVFileForCompare> RecordOf(const std::string& path) { return DownloadedFilesStore::Instance().FindSame(path); }
@@ -135,7 +130,7 @@ SmartSyncFileOperations::SmartSyncFileOperations(AppDelegate& app, ServerFileOpe
           [this](const CVFileWithAction& item, ServerFileOperations& sender) -> std::optional<ServerFileOperations::Sent> {
             if (CVStaticHelpers::isFileLockedPreUploadCheck(item.nFilePath, app_.clock())) return std::nullopt;
             // Only where the server says it has nothing; the loop decides what anything else means.
-            if (!NotOnServer(GetFileInfoReturnForPath(item.nFilePath))) return std::nullopt;
+            if (!CVHandler::IsNotFoundReply(GetFileInfoReturnForPath(item.nFilePath))) return std::nullopt;
             CVFileWithAction copy = item;
             return sender.SendFile(copy);
           },
@@ -481,7 +476,7 @@ std::optional<HeldBackName> SmartSyncFileOperations::NameHeldBack(const std::str
   if (!storage) return std::nullopt;
   const auto& [name, type] = *storage;
   const bool share = ServerNameRules::IsShareKind(type);
-  std::string parent = CVStaticHelpers::GenerateRootPathForStorages() + "/" + name;
+  std::string parent = CVStaticHelpers::GeneratePathToSite(name);
   if (!path.starts_with(parent + "/")) return std::nullopt;
   for (std::size_t start = parent.size() + 1; start <= path.size();) {
     std::size_t end = std::min(path.find('/', start), path.size());
@@ -589,7 +584,7 @@ bool SmartSyncFileOperations::UploadQualifies(const CVFileWithAction& item) {
   const std::string folder = ParentOf(item.nFilePath);
   auto storage = StorageOf(item.nFilePath);
   if (!storage) return false;
-  if (folder == CVStaticHelpers::GenerateRootPathForStorages() + "/" + storage->first) return true;
+  if (folder == CVStaticHelpers::GeneratePathToSite(storage->first)) return true;
   auto record = RecordOf(folder);
   return record && record->isFolder;
 }
@@ -794,7 +789,7 @@ std::int32_t SmartSyncFileOperations::PerformDownloadFromServer(SmartSync& sync,
 bool SmartSyncFileOperations::ForgetIfGoneFromServer(const CVFileWithAction& item, const char* method) {
   // After a failed transfer the server is asked whether the item is still there.
   std::string reply = GetFileInfoReturnForPath(item.nFilePath);
-  if (NotOnServer(reply)) {
+  if (CVHandler::IsNotFoundReply(reply)) {
     AsyncFileCommonPart::RemoveFromDownloadedFiles(item);
     return true;
   }

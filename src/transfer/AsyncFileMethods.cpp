@@ -322,7 +322,7 @@ std::int32_t AsyncFileMethods::RenameFileOnServer(CVFileWithAction& item, bool w
         }
         if (handler) handler(false);
       }
-      if (reply.starts_with("-6;") || reply.starts_with("-100;")) reply = "-61;";
+      if (CVHandler::IsNotFoundReply(reply)) reply = "-61;";
       PassResult result;
       result.code = CheckResponseString(reply);
       if (result.code == SYNC_RETURN_OK || result.code == SYNC_RETURN_RENAME_SOURCE_GONE) {
